@@ -1,0 +1,18 @@
+# Flags shared by every target of this project. Floating point is deliberate: no contraction and no
+# fast-math, so that the same input gives the same bits at every optimisation level and on every CPU.
+set(CMAKE_CXX_STANDARD 17)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_C_STANDARD 99)
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+set(CMAKE_CXX_FLAGS_RELEASE "-O3 -DNDEBUG")
+
+add_library(se_options INTERFACE)
+target_compile_options(se_options INTERFACE
+  -Wall -Wextra -Wconversion -Wshadow -ffp-contract=off -fno-math-errno
+  $<$<COMPILE_LANGUAGE:CXX>:-fvisibility=hidden -fvisibility-inlines-hidden>)
+if(SE_SANITIZE)
+  target_compile_options(se_options INTERFACE
+    -fsanitize=${SE_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
+  target_link_options(se_options INTERFACE -fsanitize=${SE_SANITIZE})
+endif()

@@ -1,0 +1,81 @@
+// The one mechanism by which modules find their place in memory that the caller owns.
+//
+// A module describes its memory once, as a walk over a region: first its state record, then its
+// buffers and nested modules, slot after slot without gaps. The same walk answers both questions:
+// started without a base address it measures (every pointer is null, `size()` is what *_query_mem
+// or
+// *_query_scratch returns); started at an address it places.
+//
+//   struct Layout { LimiterStruct* state; float* blocks; };
+//   Layout lay_out(MemoryWalk& mem) {
+//     return {mem.record<LimiterStruct>(kLimiterSlot), mem.buffer<float>(3 * 16)};
+//   }
+//
+// Braced initialisers evaluate in order, so the order of the fields is the order in memory. The
+// address handed in may have any alignment: every slot is consumed whole, slack included, whether
+// or not the rounding needed it.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+namespace se {
+
+// What a state record takes in its module's memory. `bytes` is the published figure of the slot on
+// targets with 4-byte pointers, slack for alignment included, and `record_bytes` the size of the
+// record there. Wider pointers grow the slot by exactly what the record grows.
+struct RecordSlot {
+  std::size_t bytes;
+  std::size_t record_bytes;
+
+  constexpr std::size_t bytes_for(std::size_t actual_record_bytes) const {
+    return actual_record_bytes > record_bytes ? bytes + (actual_record_bytes - record_bytes)
+                                              : bytes;
+  }
+};
+
+class MemoryWalk {
+ public:
+  MemoryWalk() = default;                                    // measures
+  explicit MemoryWalk(void* base) : base_(address(base)) {}  // places
+
+  // The state record, on its natural boundary. Growing the slot by the record alone leaves room for
+  // the boundary of 8 that 8-byte pointers ask for: whatever follows in the region is aligned to at
+  // least 8 and is placed 3 or more bytes behind the unaligned end of the record, so it can never
+  // reach back over the end of the aligned one.
+  template <class Record>
+  Record* record(RecordSlot slot) {
+    return take<Record>(slot.bytes_for(sizeof(Record)), alignof(Record));
+  }
+
+  // A buffer of `count` values on a 16-byte boundary: 15 bytes of slack. Tables that follow one
+  // another without slack of their own are one buffer, split by the module.
+  template <class T>
+  T* buffer(std::size_t count) {
+    return take<T>(count * sizeof(T) + kBufferAlignment - 1, kBufferAlignment);
+  }
+
+  // The region of a nested module of `bytes`, handed to its own init as it is (any alignment).
+  void* nested(std::size_t bytes) { return take<void>(bytes, 1); }
+
+  // Bytes walked so far.
+  std::size_t size() const { return used_; }
+
+ private:
+  static constexpr std::size_t kBufferAlignment = 16;
+
+  static std::uintptr_t address(void* p) { return reinterpret_cast<std::uintptr_t>(p); }
+
+  template <class T>
+  T* take(std::size_t bytes, std::size_t alignment) {
+    const std::uintptr_t start = base_ + used_;
+    used_ += bytes;
+    if (base_ == 0) return nullptr;
+    return reinterpret_cast<T*>((start + (alignment - 1)) & ~(alignment - 1));
+  }
+
+  std::uintptr_t base_ = 0;
+  std::size_t used_ = 0;
+};
+
+}  // namespace se

@@ -1,0 +1,29 @@
+// The hot loops of the library behind one table of functions.
+//
+// A kernel is a plain function over arrays that the caller owns; it allocates nothing and keeps
+// nothing. The scalar variant is the definition: every other variant gives the same bits. Which
+// variant runs is decided once, when the library is loaded; modules call `kernels()` per use and
+// never ask about the CPU themselves.
+#pragma once
+
+#include "kernels/echo_kernels.h"
+#include "kernels/nn_kernels.h"
+#include "kernels/sample_kernels.h"
+#include "kernels/spectral_kernels.h"
+
+namespace se {
+
+struct Kernels {
+  const char* name;  // "scalar", ...
+  const SpectralKernels* spectral;
+  const EchoKernels* echo;
+  const NnKernels* nn;
+  const SampleKernels* sample;
+};
+
+extern const Kernels kScalarKernels;
+
+// The variant in use. Never null; safe to call from any thread and before static constructors ran.
+const Kernels& kernels();
+
+}  // namespace se
