@@ -1,0 +1,329 @@
+// The engine's life, queries, configuration and the invariants of its interface.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "allocation_trap.h"
+#include "engine/se_instance.h"
+#include "speechenhance/denoiser.h"
+#include "speechenhance/speechenhance.h"
+
+namespace {
+
+constexpr int kBlock = SE_BLOCK_LEN;
+
+class Engine {
+ public:
+  Engine() {
+    testing::internal::CaptureStdout();
+    instance_ = se_create();
+    lines_ = testing::internal::GetCapturedStdout();
+  }
+  ~Engine() { se_destroy(instance_); }
+  Engine(const Engine&) = delete;
+
+  void configure(const NnProcessConfig& config) {
+    testing::internal::CaptureStdout();
+    set_nn_process_config(instance_, config);
+    config_line_ = testing::internal::GetCapturedStdout();
+  }
+  SEInstance* operator->() const { return instance_; }
+  SEInstance* get() const { return instance_; }
+  const std::string& lines() const { return lines_; }
+  const std::string& config_line() const { return config_line_; }
+
+ private:
+  SEInstance* instance_;
+  std::string lines_, config_line_;
+};
+
+// A deterministic signal between -amplitude and amplitude, different for every seed.
+std::vector<float> noise(std::size_t n, float amplitude, std::uint32_t seed) {
+  std::vector<float> samples(n);
+  for (float& x : samples) {
+    seed = seed * 1664525u + 1013904223u;
+    x = amplitude * (static_cast<float>(seed >> 8) / 8388608.0f - 1.0f);
+  }
+  return samples;
+}
+
+std::vector<std::int16_t> noise_s16(std::size_t n, float amplitude, std::uint32_t seed) {
+  std::vector<std::int16_t> samples;
+  for (const float x : noise(n, amplitude * 32767.0f, seed)) {
+    samples.push_back(static_cast<std::int16_t>(x));
+  }
+  return samples;
+}
+
+// Runs both microphones on `mic` and returns the output.
+std::vector<float> run(SEInstance* engine, const std::vector<float>& mic,
+                       const std::vector<float>& ref, bool nn_only, bool use_ns) {
+  std::vector<float> out(mic.size());
+  for (std::size_t at = 0; at + kBlock <= mic.size(); at += kBlock) {
+    float mics[2 * kBlock];
+    std::memcpy(mics, &mic[at], sizeof mics / 2);
+    std::memcpy(mics + kBlock, &mic[at], sizeof mics / 2);
+    se_process(engine, mics, &ref[at], &out[at], nn_only, use_ns);
+  }
+  return out;
+}
+
+TEST(Engine, ReportsAndPlacesItsMemory) {
+  const Engine engine, second;
+  EXPECT_EQ(engine.lines(), second.lines());
+
+  long total, stft, aec, nn, limiter, agc, scratch, scratch_stft, scratch_aec, scratch_nn;
+  ASSERT_EQ(10,
+            std::sscanf(engine.lines().c_str(),
+                        "Static mem: %ld, stft: %ld, aec: %ld, nn: %ld, limiter: %ld, agc: %ld\n"
+                        "Scratch mem: %ld, stft: %ld, aec: %ld, nn: %ld\n",
+                        &total, &stft, &aec, &nn, &limiter, &agc, &scratch, &scratch_stft,
+                        &scratch_aec, &scratch_nn))
+      << engine.lines();
+  if (sizeof(void*) == 4) {
+    EXPECT_EQ(sizeof(SEInstance), 280u);
+    EXPECT_EQ(stft, 2 * 5487 + 7550 + 2063);
+    EXPECT_EQ(aec, 46080 + 5487 + 2071);
+    EXPECT_EQ(nn, 37598 + 10442 + 1098 + 16508);
+    EXPECT_EQ(limiter, 246);
+    EXPECT_EQ(agc, 201);
+  }
+  const long outside_groups = static_cast<long>(sizeof(SEInstance)) + 7 + 2 * 2071 + 2 * 1043;
+  EXPECT_EQ(total, stft + aec + nn + limiter + agc + outside_groups);
+  EXPECT_EQ(scratch_stft, 6174);
+  EXPECT_EQ(scratch_aec, 2074);
+  EXPECT_EQ(scratch_nn, 134317 + 1043 + 3129);
+  EXPECT_EQ(scratch, scratch_nn);
+
+  const auto* begin = static_cast<const char*>(engine->static_mem);
+  const void* buffers[] = {engine->mic_spec[0], engine->mic_spec[1], engine->mic_pow[0],
+                           engine->mic_pow[1],  engine->ref_spec,    engine->window,
+                           engine->noise_spec,  engine->ns_spec,     engine->spec_history,
+                           engine->nn_gain};
+  for (const void* buffer : buffers) {
+    EXPECT_EQ(reinterpret_cast<std::uintptr_t>(buffer) % 16, 0u);
+    EXPECT_GE(static_cast<const char*>(buffer), begin + sizeof(SEInstance));
+    EXPECT_LT(static_cast<const char*>(buffer), begin + total);
+  }
+}
+
+TEST(Engine, AllocatesTwiceAndNeverWhileProcessing) {
+  if (!kAllocationTrapWorks) GTEST_SKIP() << "the sanitizer owns the allocator";
+  se_destroy(se_create());  // the first print allocates standard output's buffer
+  const long live = live_allocations();
+  const std::size_t before = allocations_so_far();
+  SEInstance* engine = se_create();
+  EXPECT_EQ(allocations_so_far() - before, 2u);
+
+  NnProcessConfig config = {};
+  config.limiter_enable = 1;
+  config.limiter_max_gain = 0.9f;
+  config.low_shelf = {1, 1000.0f, 20.0f};
+  config.peak[3] = {1000, 6.0f, 2};
+  set_nn_process_config(engine, config);
+  const auto mic = noise_s16(2 * 8 * kBlock, 0.3f, 1), ref = noise_s16(8 * kBlock, 0.3f, 2);
+  std::vector<std::int16_t> out(ref.size());
+  const std::size_t idle = allocations_so_far();
+  se_process_frames(engine, mic.data(), ref.data(), 8 * kBlock, out.data(), false, true);
+  se_process_frames(engine, mic.data(), ref.data(), 8 * kBlock, out.data(), false, false);
+  EXPECT_EQ(allocations_so_far(), idle);
+  se_destroy(engine);
+  EXPECT_GE(live + 3, live_allocations());  // the two blocks are gone; this test's vectors remain
+}
+
+TEST(Engine, FailedAllocationGivesNullAfterBothLines) {
+  if (!kAllocationTrapWorks) GTEST_SKIP() << "the sanitizer owns the allocator";
+  for (const int failing : {1, 2}) {
+    testing::internal::CaptureStdout();
+    const long live = live_allocations();
+    fail_calloc(failing);
+    SEInstance* engine = se_create();
+    fail_calloc(0);
+    EXPECT_EQ(live_allocations(), live);
+    const std::string lines = testing::internal::GetCapturedStdout();
+    EXPECT_EQ(engine, nullptr);
+    EXPECT_NE(lines.find("Static mem: "), std::string::npos);
+    EXPECT_NE(lines.find("Scratch mem: "), std::string::npos);
+  }
+  se_destroy(nullptr);
+}
+
+TEST(Engine, AnswersQueries) {
+  EXPECT_STREQ(se_get_version(), "1.0.0-branch(HEAD)-hash()-build(2024-08-14 03:45)");
+  EXPECT_EQ(se_get_aec_process_delay(), 320);
+  EXPECT_EQ(se_get_process_delay(), 1120);
+
+  char text[64];
+  EXPECT_EQ(se_get_statistic_info(nullptr, text, sizeof text), 30);
+  EXPECT_STREQ(text, "max_noise_db=0,avg_noise_db=0\n");
+  EXPECT_EQ(se_get_statistic_info(nullptr, text, 10), 30);
+  EXPECT_STREQ(text, "max_noise");
+  text[0] = 'x';
+  EXPECT_EQ(se_get_statistic_info(nullptr, text, -1), 30);
+  EXPECT_EQ(text[0], 'x');
+
+  for (const auto query : {se_get_aec_out, se_get_nn_out}) {
+    float block[kBlock + 1];
+    std::fill(std::begin(block), std::end(block), 7.0f);
+    query(nullptr, block);
+    for (int i = 0; i < kBlock; ++i) EXPECT_EQ(block[i], 0.0f);
+    EXPECT_EQ(block[kBlock], 7.0f);
+  }
+}
+
+TEST(Engine, ConfigurationReachesTheInstance) {
+  Engine engine;
+  EXPECT_EQ(engine->dry_mix, 0.0f);
+  engine.configure(NnProcessConfig{});
+  EXPECT_EQ(engine.config_line(), "########### set over ##############\n");
+  EXPECT_EQ(engine->dry_mix, 1.0f);
+  EXPECT_EQ(engine->ns_dry_mix, 1.0f);
+
+  // Every field by its position among the 43 words.
+  static_assert(sizeof(NnProcessConfig) == 43 * 4);
+  std::int32_t words[43];
+  for (int i = 0; i < 43; ++i) words[i] = 1000 + i;
+  words[0] = 20;
+  words[1] = 30;
+  NnProcessConfig config;
+  std::memcpy(&config, words, sizeof config);
+  engine.configure(config);
+  EXPECT_FLOAT_EQ(engine->dry_mix, 0.1f);
+  EXPECT_FLOAT_EQ(engine->ns_dry_mix, 0.1f);
+  const auto word = [](const auto& field) {
+    std::int32_t value;
+    std::memcpy(&value, &field, sizeof value);
+    return value;
+  };
+  EXPECT_EQ(engine->limiter_enable, 1002);
+  EXPECT_EQ(word(engine->limiter_max_gain), 1003);
+  EXPECT_EQ(word(engine->limiter_level_db), 1004);
+  EXPECT_EQ(engine->reserved_a, 1005);
+  EXPECT_EQ(engine->reserved_b, 1006);
+  EXPECT_EQ(0, std::memcmp(&engine->low_shelf, words + 7, 12));
+  EXPECT_EQ(0, std::memcmp(&engine->high_shelf, words + 10, 12));
+  EXPECT_EQ(0, std::memcmp(engine->peak, words + 13, 120));
+
+  config.residual_db = -6;
+  config.ns_residual_db = INT32_MIN;
+  engine.configure(config);
+  EXPECT_EQ(engine->dry_mix, 1.0f);
+  EXPECT_EQ(engine->ns_dry_mix, 1.0f);
+}
+
+TEST(Engine, SilenceInSilenceOut) {
+  for (const bool nn_only : {true, false}) {
+    for (const bool use_ns : {true, false}) {
+      Engine engine;
+      engine.configure(NnProcessConfig{});
+      const std::vector<float> zeros(20 * kBlock, 0.0f);
+      EXPECT_EQ(run(engine.get(), zeros, zeros, nn_only, use_ns), zeros);
+      EXPECT_EQ(engine->frame_count, 20);
+    }
+  }
+}
+
+TEST(Engine, DelayIs1152SamplesAnd16MoreWithTheLimiter) {
+  for (const bool limiter : {false, true}) {
+    Engine engine;
+    NnProcessConfig config = {};
+    config.limiter_enable = limiter;
+    config.limiter_max_gain = 0.9f;
+    engine.configure(config);
+    std::vector<float> mic(40 * kBlock, 0.0f);
+    const std::size_t impulse = 2003;
+    mic[impulse] = 0.05f;
+    const auto out = run(engine.get(), mic, std::vector<float>(mic.size(), 0.0f), false, false);
+    std::size_t peak = 0;
+    for (std::size_t i = 0; i < out.size(); ++i) {
+      if (std::fabs(out[i]) > std::fabs(out[peak])) peak = i;
+    }
+    EXPECT_EQ(peak, impulse + 1152 + (limiter ? 16 : 0));
+    EXPECT_GT(out[peak], 0.1f);
+  }
+}
+
+TEST(Engine, FirstFiveFramesAreSilent) {
+  Engine engine;
+  engine.configure(NnProcessConfig{});
+  const auto mic = noise(7 * kBlock, 0.5f, 3);
+  const auto out = run(engine.get(), mic, std::vector<float>(mic.size(), 0.0f), false, true);
+  for (int i = 0; i < 5 * kBlock; ++i) ASSERT_EQ(out[static_cast<std::size_t>(i)], 0.0f) << i;
+}
+
+TEST(Engine, DenoisedPathAloneIgnoresTheMix) {
+  Engine plain, mixed;
+  NnProcessConfig config = {};
+  mixed.configure(config);
+  const auto mic = noise(50 * kBlock, 0.3f, 4), ref = noise(50 * kBlock, 0.1f, 5);
+  EXPECT_EQ(run(plain.get(), mic, ref, true, false), run(mixed.get(), mic, ref, true, true));
+
+  Engine unmixed, alone;  // never configured: mix level 0
+  EXPECT_EQ(run(unmixed.get(), mic, ref, false, false), run(alone.get(), mic, ref, true, false));
+}
+
+TEST(Engine, AnySplitOfAStreamGivesTheSameOutput) {
+  constexpr std::size_t kFrames = 60;
+  const auto mic = noise_s16(2 * kFrames * kBlock, 0.4f, 6);
+  const auto ref = noise_s16(kFrames * kBlock, 0.2f, 7);
+  for (const bool nn_only : {true, false}) {
+    Engine whole, split;
+    NnProcessConfig config = {};
+    config.residual_db = 12;
+    config.ns_residual_db = 15;
+    whole.configure(config);
+    split.configure(config);
+    std::vector<std::int16_t> expected(ref.size(), 0), actual(ref.size(), 0);
+    se_process_frames(whole.get(), mic.data(), ref.data(), static_cast<int>(ref.size()),
+                      expected.data(), nn_only, true);
+    std::size_t at = 0;
+    for (std::size_t frames = 1; at < kFrames; ++frames) {
+      const std::size_t now = std::min(frames, kFrames - at);
+      se_process_frames(split.get(), &mic[2 * at * kBlock], &ref[at * kBlock],
+                        static_cast<int>(now) * kBlock, &actual[at * kBlock], nn_only, true);
+      at += now;
+    }
+    EXPECT_EQ(actual, expected);
+    EXPECT_EQ(split->frame_count, static_cast<std::int64_t>(kFrames));
+  }
+}
+
+TEST(Engine, PartialBlocksAreLeftAlone) {
+  Engine engine;
+  const auto mic = noise_s16(1000, 0.4f, 8), ref = noise_s16(500, 0.2f, 9);
+  std::vector<std::int16_t> out(500, 77);
+  for (const int n : {-1, INT32_MIN, 0, 159}) {
+    se_process_frames(engine.get(), mic.data(), ref.data(), n, out.data(), true, false);
+  }
+  EXPECT_EQ(out, std::vector<std::int16_t>(500, 77));
+  EXPECT_EQ(engine->frame_count, 0);
+  se_process_frames(engine.get(), mic.data(), ref.data(), 500, out.data(), true, false);
+  EXPECT_EQ(engine->frame_count, 3);
+  EXPECT_EQ(out[479], 0);
+  for (std::size_t i = 480; i < 500; ++i) EXPECT_EQ(out[i], 77);
+}
+
+TEST(Engine, DeinterleavesAnyNumberOfChannels) {
+  const std::int16_t src[] = {1, 2, 3, 4, 5, 6};
+  std::int16_t dst[6] = {};
+  deinterleave(src, dst, 2, 3);
+  EXPECT_EQ(std::vector<std::int16_t>(dst, dst + 6), (std::vector<std::int16_t>{1, 4, 2, 5, 3, 6}));
+  deinterleave(src, dst, -1, 3);
+  deinterleave(src, dst, 2, 0);
+  EXPECT_EQ(dst[1], 4);
+}
+
+// Extremes of the input range keep the engine finite and it recovers from them.
+TEST(Engine, SurvivesExtremeInput) {
+  Engine engine;
+  engine.configure(NnProcessConfig{});
+  for (const float amplitude : {1e-30f, 1e6f, 0.1f}) {
+    const auto mic = noise(60 * kBlock, amplitude, 10), ref = noise(60 * kBlock, amplitude, 11);
+    for (const float y : run(engine.get(), mic, ref, false, true)) ASSERT_TRUE(std::isfinite(y));
+  }
+}
+
+}  // namespace
