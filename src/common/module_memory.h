@@ -24,9 +24,12 @@ namespace se {
 // What a state record takes in its module's memory. `bytes` is the published figure of the slot on
 // targets with 4-byte pointers, slack for alignment included, and `record_bytes` the size of the
 // record there. Wider pointers grow the slot by exactly what the record grows.
+// `alignment` asks for a wider boundary than the record's own (a record of 4-byte pointers that
+// starts on a multiple of 8).
 struct RecordSlot {
   std::size_t bytes;
   std::size_t record_bytes;
+  std::size_t alignment = 1;
 
   constexpr std::size_t bytes_for(std::size_t actual_record_bytes) const {
     return actual_record_bytes > record_bytes ? bytes + (actual_record_bytes - record_bytes)
@@ -39,13 +42,14 @@ class MemoryWalk {
   MemoryWalk() = default;                                    // measures
   explicit MemoryWalk(void* base) : base_(address(base)) {}  // places
 
-  // The state record, on its natural boundary. Growing the slot by the record alone leaves room for
-  // the boundary of 8 that 8-byte pointers ask for: whatever follows in the region is aligned to at
-  // least 8 and is placed 3 or more bytes behind the unaligned end of the record, so it can never
-  // reach back over the end of the aligned one.
+  // The state record, on its natural boundary or the wider one of its slot. Growing the slot by the
+  // record alone leaves room for the boundary of 8 that 8-byte pointers ask for: whatever follows
+  // in the region is aligned to at least 8 and is placed 3 or more bytes behind the unaligned end
+  // of the record, so it can never reach back over the end of the aligned one.
   template <class Record>
   Record* record(RecordSlot slot) {
-    return take<Record>(slot.bytes_for(sizeof(Record)), alignof(Record));
+    return take<Record>(slot.bytes_for(sizeof(Record)),
+                        alignof(Record) > slot.alignment ? alignof(Record) : slot.alignment);
   }
 
   // A buffer of `count` values on a 16-byte boundary: 15 bytes of slack. Tables that follow one

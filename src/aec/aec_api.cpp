@@ -1,0 +1,139 @@
+// The echo canceller: keeps what the loudspeaker played over the last frames, bin by bin, decides
+// where there is enough of it to learn from, and runs the echo subtraction of both microphones.
+//
+// The energy of a bin over its history is a running sum: the newest power is added and the one that
+// leaves is taken off, so it carries the rounding of all frames before. It normalises the filters'
+// steps and gates them: a bin adapts while its energy exceeds kMinRefEnergy.
+//
+// Cost per frame: one move of each history (874 complex entries and as many powers) and a few
+// operations per bin, besides the two subtractions.
+#include <cstring>
+
+#include "aec/aec_state.h"
+#include "aec/echo_bands.h"
+
+namespace {
+
+constexpr int kBins = 257;
+constexpr float kMinRefEnergy = 0.001f;  // energy of a bin's history below which filters hold
+
+struct StaticLayout {
+  aec_state* state;
+  void* subtraction[2];
+  float* ref_energy;
+  float* power_history_low;
+  float* power_history_mid;
+  float* power_history_high;
+  zel_lcomplex* ref_history_low;
+  zel_lcomplex* ref_history_mid;
+  zel_lcomplex* ref_history_high;
+};
+
+StaticLayout lay_out_static(se::MemoryWalk& mem) {
+  const size_t subtraction_bytes = echo_subtraction_query_mem();
+  return {mem.record<aec_state>(se::kAecSlot),
+          {mem.nested(subtraction_bytes), mem.nested(subtraction_bytes)},
+          mem.buffer<float>(se::kEchoBins),
+          mem.buffer<float>(se::kLowBand.row_entries()),
+          mem.buffer<float>(se::kMidBand.row_entries()),
+          mem.buffer<float>(se::kHighBand.row_entries()),
+          mem.buffer<zel_lcomplex>(se::kLowBand.row_entries()),
+          mem.buffer<zel_lcomplex>(se::kMidBand.row_entries()),
+          mem.buffer<zel_lcomplex>(se::kHighBand.row_entries())};
+}
+
+struct ScratchLayout {
+  int32_t* adapt_flags;
+  float* ref_power;
+};
+
+ScratchLayout lay_out_scratch(se::MemoryWalk& scratch) {
+  return {scratch.buffer<int32_t>(se::kEchoBins), scratch.buffer<float>(kBins)};
+}
+
+// Moves every row of `history` one entry towards its old end and puts the values of this frame in
+// front. One move of the whole table does it: what crosses from a row's end into the next row lands
+// on the front entry, which is written anyway.
+template <class T>
+void push_front(const se::EchoBandShape& band, const T* newest, T* history) {
+  std::memmove(history + 1, history, (static_cast<size_t>(band.row_entries()) - 1) * sizeof(T));
+  for (int bin = 0; bin < band.bins; ++bin) history[bin * band.taps] = newest[bin];
+}
+
+// The two ways in which a bin's energy takes in the newest power and drops the oldest.
+float difference_first(float energy, float newest, float oldest) {
+  return (newest - oldest) + energy;
+}
+
+float oldest_first(float energy, float newest, float oldest) {
+  return newest + (energy - oldest);
+}
+
+using EnergyUpdate = float (*)(float energy, float newest, float oldest);
+
+template <EnergyUpdate Update>
+void advance_band(const se::EchoBandShape& band, const zel_lcomplex* ref_spectrum,
+                  zel_lcomplex* ref_history, float* power_history, aec_state* state) {
+  const zel_lcomplex* ref = ref_spectrum + band.first;
+  float* power = state->ref_power + band.first;
+  float* energy = state->ref_energy + band.index();
+  push_front(band, ref, ref_history);
+  for (int bin = 0; bin < band.bins; ++bin) {
+    power[bin] = ref[bin].re * ref[bin].re + ref[bin].im * ref[bin].im;
+    energy[bin] = Update(energy[bin], power[bin], power_history[bin * band.taps + band.taps - 1]);
+  }
+  push_front(band, power, power_history);
+}
+
+}  // namespace
+
+size_t aec_query_mem() {
+  se::MemoryWalk mem;
+  lay_out_static(mem);
+  return mem.size();
+}
+
+size_t aec_query_scratch() {
+  se::MemoryWalk scratch;
+  lay_out_scratch(scratch);
+  return scratch.size();
+}
+
+aec_state* aec_init(void* mem, void* scratch) {
+  se::MemoryWalk mem_walk(mem);
+  se::MemoryWalk scratch_walk(scratch);
+  const StaticLayout layout = lay_out_static(mem_walk);
+  const ScratchLayout temporary = lay_out_scratch(scratch_walk);
+  *layout.state = {
+      {echo_subtraction_init(layout.subtraction[0]), echo_subtraction_init(layout.subtraction[1])},
+      layout.ref_history_low,
+      layout.ref_history_mid,
+      layout.ref_history_high,
+      layout.power_history_low,
+      layout.power_history_mid,
+      layout.power_history_high,
+      layout.ref_energy,
+      temporary.ref_power,
+      temporary.adapt_flags};
+  return layout.state;
+}
+
+void aec_process(aec_state* state, zel_lcomplex* const* mic_spectra, float* const* mic_powers,
+                 const zel_lcomplex* ref_spectrum) {
+  advance_band<difference_first>(se::kLowBand, ref_spectrum, state->ref_history_low,
+                                 state->power_history_low, state);
+  advance_band<difference_first>(se::kMidBand, ref_spectrum, state->ref_history_mid,
+                                 state->power_history_mid, state);
+  advance_band<oldest_first>(se::kHighBand, ref_spectrum, state->ref_history_high,
+                             state->power_history_high, state);
+
+  for (int i = 0; i < se::kEchoBins; ++i) {
+    state->adapt_flags[i] = state->ref_energy[i] > kMinRefEnergy ? 1 : 0;
+  }
+
+  for (int mic = 0; mic < 2; ++mic) {
+    echo_subtraction_process(state->subtraction[mic], mic_spectra[mic], mic_powers[mic],
+                             state->ref_history_low, state->ref_history_mid,
+                             state->ref_history_high, state->ref_energy, state->adapt_flags);
+  }
+}
