@@ -20,8 +20,8 @@ using se::MemoryWalk;
 constexpr int kAnalysis = 0, kSynthesis = 1;
 constexpr float kMaxAttenuationDb = 10.0f;  // of the classical suppressor
 constexpr float kNoEnergyDb = -400.0f;
-constexpr std::int64_t kNsOffsetDb = 10;    // of the mix ahead of the classical suppressor
-constexpr std::int32_t kAecDelay = 320;     // samples, nominal
+constexpr std::int64_t kNsOffsetDb = 10;  // of the mix ahead of the classical suppressor
+constexpr std::int32_t kAecDelay = 320;   // samples, nominal
 
 // Where everything lies in the static block, and what the groups of the report take of it.
 struct Layout {
@@ -121,7 +121,7 @@ void initialise(SEInstance* s, const Layout& at, void* scratch, const DenoiseMod
   }
   s->window = at.window;
   zel_stft_generate_win(kFrameLen, s->window);
-  const float lane_energy = se::kernels().spectral->energy(s->window, kFrameLen);
+  const float lane_energy = se::kernels().spectral->sum_of_squares(s->window, kFrameLen);
 
   for (int c = 0; c < 2; ++c) {
     s->stft_mic[c] =

@@ -28,7 +28,10 @@ void analyse(SEInstance* s, const float* mic, const float* ref) {
 }
 
 bool far_end_active(const SEInstance* s) {
-  const float energy = se::kernels().spectral->spectrum_energy(s->ref_spec, kNumBins);
+  float power[kNumBins];
+  const se::SpectralKernels& kernel = *se::kernels().spectral;
+  kernel.power_spectrum(s->ref_spec, power, kNumBins);
+  const float energy = power[kNumBins - 1] + kernel.sum(power, kNumBins - 1);
   return static_cast<double>(energy) > kFarEndEnergy;
 }
 
@@ -58,7 +61,7 @@ void shape_gain(float* gain, bool far_end) {
 void mix_and_suppress(SEInstance* s, const zel_lcomplex* dry, zel_lcomplex* out) {
   float power[kNumBins];
   const se::SpectralKernels& kernel = *se::kernels().spectral;
-  kernel.mix(s->ns_dry_mix, kMakeUp, dry, out, kNumBins);
+  kernel.mix(out, dry, s->ns_dry_mix, out, kNumBins);
   kernel.power_spectrum(out, power, kNumBins);
   noise_estimate_process(s->noise_est, power, s->noise_spec);
   noise_suppress_process(s->noise_sup, s->noise_spec, out, s->ns_spec);
@@ -86,8 +89,9 @@ void se_process(SEInstance* s, const float* mic, const float* ref, float* out, b
     if (use_ns) {
       mix_and_suppress(s, delayed, spectrum);
     } else {
-      se::kernels().spectral->mix(s->dry_mix, kMakeUp, delayed + kFirstKeptBin,
-                                  spectrum + kFirstKeptBin, kNumBins - kFirstKeptBin);
+      zel_lcomplex* const kept = spectrum + kFirstKeptBin;
+      se::kernels().spectral->mix(kept, delayed + kFirstKeptBin, s->dry_mix, kept,
+                                  kNumBins - kFirstKeptBin);
     }
   }
   se::equalise(spectrum, s->low_shelf, s->high_shelf, s->peak);
