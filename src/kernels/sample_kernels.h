@@ -1,10 +1,24 @@
 // Kernels of time-domain samples: conversion, peaks, ramps.
 #pragma once
 
+#include <cstdint>
+
 namespace se {
 
+// All arrays may start anywhere; `n` may be 0. `in` and `out` overlap only where said.
 struct SampleKernels {
-  char unused;
+  // 16-bit samples to full scale +-1.0: times 1/32768, exact.
+  void (*s16_to_float)(const std::int16_t* in, float* out, int n);
+
+  // Full scale +-1.0 to 16-bit samples: times 32768, clamped to -32768..32767, truncated toward
+  // zero. NaN becomes 0.
+  void (*float_to_s16)(const float* in, std::int16_t* out, int n);
+
+  // The largest magnitude, 0 for none. NaNs do not count.
+  float (*peak)(const float* x, int n);
+
+  // out[i] = in[i] * (start + i * step), nothing fused. `in` may be `out`.
+  void (*apply_ramp)(const float* in, float start, float step, float* out, int n);
 };
 
 extern const SampleKernels kScalarSample;
