@@ -42,10 +42,8 @@
  * slow it down and change last bits.
  *
  * Same bits: with that mode set, the same input gives the same output on every CPU, compiler and
- * optimisation level. The C library's sine, cosine, power and logarithm are used when objects are
- * created, never per frame; for the engine's own 512-point geometry they only reach tables and
- * constants whose rounding leaves them no room to differ (denoiser and transform use constant
- * tables; the rest are a handful of single-precision constants).
+ * optimisation level. The C library's powf and log10f are called when an engine is created, never
+ * while it runs.
  *
  * Memory: two allocations in se_create(), none afterwards.
  *

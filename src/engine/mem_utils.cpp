@@ -1,5 +1,6 @@
 #include "speechenhance/mem_utils.h"
 
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 
