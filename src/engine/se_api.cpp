@@ -8,7 +8,7 @@
 #include "common/decibel.h"
 #include "engine/se_instance.h"
 #include "kernels/kernels.h"
-#include "nn/nn_api.h"
+#include "nn/denoiser.h"
 
 namespace {
 
@@ -131,7 +131,7 @@ void initialise(SEInstance* s, const Layout& at, void* scratch, const DenoiseMod
   s->aec = aec_init(at.aec, scratch);
   s->stft_ref = zel_stft_init(at.stft_ref, scratch, s->window, kFrameLen, SE_BLOCK_LEN, kAnalysis);
   s->ref_spec = at.ref_spec;
-  s->nn = se::nn_init(at.nn, scratch, model);
+  s->nn = se::nn::init_denoiser(at.nn, scratch, model);
   s->noise_est = noise_estimate_init(at.noise_est, scratch, kFrameMs, kNumBins, lane_energy);
   s->noise_spec = at.noise_spec;
   s->noise_sup = noise_suppress_init(at.noise_sup, scratch, kFrameMs, kNumBins, kMaxAttenuationDb);

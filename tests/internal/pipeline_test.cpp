@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "engine/se_instance.h"
-#include "nn/nn_api.h"
+#include "nn/denoiser.h"
 #include "random_model.h"
 #include "test_signal.h"
 
@@ -31,7 +31,8 @@ class Arena {
 // that happens between the modules.
 class Reference {
  public:
-  Reference(const DenoiseModel* model, const NnProcessConfig& config) : config_(config) {
+  Reference(const DenoiseModel* model, const NnProcessConfig& config, float dry, float ns_dry)
+      : config_(config), dry_(dry), ns_dry_(ns_dry) {
     window_ = static_cast<float*>(arena_.zeroed(kFrame * 4));
     zel_stft_generate_win(kFrame, window_);
     float partial[4] = {};
@@ -41,16 +42,14 @@ class Reference {
     for (auto& stft : analysis_) stft = make_stft(0);
     synthesis_ = make_stft(1);
     aec_ = aec_init(arena_.zeroed(aec_query_mem()), scratch_);
-    nn_ =
-        se::nn::init(arena_.zeroed(static_cast<std::size_t>(nn_query_mem_api())), scratch_, model);
+    nn_ = se::nn::init_denoiser(arena_.zeroed(static_cast<std::size_t>(nn_query_mem_api())),
+                                scratch_, model);
     estimator_ =
         noise_estimate_init(arena_.zeroed(noise_estimate_query_mem(10, kBins)), scratch_, 10, kBins,
                             (partial[0] + partial[2]) + (partial[1] + partial[3]));
     suppressor_ = noise_suppress_init(arena_.zeroed(noise_suppress_query_mem(kBins)), scratch_, 10,
                                       kBins, 10.0f);
     limiter_ = limiter_init(arena_.zeroed(limiter_query_mem()));
-    dry_ = std::min(1.0, std::pow(10.0, -config.residual_db / 20.0));
-    ns_dry_ = std::min(1.0, std::pow(10.0, -(config.ns_residual_db - 10) / 20.0));
   }
 
   void process(const float* mic, const float* ref, float* out, bool nn_only, bool use_ns) {
@@ -126,6 +125,7 @@ class Reference {
 
   Arena arena_;
   NnProcessConfig config_;
+  float dry_, ns_dry_;
   float* window_;
   void* scratch_;
   stft_state* analysis_[3];
@@ -135,7 +135,6 @@ class Reference {
   NoiseEstimator* estimator_;
   NoiseSuppressor* suppressor_;
   LimiterStruct* limiter_;
-  float dry_, ns_dry_;
   float gain_[kBins] = {};
   std::vector<std::vector<zel_lcomplex>> history_;
   int far_end_frames_ = 0, gated_ = 0;
@@ -159,7 +158,7 @@ TEST(Pipeline, EqualsTheModulesPutTogetherByHand) {
       SEInstance* engine = se::create_instance(model.get());
       set_nn_process_config(engine, config);
       testing::internal::GetCapturedStdout();
-      Reference reference(model.get(), config);
+      Reference reference(model.get(), config, engine->dry_mix, engine->ns_dry_mix);
       TestSignal signal(11);
       for (int frame = 0; frame < 150; ++frame) {
         float mic[2 * kBlock], ref[kBlock], out[kBlock], expected[kBlock];
