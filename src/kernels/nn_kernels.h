@@ -1,10 +1,68 @@
 // Kernels of the denoiser: integer products, quantisation, activations.
+//
+// Lengths may be any positive number, pointers have the alignment of their element and nothing
+// more, reads and writes stay within the arrays. Integer sums are exact modulo 2^32. Floating point
+// follows the stated order per element; "fused" marks the only fused multiply-adds. Unless stated
+// otherwise an output may not overlap an input.
 #pragma once
+
+#include <cstdint>
+
+#include "speechenhance/types.h"
 
 namespace se {
 
+// The parameters of one gate of a GRU layer: `hidden` rows of each table, one bias per row. A
+// stored weight stands for w / 256, an activation for q / 2048.
+struct GruGate {
+  const std::int8_t* weight_in;     // rows of `input_size`
+  const std::int8_t* weight_state;  // rows of `hidden_size`
+  const float* bias_in;
+  const float* bias_state;
+};
+
+// What every gate of one GRU step reads.
+struct GruStep {
+  const std::int16_t* input;
+  const std::int16_t* state;
+  int input_size;
+  int hidden_size;
+};
+
 struct NnKernels {
-  char unused;
+  // mag[k] = sqrt(fused(re * re + round(im * im)) + 1e-8).
+  void (*magnitude)(const zel_lcomplex* spectrum, int n, float* mag);
+
+  // y[i] = sqrt(x[i] + 1e-8).
+  void (*compress)(const float* x, int n, float* y);
+
+  // q[i] = x[i] * scale rounded to the nearest integer, halves away from zero (add 0.5 with the
+  // sign, truncate), saturated to -32768..32767; NaN gives 0. `scale` is a power of two.
+  void (*quantise)(const float* x, int n, float scale, std::int16_t* q);
+
+  // An integer layer: y[r] = float(sum of w[r * cols + i] * q[i]) * (scale[r] * unit) + bias[r].
+  void (*affine)(const std::int8_t* w, int rows, int cols, const std::int16_t* q,
+                 const float* scale, float unit, const float* bias, float* y);
+
+  // y[i] = fused(x[i] * mul[i] + add[i]) clamped to 0..6; NaN gives 0.
+  void (*normalise)(const float* x, const float* mul, const float* add, int n, float* y);
+
+  // The argument of a reset or update gate, for each row r, with the exact sums in = W_in input and
+  // st = W_state state: y[r] = ((in * 2^-19 + bias_in[r]) + st * 2^-19) + bias_state[r].
+  void (*gru_gate)(const GruGate& gate, const GruStep& step, float* y);
+
+  // The argument of the candidate:
+  // y[r] = ((st * 2^-19 + bias_state[r]) * reset[r] + in * 2^-19) + bias_in[r].
+  void (*gru_candidate)(const GruGate& gate, const GruStep& step, const float* reset, float* y);
+
+  // The new state: y[j] = fused(float(state[j]) * (z * 2^-11) + (1 - z) * candidate[j]), z =
+  // update[j]. `y` may be `update` or `candidate`.
+  void (*gru_blend)(const float* update, const float* candidate, const std::int16_t* state, int n,
+                    float* y);
+
+  // In place: x = tanh(x), and x = 0.5 * (tanh(0.5 * x) + 1), with the tanh of kernels/tanh.h.
+  void (*tanh)(float* x, int n);
+  void (*sigmoid)(float* x, int n);
 };
 
 extern const NnKernels kScalarNn;

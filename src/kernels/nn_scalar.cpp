@@ -1,9 +1,116 @@
-// Scalar kernels of the denoiser: integer products, quantisation, activations: the definition of
-// every variant.
+// Scalar kernels of the denoiser: the definition of every variant.
+//
+// Written so that compilers turn the loops into whatever the baseline of the machine offers: the
+// products are int16 x int16 into 32 bits (pmaddwd on x86-64), sums are unsigned and wrap.
+#include <cmath>
+
 #include "kernels/nn_kernels.h"
+#include "kernels/tanh.h"
 
 namespace se {
+namespace {
 
-const NnKernels kScalarNn = {0};
+constexpr float kFloor = 1e-8f;         // keeps magnitudes and features at or above 1e-4
+constexpr float kGruUnit = 0x1p-19f;    // weight / 2^8 times activation / 2^11
+constexpr float kStateUnit = 0x1p-11f;  // activation
+
+std::uint32_t dot(const std::int8_t* w, const std::int16_t* q, int n) {
+  std::uint32_t sum = 0;
+  for (int i = 0; i < n; ++i) {
+    sum += static_cast<std::uint32_t>(static_cast<std::int16_t>(w[i]) * q[i]);
+  }
+  return sum;
+}
+
+float dot_as_float(const std::int8_t* w, const std::int16_t* q, int n) {
+  return static_cast<float>(static_cast<std::int32_t>(dot(w, q, n)));
+}
+
+void magnitude(const zel_lcomplex* spectrum, int n, float* mag) {
+  for (int k = 0; k < n; ++k) {
+    const float re = spectrum[k].re;
+    const float im = spectrum[k].im;
+    mag[k] = std::sqrt(std::fma(re, re, im * im) + kFloor);
+  }
+}
+
+void compress(const float* x, int n, float* y) {
+  for (int i = 0; i < n; ++i) y[i] = std::sqrt(x[i] + kFloor);
+}
+
+void quantise(const float* x, int n, float scale, std::int16_t* q) {
+  for (int i = 0; i < n; ++i) {
+    float v = x[i] * scale;
+    v = v == v ? v : 0.0f;
+    v = v < 32767.0f ? v : 32767.0f;
+    v = v > -32768.0f ? v : -32768.0f;
+    v += v < 0.0f ? -0.5f : 0.5f;
+    q[i] = static_cast<std::int16_t>(static_cast<std::int32_t>(v));
+  }
+}
+
+void affine(const std::int8_t* w, int rows, int cols, const std::int16_t* q, const float* scale,
+            float unit, const float* bias, float* y) {
+  for (int r = 0; r < rows; ++r, w += cols) {
+    y[r] = dot_as_float(w, q, cols) * (scale[r] * unit) + bias[r];
+  }
+}
+
+void normalise(const float* x, const float* mul, const float* add, int n, float* y) {
+  for (int i = 0; i < n; ++i) {
+    float v = std::fma(x[i], mul[i], add[i]);
+    v = v > 0.0f ? v : 0.0f;
+    y[i] = v < 6.0f ? v : 6.0f;
+  }
+}
+
+// A power of two times an integer is exact, so adding it rounds once, fused or not.
+void gru_gate(const GruGate& gate, const GruStep& step, float* y) {
+  const std::int8_t* w_in = gate.weight_in;
+  const std::int8_t* w_state = gate.weight_state;
+  for (int r = 0; r < step.hidden_size; ++r) {
+    float v = dot_as_float(w_in, step.input, step.input_size) * kGruUnit;
+    v += gate.bias_in[r];
+    v += dot_as_float(w_state, step.state, step.hidden_size) * kGruUnit;
+    y[r] = v + gate.bias_state[r];
+    w_in += step.input_size;
+    w_state += step.hidden_size;
+  }
+}
+
+void gru_candidate(const GruGate& gate, const GruStep& step, const float* reset, float* y) {
+  const std::int8_t* w_in = gate.weight_in;
+  const std::int8_t* w_state = gate.weight_state;
+  for (int r = 0; r < step.hidden_size; ++r) {
+    float v = dot_as_float(w_state, step.state, step.hidden_size) * kGruUnit;
+    v += gate.bias_state[r];
+    v *= reset[r];
+    v += dot_as_float(w_in, step.input, step.input_size) * kGruUnit;
+    y[r] = v + gate.bias_in[r];
+    w_in += step.input_size;
+    w_state += step.hidden_size;
+  }
+}
+
+void gru_blend(const float* update, const float* candidate, const std::int16_t* state, int n,
+               float* y) {
+  for (int j = 0; j < n; ++j) {
+    const float z = update[j];
+    y[j] = std::fma(static_cast<float>(state[j]), z * kStateUnit, (1.0f - z) * candidate[j]);
+  }
+}
+
+void tanh_in_place(float* x, int n) {
+  for (int i = 0; i < n; ++i) x[i] = tanh_scalar(x[i]);
+}
+
+void sigmoid_in_place(float* x, int n) {
+  for (int i = 0; i < n; ++i) x[i] = 0.5f * (tanh_scalar(0.5f * x[i]) + 1.0f);
+}
+
+}  // namespace
+
+const NnKernels kScalarNn = {magnitude, compress,      quantise,  affine,        normalise,
+                             gru_gate,  gru_candidate, gru_blend, tanh_in_place, sigmoid_in_place};
 
 }  // namespace se
