@@ -57,9 +57,10 @@ void affine(const std::int8_t* w, int rows, int cols, const std::int16_t* q, con
 }
 
 void normalise(const float* x, const float* mul, const float* add, int n, float* y) {
+  // Two loops: where the machine has no fused instruction the first one is calls.
+  for (int i = 0; i < n; ++i) y[i] = std::fma(x[i], mul[i], add[i]);
   for (int i = 0; i < n; ++i) {
-    float v = std::fma(x[i], mul[i], add[i]);
-    v = v > 0.0f ? v : 0.0f;
+    const float v = y[i] > 0.0f ? y[i] : 0.0f;
     y[i] = v < 6.0f ? v : 6.0f;
   }
 }
