@@ -7,5 +7,5 @@ for header in "$3"/speechenhance/*.h; do
   case $name in
     */denoiser.h) continue ;;  # C++ linkage
   esac
-  echo "#include <$name>" | "$1" -std=c99 -pedantic -Wall -Wextra -Werror -I"$3" -fsyntax-only -x c -
+  printf "#include <%s>\nextern int nothing;\n" "$name" | "$1" -std=c99 -pedantic -Wall -Wextra -Werror -I"$3" -fsyntax-only -x c -
 done
