@@ -24,30 +24,37 @@ __m256i load16(const std::int16_t* q) {
   return _mm256_loadu_si256(reinterpret_cast<const __m256i*>(q));
 }
 
-__m256i add_product(__m256i sum, __m256i w, __m256i x) {
-  return _mm256_add_epi32(sum, _mm256_madd_epi16(w, x));
+// Eight 32-bit sums. As a type of its own, since GCC copies sums that pass from one view of a
+// vector to another.
+using Sums = unsigned __attribute__((vector_size(32)));
+
+void add_product(Sums& sum, __m256i w, __m256i x) {
+  sum += reinterpret_cast<Sums>(_mm256_madd_epi16(w, x));
 }
 
 // The sums over the lanes of eight vectors.
-__m256i lane_sums(__m256i a, __m256i b, __m256i c, __m256i d, __m256i e, __m256i f, __m256i g,
-                  __m256i h) {
-  const __m256i low = _mm256_hadd_epi32(_mm256_hadd_epi32(a, b), _mm256_hadd_epi32(c, d));
-  const __m256i high = _mm256_hadd_epi32(_mm256_hadd_epi32(e, f), _mm256_hadd_epi32(g, h));
+__m256i lane_sums(Sums a, Sums b, Sums c, Sums d, Sums e, Sums f, Sums g, Sums h) {
+  const auto pairs = [](Sums v, Sums w) {
+    return _mm256_hadd_epi32(reinterpret_cast<__m256i>(v), reinterpret_cast<__m256i>(w));
+  };
+  const __m256i low = _mm256_hadd_epi32(pairs(a, b), pairs(c, d));
+  const __m256i high = _mm256_hadd_epi32(pairs(e, f), pairs(g, h));
   return _mm256_add_epi32(_mm256_permute2x128_si256(low, high, 0x20),
                           _mm256_permute2x128_si256(low, high, 0x31));
 }
 
 // ---- Matrix products ----------------------------------------------------------------------------
 
-// The last `count` of the sixteen activations in front of `end`, the others as 0.
-__m256i load_last(const std::int16_t* end, int count) {
-  alignas(32) static constexpr std::int16_t kMask[32] = {0,  0,  0,  0,  0,  0,  0,  0,  0,  0,  0,
-                                                         0,  0,  0,  0,  0,  -1, -1, -1, -1, -1, -1,
-                                                         -1, -1, -1, -1, -1, -1, -1, -1, -1, -1};
-  return _mm256_and_si256(load16(end - 16), load16(kMask + count));
+// The first `count` of sixteen activations, the others as 0.
+__m256i load_first(const std::int16_t* q, int count) {
+  alignas(32) static constexpr std::int16_t kMask[32] = {-1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1,
+                                                         -1, -1, -1, -1, -1, 0,  0,  0,  0,  0,  0,
+                                                         0,  0,  0,  0,  0,  0,  0,  0,  0,  0};
+  return _mm256_and_si256(load16(q), load16(kMask + 16 - count));
 }
 
-// Products of eight rows of `cols` weights, `stride` apart, with one vector.
+// Products of eight rows of `cols` weights, `stride` apart, with one vector. The sums start with
+// what `cols` has beyond a multiple of sixteen (or sixteen), the rest follows sixteen by sixteen.
 __m256i eight_products(const std::int8_t* w, std::ptrdiff_t stride, const std::int16_t* q,
                        int cols) {
   if (cols < 16) {
@@ -57,23 +64,30 @@ __m256i eight_products(const std::int8_t* w, std::ptrdiff_t stride, const std::i
     }
     return _mm256_load_si256(reinterpret_cast<const __m256i*>(sum));
   }
-  __m256i s0 = _mm256_setzero_si256(), s1 = s0, s2 = s0, s3 = s0, s4 = s0, s5 = s0, s6 = s0,
-          s7 = s0;
-  const auto add_products = [&](int i, __m256i x) {
-    const std::int8_t* const w0 = w + i;
-    const std::int8_t* const w4 = w0 + 4 * stride;
-    s0 = add_product(s0, widen16(w0), x);
-    s1 = add_product(s1, widen16(w0 + stride), x);
-    s2 = add_product(s2, widen16(w0 + 2 * stride), x);
-    s3 = add_product(s3, widen16(w0 + 3 * stride), x);
-    s4 = add_product(s4, widen16(w4), x);
-    s5 = add_product(s5, widen16(w4 + stride), x);
-    s6 = add_product(s6, widen16(w4 + 2 * stride), x);
-    s7 = add_product(s7, widen16(w4 + 3 * stride), x);
-  };
-  int i = 0;
-  for (; i + 16 <= cols; i += 16) add_products(i, load16(q + i));
-  if (i < cols) add_products(cols - 16, load_last(q + cols, cols - i));
+  const int head = (cols - 1) % 16 + 1;
+  const std::int8_t* w4 = w + 4 * stride;
+  const __m256i x = load_first(q, head);
+  Sums s0 = reinterpret_cast<Sums>(_mm256_madd_epi16(widen16(w), x));
+  Sums s1 = reinterpret_cast<Sums>(_mm256_madd_epi16(widen16(w + stride), x));
+  Sums s2 = reinterpret_cast<Sums>(_mm256_madd_epi16(widen16(w + 2 * stride), x));
+  Sums s3 = reinterpret_cast<Sums>(_mm256_madd_epi16(widen16(w + 3 * stride), x));
+  Sums s4 = reinterpret_cast<Sums>(_mm256_madd_epi16(widen16(w4), x));
+  Sums s5 = reinterpret_cast<Sums>(_mm256_madd_epi16(widen16(w4 + stride), x));
+  Sums s6 = reinterpret_cast<Sums>(_mm256_madd_epi16(widen16(w4 + 2 * stride), x));
+  Sums s7 = reinterpret_cast<Sums>(_mm256_madd_epi16(widen16(w4 + 3 * stride), x));
+  w += head;
+  w4 += head;
+  for (int i = head; i < cols; i += 16, w += 16, w4 += 16) {
+    const __m256i next = load16(q + i);
+    add_product(s0, widen16(w), next);
+    add_product(s1, widen16(w + stride), next);
+    add_product(s2, widen16(w + 2 * stride), next);
+    add_product(s3, widen16(w + 3 * stride), next);
+    add_product(s4, widen16(w4), next);
+    add_product(s5, widen16(w4 + stride), next);
+    add_product(s6, widen16(w4 + 2 * stride), next);
+    add_product(s7, widen16(w4 + 3 * stride), next);
+  }
   return lane_sums(s0, s1, s2, s3, s4, s5, s6, s7);
 }
 
@@ -183,8 +197,7 @@ struct PaddedRows {
 // Products of one row with eight positions from `offset` on.
 template <class Rows>
 __m256i eight_positions(const Rows& rows, int row, const ConvInput& in, int offset) {
-  __m256i s0 = _mm256_setzero_si256(), s1 = s0, s2 = s0, s3 = s0, s4 = s0, s5 = s0, s6 = s0,
-          s7 = s0;
+  Sums s0 = {}, s1 = s0, s2 = s0, s3 = s0, s4 = s0, s5 = s0, s6 = s0, s7 = s0;
   const std::ptrdiff_t step = in.step;
   const int window = round_up_16(in.window);
   for (int t = 0; t < in.frame_count; ++t) {
@@ -192,14 +205,14 @@ __m256i eight_positions(const Rows& rows, int row, const ConvInput& in, int offs
     const std::int16_t* x4 = x0 + 4 * step;
     for (int i = 0; i < window; i += 16, x0 += 16, x4 += 16) {
       const __m256i w = rows.load(row, t, i);
-      s0 = add_product(s0, w, load16(x0));
-      s1 = add_product(s1, w, load16(x0 + step));
-      s2 = add_product(s2, w, load16(x0 + 2 * step));
-      s3 = add_product(s3, w, load16(x0 + 3 * step));
-      s4 = add_product(s4, w, load16(x4));
-      s5 = add_product(s5, w, load16(x4 + step));
-      s6 = add_product(s6, w, load16(x4 + 2 * step));
-      s7 = add_product(s7, w, load16(x4 + 3 * step));
+      add_product(s0, w, load16(x0));
+      add_product(s1, w, load16(x0 + step));
+      add_product(s2, w, load16(x0 + 2 * step));
+      add_product(s3, w, load16(x0 + 3 * step));
+      add_product(s4, w, load16(x4));
+      add_product(s5, w, load16(x4 + step));
+      add_product(s6, w, load16(x4 + 2 * step));
+      add_product(s7, w, load16(x4 + 3 * step));
     }
   }
   return lane_sums(s0, s1, s2, s3, s4, s5, s6, s7);
