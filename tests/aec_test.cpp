@@ -364,6 +364,21 @@ TEST(EchoCanceller, LearnsAPlainCopyOfTheReference) {
   }
 }
 
+// Residuals that differ but are equally strong: the stored filter's is the output.
+TEST(EchoCanceller, PrefersTheStoredFilterInATie) {
+  Canceller aec;
+  const auto& filters = *aec.state->subtraction[0];
+  filters.adaptive_high[0] = {0.5f, 0.5f};  // bin 128
+  filters.stored_high[0] = {0.5f, -0.5f};
+  Spectrum ref(kBins), mic[2] = {Spectrum(kBins), Spectrum(kBins)};
+  ref[128] = mic[0][128] = {1.0f, 0.0f};
+  std::vector<float> power[2] = {powers(mic[0]), powers(mic[1])};
+  aec.process(mic[0], power[0], mic[1], power[1], ref);
+  EXPECT_EQ(0.5f, mic[0][128].re);
+  EXPECT_EQ(0.5f, mic[0][128].im);
+  EXPECT_EQ(0.5f, power[0][128]);
+}
+
 TEST(EchoCanceller, ReducesTheEchoOfARoomByThirtyDecibels) {
   Canceller aec;
   SyntheticRoom rooms[2] = {SyntheticRoom(21), SyntheticRoom(22)};

@@ -56,7 +56,9 @@ TEST(AlignedMemory, IsPlacedAndReleased) {
     const std::uint32_t above = static_cast<std::uint32_t>(address) - word;
     EXPECT_GE(above, 5u);
     EXPECT_LE(above, 4 + alignment);
-    if (alignment == 1) EXPECT_EQ(above, 5u);
+    if (alignment == 1) {
+      EXPECT_EQ(above, 5u);
+    }
     std::memset(p, 0xff, 100);
     aligned_free(p);
   }
@@ -79,7 +81,9 @@ TEST(AlignedMemory, ZeroesAndRefuses) {
     EXPECT_EQ(aligned_zmalloc(100, alignment), nullptr);
     EXPECT_EQ(aligned_calloc(1, 100, alignment), nullptr);
   }
-  if (sizeof(void*) == 4) EXPECT_EQ(aligned_malloc(0xfffffff0u, 16), nullptr);
+  if (sizeof(void*) == 4) {
+    EXPECT_EQ(aligned_malloc(0xfffffff0u, 16), nullptr);
+  }
 }
 
 TEST(Clock, UnitsAgreeAndTimeAdvances) {

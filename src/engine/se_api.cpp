@@ -92,11 +92,9 @@ struct ScratchNeed {
   std::size_t stft, aec, nn, agc;
 
   std::size_t largest() const {
-    std::size_t bytes = stft;
-    for (const std::size_t other : {aec, nn, agc}) {
-      if (other > bytes) bytes = other;
-    }
-    return bytes;
+    const std::size_t signal = stft > aec ? stft : aec;
+    const std::size_t rest = nn > agc ? nn : agc;
+    return signal > rest ? signal : rest;
   }
 };
 

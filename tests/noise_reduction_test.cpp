@@ -1,0 +1,320 @@
+// The noise estimator against a model that keeps every frame, the suppressor against its formulas.
+#include "speechenhance/noise_reduction.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <numeric>
+#include <vector>
+
+#include "guarded_region.h"
+#include "ns/noise_estimator_state.h"
+#include "ns/noise_suppressor_state.h"
+#include "random_signal.h"
+
+namespace {
+
+constexpr float kWindowEnergy = 192.0f;
+
+struct Estimator {
+  explicit Estimator(int32_t frame_ms = 10, int32_t bins = 257, size_t misalignment = 0)
+      : mem(noise_estimate_query_mem(frame_ms, bins), misalignment),
+        scratch(noise_estimate_query_scratch(bins), misalignment + 9),
+        state(noise_estimate_init(mem.data(), scratch.data(), frame_ms, bins, kWindowEnergy)) {}
+
+  std::vector<float> operator()(const std::vector<float>& power) {
+    std::fill_n(scratch.data(), scratch.size(), std::uint8_t{0xFF});  // other modules use it too
+    std::vector<float> noise(power.size(), -1.0f);
+    noise_estimate_process(state, power.data(), noise.data());
+    return noise;
+  }
+
+  GuardedRegion mem, scratch;
+  NoiseEstimator* state;
+};
+
+// Keeps all accepted frames; minima are searched for in the past instead of being tracked.
+class EstimatorModel {
+ public:
+  explicit EstimatorModel(size_t bins)
+      : smooth_(bins, 0.0), age_(bins, 0), min_(bins, 1e10), gathered_(bins) {}
+
+  std::vector<double> operator()(const std::vector<float>& power) {
+    ++calls_;
+    const auto mean = [](const auto& x) {
+      return std::accumulate(x.begin(), x.end(), 0.0) / static_cast<double>(x.size());
+    };
+    if (mean(power) >= 1e-7 * kWindowEnergy) {
+      frames_.push_back(power);
+      if (calls_ < 6) {
+        min_.assign(power.begin(), power.end());
+        smooth();
+      } else {
+        std::vector<double> average(power.size(), 0.0);
+        const size_t span = std::min<size_t>(6, frames_.size());
+        for (size_t i = frames_.size() - span; i < frames_.size(); ++i)
+          for (size_t k = 0; k < power.size(); ++k) average[k] += double{frames_[i][k]} / 6;
+        if (mean(average) >= 3.16e-7 * kWindowEnergy) {
+          for (size_t k = 0; k < power.size(); ++k) track(k, average[k]);
+          smooth();
+        }
+      }
+    }
+    std::vector<double> noise;
+    for (double s : smooth_) noise.push_back(std::max(4 * s, 3.16e-7 * kWindowEnergy));
+    return noise;
+  }
+
+ private:
+  // A low not undercut for 400 frames gives way to the lowest average of the last 200.
+  void track(size_t k, double average) {
+    if (average < min_[k]) {
+      min_[k] = average;
+      age_[k] = 0;
+      gathered_[k].clear();
+      return;
+    }
+    ++age_[k];
+    if (age_[k] >= 200) gathered_[k].push_back(average);
+    if (age_[k] == 400) {
+      min_[k] = *std::min_element(gathered_[k].begin(), gathered_[k].end());
+      gathered_[k].clear();
+      age_[k] = 200;
+    }
+  }
+  void smooth() {
+    for (size_t k = 0; k < smooth_.size(); ++k) smooth_[k] += 0.25 * (min_[k] - smooth_[k]);
+  }
+
+  int calls_ = 0;
+  std::vector<std::vector<float>> frames_;
+  std::vector<double> smooth_;
+  std::vector<int> age_;
+  std::vector<double> min_;
+  std::vector<std::vector<double>> gathered_;
+};
+
+// 25 s of noise whose level steps, bin by bin, with speech-like bursts, pauses below each gate.
+TEST(NoiseEstimator, FollowsTheModelOverALongRun) {
+  constexpr size_t kBins = 37;
+  Estimator estimator(10, kBins);
+  EstimatorModel model(kBins);
+  RandomSignal random(17);
+  std::vector<float> level(kBins, 1.0f);
+  for (int frame = 0; frame < 2500; ++frame) {
+    if (frame % 331 == 0)
+      for (auto& l : level) l = 0.05f + 2.0f * (random.uniform() + 1.0f);
+    float scale = frame % 47 < 20 ? 30.0f : 1.0f;
+    if (frame % 600 > 560) scale = frame % 600 > 580 ? 1e-6f : 1.2e-5f;  // silent; below the floor
+    std::vector<float> power;
+    for (float l : level) power.push_back(scale * l * (random.uniform() + 1.0f));
+    const auto expected = model(power);
+    const auto noise = estimator(power);
+    for (size_t k = 0; k < kBins; ++k) {
+      ASSERT_NEAR(expected[k], noise[k], 1e-5 * expected[k]) << frame << " " << k;
+    }
+  }
+}
+
+TEST(NoiseEstimator, ReplacesAMinimumAfterFourSeconds) {
+  Estimator estimator;
+  std::vector<float> power(257, 1.0f);
+  EXPECT_EQ(power, estimator(power));  // 4 x 0.25 of it
+  EXPECT_EQ(0.25f, estimator.state->smooth_noise[256]);
+  for (int frame = 2; frame <= 100; ++frame) estimator(power);
+  EXPECT_NEAR(4.0f, estimator(power)[128], 1e-5f);
+
+  // A bin steps up. Its minimum was last set by the last call of the start, the fifth, and is 400
+  // frames old at call 405.
+  power[9] = 3.0f;
+  int frame = 101;
+  while (frame < 404) {
+    ++frame;
+    ASSERT_NEAR(4.0f, estimator(power)[9], 1e-5f) << frame;
+  }
+  EXPECT_NEAR(4.0f * (1.0f + 0.25f * 2.0f), estimator(power)[9], 1e-4f);
+  for (int i = 0; i < 40; ++i) estimator(power);
+  EXPECT_NEAR(12.0f, estimator(power)[9], 1e-3f);
+
+  // It drops: followed as soon as the average has dropped.
+  power[9] = 0.5f;
+  for (int i = 0; i < 40; ++i) estimator(power);
+  EXPECT_NEAR(2.0f, estimator(power)[9], 1e-3f);
+  EXPECT_LE(estimator.state->min_age[9], 40.0f);
+}
+
+TEST(NoiseEstimator, HoldsThroughSilenceAndNonsense) {
+  Estimator estimator;
+  const float floor = kWindowEnergy * 3.16e-7f;
+  const std::vector<float> silence(257, 0.0f), speech(257, 2.0f);
+  EXPECT_EQ(std::vector<float>(257, floor), estimator(silence));
+  for (int i = 0; i < 50; ++i) estimator(speech);
+  const auto before = estimator(speech);
+  for (int i = 0; i < 1000; ++i) ASSERT_EQ(before, estimator(silence));
+  auto broken = speech;
+  broken[3] = NAN;
+  EXPECT_EQ(before, estimator(broken));
+  broken[3] = INFINITY;
+  EXPECT_EQ(before, estimator(broken));
+  EXPECT_EQ(1054u, estimator.state->frame_count);
+  EXPECT_EQ(floor, estimator.state->noise_floor);
+}
+
+TEST(NoiseEstimator, TakesThePublishedMemoryForAnyGeometry) {
+  const size_t growth = sizeof(void*) == 4 ? 0 : sizeof(NoiseEstimator) - 72;
+  EXPECT_EQ(10442 + growth, noise_estimate_query_mem(10, 257));
+  EXPECT_EQ(1043u, noise_estimate_query_scratch(257));
+  // Out of range: brought to the nearest.
+  EXPECT_EQ(noise_estimate_query_mem(1, 5), noise_estimate_query_mem(-3, 5));
+  EXPECT_EQ(noise_estimate_query_mem(60, 5), noise_estimate_query_mem(61, 5));
+  EXPECT_EQ(noise_estimate_query_mem(10, 0), noise_estimate_query_mem(10, -1));
+
+  for (int32_t frame_ms : {-3, 1, 7, 10, 60, 1000}) {
+    for (int32_t bins : {-1, 0, 1, 2, 3, 4, 257}) {
+      for (size_t misalignment = 0; misalignment < 16; misalignment += bins == 257 ? 1 : 5) {
+        Estimator estimator(frame_ms, bins, misalignment);
+        const auto count = static_cast<size_t>(std::max(bins, 0));
+        EXPECT_TRUE(estimator.mem.holds(estimator.state, 1, 8));
+        EXPECT_TRUE(estimator.mem.holds(estimator.state->min_age, count, 16));
+        EXPECT_TRUE(estimator.scratch.holds(estimator.state->avg_power, count, 16));
+        const std::vector<float> power(count, 1.0f);
+        std::vector<float> noise;
+        for (int i = 0; i < 130; ++i) noise = estimator(power);
+        for (float n : noise) EXPECT_NEAR(4.0f, n, 1e-5f);
+        EXPECT_TRUE(estimator.mem.intact());
+        EXPECT_TRUE(estimator.scratch.intact());
+      }
+    }
+  }
+}
+
+// ---- Suppressor ---------------------------------------------------------------------------------
+
+struct Suppressor {
+  explicit Suppressor(int32_t bins = 257, float max_atten_db = 10.0f, size_t misalignment = 0)
+      : mem(noise_suppress_query_mem(bins), misalignment),
+        scratch(noise_suppress_query_scratch(bins), misalignment + 9),
+        state(noise_suppress_init(mem.data(), scratch.data(), 10, bins, max_atten_db)) {}
+
+  void operator()(const std::vector<float>& noise, const std::vector<zel_lcomplex>& in,
+                  std::vector<zel_lcomplex>& out) {
+    std::fill_n(scratch.data(), scratch.size(), std::uint8_t{0xFF});
+    noise_suppress_process(state, noise.data(), in.data(), out.data());
+  }
+
+  GuardedRegion mem, scratch;
+  NoiseSuppressor* state;
+};
+
+double norm(zel_lcomplex x) {
+  return double{x.re} * x.re + double{x.im} * x.im;
+}
+
+TEST(NoiseSuppressor, FollowsTheFormulas) {
+  for (size_t bins : {size_t{2}, size_t{3}, size_t{257}}) {
+    Suppressor suppressor(static_cast<int32_t>(bins), 12.0f);
+    RandomSignal random(bins);
+    const double floor = std::pow(10.0, -12.0 / 20);
+    std::vector<double> kept(bins);
+    std::vector<zel_lcomplex> in(bins), out(bins, {7.0f, -7.0f});
+    int floored = 0, fast = 0, slow = 0;
+    for (int frame = 0; frame < 300; ++frame) {
+      const float level = frame % 30 < 8 ? 8.0f : frame % 30 < 15 ? 1.6f : 1.0f;
+      std::vector<float> noise(bins);
+      for (size_t k = 0; k < bins; ++k) {
+        in[k] = {level * random.uniform(), level * random.uniform()};
+        noise[k] = k % 5 == 0 ? 1.5f : 0.5f;
+      }
+      suppressor(noise, in, out);
+      if (frame == 0) {
+        for (size_t k = 0; k < bins; ++k) {
+          kept[k] = norm(in[k]);
+          ASSERT_EQ(7.0f, out[k].re);
+          ASSERT_EQ(-7.0f, out[k].im);
+        }
+        continue;
+      }
+      std::vector<double> excess(bins), gain(bins);
+      for (size_t k = 0; k < bins; ++k) {
+        excess[k] = std::max(norm(in[k]) / double{noise[k]} - 1, 0.0);
+      }
+      const double m =
+          std::accumulate(excess.begin(), excess.end(), 0.0) / static_cast<double>(bins);
+      const double alpha = m < 1 ? 0.988 : std::max(0.98, 1 - 0.012 * m);
+      ++(alpha < 0.981 ? fast : slow);
+      for (size_t k = 0; k < bins; ++k) {
+        const double prior = alpha * kept[k] / double{noise[k]} + (1 - alpha) * excess[k];
+        gain[k] = prior / (prior + 1);
+      }
+      for (size_t k = 0; k < bins; ++k) {
+        // Ends count themselves once more in place of the neighbour that is missing.
+        const double left = gain[k == 0 ? 0 : k - 1];
+        const double right = gain[std::min(k + 1, bins - 1)];
+        const double smoothed = (left + 2 * gain[k] + right) / 4;
+        const double g = std::max(smoothed, floor);
+        floored += smoothed < floor;
+        kept[k] = g * g * norm(in[k]);
+        ASSERT_NEAR(g * in[k].re, out[k].re, 3e-5 * level) << frame << " " << k;
+        ASSERT_NEAR(g * in[k].im, out[k].im, 3e-5 * level) << frame << " " << k;
+      }
+    }
+    EXPECT_GT(floored, 100);
+    EXPECT_GT(fast, 10);
+    EXPECT_GT(slow, 10);
+  }
+}
+
+TEST(NoiseSuppressor, SettlesOnTheFloorInNoiseAndOnUnityWithoutNoise) {
+  Suppressor suppressor;
+  const std::vector<zel_lcomplex> in(257, {3.0f, 4.0f});
+  std::vector<zel_lcomplex> out(257);
+  const std::vector<float> same(257, 25.0f);
+  suppressor(same, in, out);
+  suppressor(same, in, out);
+  EXPECT_NEAR(3.0f * 0.988f / 1.988f, out[100].re, 1e-6f);
+  for (int i = 0; i < 5; ++i) {
+    suppressor(same, in, out);
+    EXPECT_NEAR(3.0f * 0.31622777f, out[0].re, 1e-6f);
+  }
+
+  Suppressor in_place;
+  out = in;
+  for (int i = 0; i < 3; ++i) in_place(std::vector<float>(257, 0.0f), out, out);
+  EXPECT_EQ(in[256].im, out[256].im);
+  EXPECT_EQ(in[7].re, out[7].re);
+}
+
+TEST(NoiseSuppressor, RecoversFromABinThatIsNotANumber) {
+  Suppressor suppressor;
+  const std::vector<float> noise(257, 1e-3f);
+  std::vector<zel_lcomplex> in(257, {1.0f, 1.0f}), out(257);
+  suppressor(noise, in, out);
+  in[50].re = NAN;
+  suppressor(noise, in, out);
+  in[50].re = 1.0f;
+  for (int i = 0; i < 3; ++i) suppressor(noise, in, out);
+  for (const auto& bin : out) EXPECT_NEAR(1.0f, bin.re, 0.01f);
+}
+
+TEST(NoiseSuppressor, TakesThePublishedMemoryAtAnyAlignment) {
+  const size_t growth = sizeof(void*) == 4 ? 0 : sizeof(NoiseSuppressor) - 48;
+  EXPECT_EQ(1098 + growth, noise_suppress_query_mem(257));
+  EXPECT_EQ(3129u, noise_suppress_query_scratch(257));
+  for (size_t misalignment = 0; misalignment < 16; ++misalignment) {
+    for (int32_t bins : {-1, 0, 1, 2, 257}) {
+      Suppressor suppressor(bins, 10.0f, misalignment);
+      const auto count = static_cast<size_t>(std::max(bins, 0));
+      EXPECT_TRUE(suppressor.mem.holds(suppressor.state, 1, 8));
+      EXPECT_TRUE(suppressor.mem.holds(suppressor.state->prev_speech, count, 16));
+      EXPECT_TRUE(suppressor.scratch.holds(suppressor.state->gain, count, 16));
+      std::vector<zel_lcomplex> spectrum(count, {1.0f, 0.0f});
+      for (int i = 0; i < 4; ++i) suppressor(std::vector<float>(count, 1e-6f), spectrum, spectrum);
+      for (const auto& bin : spectrum) EXPECT_NEAR(1.0f, bin.re, 1e-4f);
+      EXPECT_TRUE(suppressor.mem.intact());
+      EXPECT_TRUE(suppressor.scratch.intact());
+    }
+  }
+}
+
+}  // namespace

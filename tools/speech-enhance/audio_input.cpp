@@ -1,0 +1,243 @@
+#include "audio_input.h"
+
+#include <fcntl.h>
+#include <samplerate.h>
+#include <sndfile.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <vector>
+
+#include "errors.h"
+#include "speechenhance/speechenhance.h"
+#include "speechenhance/wav_io.h"
+
+namespace se_tool {
+namespace {
+
+static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__,
+              "samples of WAV files are used as they are");
+
+constexpr std::size_t kChunkFrames = 4096;
+
+struct CloseWav {
+  void operator()(WavFile* file) const { wav_io_close(file); }
+};
+using WavHandle = std::unique_ptr<WavFile, CloseWav>;
+
+// The library's own reader.
+class WavSource : public FrameSource {
+ public:
+  WavSource(WavHandle file, const WavFormat& wav)
+      : FrameSource({wav.sample_rate, wav.channels,
+                     wav_io_get_data_size(file.get()) / bytes_per_frame(wav)}),
+        file_(std::move(file)),
+        wav_(wav) {}
+
+  std::size_t read(float* frames, std::size_t count) override {
+    bytes_.resize(count * bytes_per_frame(wav_));
+    const auto bytes =
+        wav_io_read(file_.get(), static_cast<std::uint32_t>(bytes_.size()), bytes_.data());
+    const std::size_t read = static_cast<std::size_t>(bytes) / bytes_per_frame(wav_);
+    const std::size_t samples = read * static_cast<std::size_t>(wav_.channels);
+    if (wav_.is_float != 0) {
+      std::memcpy(frames, bytes_.data(), samples * sizeof(float));
+    } else if (wav_.bits_per_sample == 16) {
+      convert<std::int16_t>(frames, samples);
+    } else {
+      convert<std::int32_t>(frames, samples);
+    }
+    return read;
+  }
+
+ private:
+  static std::uint32_t bytes_per_frame(const WavFormat& wav) {
+    return static_cast<std::uint32_t>(wav.channels * (wav.bits_per_sample / 8));
+  }
+
+  template <class Integer>
+  void convert(float* samples, std::size_t count) const {
+    constexpr float kScale = 1.0f / static_cast<float>(1u << (8 * sizeof(Integer) - 1));
+    for (std::size_t i = 0; i < count; ++i) {
+      Integer value;
+      std::memcpy(&value, bytes_.data() + i * sizeof value, sizeof value);
+      samples[i] = static_cast<float>(value) * kScale;
+    }
+  }
+
+  WavHandle file_;
+  WavFormat wav_;
+  std::vector<unsigned char> bytes_;
+};
+
+struct CloseSndfile {
+  void operator()(SNDFILE* file) const { sf_close(file); }
+};
+using SndfileHandle = std::unique_ptr<SNDFILE, CloseSndfile>;
+
+class SndfileSource : public FrameSource {
+ public:
+  SndfileSource(SndfileHandle file, const SF_INFO& info)
+      : FrameSource({info.samplerate, info.channels, static_cast<std::uint64_t>(info.frames)}),
+        file_(std::move(file)) {}
+
+  std::size_t read(float* frames, std::size_t count) override {
+    return static_cast<std::size_t>(
+        sf_readf_float(file_.get(), frames, static_cast<sf_count_t>(count)));
+  }
+
+ private:
+  SndfileHandle file_;
+};
+
+// Another source at another rate, by libsamplerate's best windowed sinc (linear phase, so that
+// nothing moves in time).
+class ResampledSource : public FrameSource {
+ public:
+  ResampledSource(std::unique_ptr<FrameSource> source, int rate)
+      : FrameSource({rate, source->format().channels, resampled_length(source->format(), rate)}),
+        source_(std::move(source)),
+        ratio_(static_cast<double>(rate) / source_->format().rate),
+        input_(kChunkFrames * static_cast<std::size_t>(format().channels)) {
+    int error = 0;
+    state_.reset(src_new(SRC_SINC_BEST_QUALITY, format().channels, &error));
+    if (!state_ || src_is_valid_ratio(ratio_) == 0) {
+      throw Error(ExitCode::kInput, "a rate of " + std::to_string(source_->format().rate) +
+                                        " Hz cannot be resampled");
+    }
+  }
+
+  std::size_t read(float* frames, std::size_t count) override {
+    const auto channels = static_cast<std::size_t>(format().channels);
+    std::size_t done = 0;
+    while (done < count) {
+      if (available_ == 0 && !at_end_) refill();
+      SRC_DATA step = {};
+      step.data_in = input_.data() + position_ * channels;
+      step.input_frames = static_cast<long>(available_);
+      step.data_out = frames + done * channels;
+      step.output_frames = static_cast<long>(count - done);
+      step.end_of_input = at_end_ ? 1 : 0;
+      step.src_ratio = ratio_;
+      if (src_process(state_.get(), &step) != 0) break;
+      position_ += static_cast<std::size_t>(step.input_frames_used);
+      available_ -= static_cast<std::size_t>(step.input_frames_used);
+      done += static_cast<std::size_t>(step.output_frames_gen);
+      if (at_end_ && step.output_frames_gen == 0) {
+        done += pad_end(frames + done * channels, count - done, produced_ + done);
+        break;
+      }
+    }
+    produced_ += done;
+    return done;
+  }
+
+ private:
+  struct DeleteState {
+    void operator()(SRC_STATE* state) const { src_delete(state); }
+  };
+
+  static std::uint64_t resampled_length(const Format& format, int rate) {
+    const double frames = static_cast<double>(format.length) * rate / format.rate;
+    return format.length == 0 ? 0 : std::max<std::uint64_t>(1, std::llround(frames));
+  }
+
+  void refill() {
+    position_ = 0;
+    available_ = source_->read(input_.data(), kChunkFrames);
+    consumed_ += available_;
+    at_end_ = available_ < kChunkFrames;
+  }
+
+  // The resampler may stop a sample short of the rounded length: silence fills it up, but not the
+  // place of what the source failed to deliver.
+  std::size_t pad_end(float* frames, std::size_t count, std::uint64_t produced) const {
+    if (consumed_ < source_->format().length || produced >= format().length) return 0;
+    const std::uint64_t padded = std::min<std::uint64_t>(count, format().length - produced);
+    std::fill_n(frames, padded * static_cast<std::size_t>(format().channels), 0.0f);
+    return padded;
+  }
+
+  std::unique_ptr<FrameSource> source_;
+  double ratio_;
+  std::unique_ptr<SRC_STATE, DeleteState> state_;
+  std::vector<float> input_;    // one chunk of the source
+  std::size_t position_ = 0;    // frames of it used
+  std::size_t available_ = 0;   // frames of it left
+  std::uint64_t consumed_ = 0;  // frames read from the source
+  std::uint64_t produced_ = 0;  // frames given out
+  bool at_end_ = false;
+};
+
+// The library's reader where it can read the file and the rate is the engine's.
+std::unique_ptr<FrameSource> open_wav(const std::string& path) {
+  WavFormat wav = {};
+  WavHandle file(wav_io_open(path.c_str(), 0, &wav));
+  if (!file || wav.sample_rate != SE_SAMPLE_RATE) return nullptr;
+  return std::make_unique<WavSource>(std::move(file), wav);
+}
+
+std::unique_ptr<FrameSource> open_sndfile(const std::string& path) {
+  SF_INFO info = {};
+  SndfileHandle file(sf_open(path.c_str(), SFM_READ, &info));
+  if (!file) {
+    std::string reason = sf_strerror(nullptr);
+    while (!reason.empty() && (reason.back() == '.' || reason.back() == '\n')) reason.pop_back();
+    throw Error(ExitCode::kInput, "not readable as audio: " + reason);
+  }
+  return std::make_unique<SndfileSource>(std::move(file), info);
+}
+
+void check_readable(const std::string& path) {
+  const Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  if (!file.is_open()) {
+    throw Error(ExitCode::kInput, "cannot be opened: " + system_message(errno));
+  }
+  if (is_directory(path)) throw Error(ExitCode::kInput, "is a folder, not a recording");
+}
+
+}  // namespace
+
+AudioInput::AudioInput(const std::string& path) : name_(path == kStream ? "standard input" : path) {
+  try {
+    std::string readable_path = path;
+    if (path == kStream) {
+      copy_.emplace();
+      copy_->fill_from(STDIN_FILENO, name_);
+      readable_path = copy_->path();
+    }
+    check_readable(readable_path);
+    source_ = open_wav(readable_path);
+    if (!source_) source_ = open_sndfile(readable_path);
+    original_ = source_->format();
+    if (original_.length == 0) throw Error(ExitCode::kInput, "holds no samples");
+    if (original_.rate != SE_SAMPLE_RATE) {
+      source_ = std::make_unique<ResampledSource>(std::move(source_), SE_SAMPLE_RATE);
+    }
+  } catch (const Error& error) {
+    throw Error(error.code(), name_ + ": " + error.what());
+  }
+}
+
+void AudioInput::read(float* frames, std::size_t count) {
+  const std::size_t read = source_->read(frames, count);
+  const std::size_t channels = static_cast<std::size_t>(original_.channels);
+  for (std::size_t i = 0; i < read * channels; ++i) {
+    if (!std::isfinite(frames[i]))
+      fail_at(position_ + i / channels, "holds NaN or infinite samples");
+  }
+  position_ += read;
+  if (read < count) fail_at(position_, "is damaged: it ends before its stated length,");
+}
+
+void AudioInput::fail_at(std::uint64_t frame, const char* what) const {
+  char seconds[32];
+  std::snprintf(seconds, sizeof seconds, "%.3f", static_cast<double>(frame) / SE_SAMPLE_RATE);
+  throw Error(ExitCode::kInput, name_ + ": " + what + " at " + seconds + " s");
+}
+
+}  // namespace se_tool

@@ -1,0 +1,62 @@
+// Recordings as the engine takes them: 16 kHz floats, full scale +-1.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "files.h"
+
+namespace se_tool {
+
+// A stream of frames (one sample of each channel) from a file.
+class FrameSource {
+ public:
+  struct Format {
+    int rate = 0;
+    int channels = 0;
+    std::uint64_t length = 0;  // frames
+  };
+
+  explicit FrameSource(const Format& format) : format_(format) {}
+  virtual ~FrameSource() = default;
+
+  const Format& format() const { return format_; }
+
+  // Reads up to `count` frames, interleaved; fewer only at the end of the file.
+  virtual std::size_t read(float* frames, std::size_t count) = 0;
+
+ private:
+  Format format_;
+};
+
+// A recording of any format and rate that libsndfile reads, resampled to 16 kHz. WAV files of 16
+// kHz in the formats of wav_io.h pass through the library's own reader untouched.
+class AudioInput {
+ public:
+  // `path` may be "-" for standard input, which is read to its end first. Throws an Error (input)
+  // for what cannot be read or holds no samples.
+  explicit AudioInput(const std::string& path);
+
+  const std::string& name() const { return name_; }
+  const FrameSource::Format& original() const { return original_; }
+  int channels() const { return original_.channels; }
+  std::uint64_t length() const { return source_->format().length; }  // frames at 16 kHz
+
+  // Reads exactly `count` frames, interleaved. Throws an Error (input) if the file ends before its
+  // stated length or holds NaN or infinite samples.
+  void read(float* frames, std::size_t count);
+
+ private:
+  [[noreturn]] void fail_at(std::uint64_t frame, const char* what) const;
+
+  std::string name_;
+  std::optional<TemporaryFile> copy_;
+  std::unique_ptr<FrameSource> source_;
+  FrameSource::Format original_;
+  std::uint64_t position_ = 0;  // frames read
+};
+
+}  // namespace se_tool

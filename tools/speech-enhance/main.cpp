@@ -1,0 +1,114 @@
+// speech-enhance: cleans recordings of speech. See --help.
+
+#include <unistd.h>
+
+#include <cstring>
+#include <string>
+#include <type_traits>
+#include <vector>
+
+#include "enhance.h"
+#include "errors.h"
+#include "files.h"
+#include "options.h"
+#include "process_pool.h"
+#include "progress.h"
+#include "signals.h"
+#include "tasks.h"
+
+namespace {
+
+using namespace se_tool;
+
+void print_line(const std::string& line) {
+  write_all(STDERR_FILENO, "speech-enhance: " + line + "\n", "standard error");
+}
+
+// Statistics on their way from a process to its parent.
+static_assert(std::is_trivially_copyable_v<Statistics>);
+
+std::string pack(const Statistics& statistics) {
+  return {reinterpret_cast<const char*>(&statistics), sizeof statistics};
+}
+
+Statistics unpack(const std::string& bytes) {
+  Statistics statistics;
+  std::memcpy(&statistics, bytes.data(), sizeof statistics);
+  return statistics;
+}
+
+Statistics enhance_reporting(const Task& task, const ReportFraction& report) {
+  return enhance(task, [&](std::uint64_t done, std::uint64_t total) {
+    report(static_cast<double>(done) / static_cast<double>(total));
+  });
+}
+
+std::vector<Outcome> run(const std::vector<Task>& tasks, const Options& options) {
+  if (tasks.size() == 1) {
+    const Task& task = tasks.front();
+    ProgressLine line(task.mic, options.quiet);
+    return {{0, pack(enhance_reporting(task, [&](double part) { line.update(part); }))}};
+  }
+  ProgressLine line(std::to_string(tasks.size()) + " recordings", options.quiet);
+  const Work work = [&](std::size_t index, const ReportFraction& report) {
+    return pack(enhance_reporting(tasks[index], report));
+  };
+  return run_in_processes(tasks.size(), options.jobs, work,
+                          [&](double part) { line.update(part); });
+}
+
+void print_statistics(const Task& task, const Statistics& statistics, const Options& options) {
+  const bool stream_taken = options.output == kStream || options.plot == kStream;
+  const int target = stream_taken ? STDERR_FILENO : standard_output();
+  if (options.statistics == StatisticsFormat::kText) {
+    write_all(target, format_text(task.mic, statistics), "statistics");
+  } else if (options.statistics == StatisticsFormat::kJson) {
+    write_all(target, format_json(task.mic, statistics), "statistics");
+  }
+}
+
+// Returns the exit code: that of the first recording that failed.
+int report(const std::vector<Task>& tasks, const std::vector<Outcome>& outcomes,
+           const Options& options) {
+  int code = 0;
+  for (std::size_t i = 0; i < tasks.size(); ++i) {
+    if (outcomes[i].code != 0) {
+      print_line(outcomes[i].text);
+      code = code != 0 ? code : outcomes[i].code;
+      continue;
+    }
+    const Statistics statistics = unpack(outcomes[i].text);
+    print_statistics(tasks[i], statistics, options);
+    if (statistics.clipped_samples > 0 && !options.quiet) {
+      print_line(tasks[i].mic + ": warning: " + std::to_string(statistics.clipped_samples) +
+                 " samples of the output clip; --limiter or --float prevents that");
+    }
+  }
+  return code;
+}
+
+int run_tool(int argc, char** argv) {
+  const Options options = parse_options(argc, argv);
+  if (!options.text_to_print.empty()) {
+    write_all(STDOUT_FILENO, options.text_to_print, "standard output");
+    return 0;
+  }
+  watch_signals();
+  claim_standard_output();
+  const std::vector<Task> tasks = plan_tasks(options);
+  return report(tasks, run(tasks, options), options);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  try {
+    return run_tool(argc, argv);
+  } catch (const Error& error) {
+    print_line(error.what());
+    return error.code();
+  } catch (const std::exception& error) {
+    print_line(error.what());
+    return static_cast<int>(ExitCode::kInternal);
+  }
+}

@@ -1,0 +1,44 @@
+// Presets: settings under a name, built in or in a JSON file.
+//
+//   {
+//     "description": "What it is for",
+//     "mode": "denoise" | "mix" | "suppress",
+//     "residual_db": 30,
+//     "ns_residual_db": 40,
+//     "limiter": {"ceiling": 0.9, "gain_db": 0},
+//     "low_shelf": {"freq_hz": 300, "atten_db": 12},
+//     "high_shelf": {"freq_hz": 6000, "atten_db": 6},
+//     "peaks": [{"center_hz": 3000, "gain_db": 3, "q": 2}]
+//   }
+//
+// Every key may be left out; what is left out is off or as in Settings. Unknown keys, values of
+// another type and values out of range are errors (usage) of one line.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "settings.h"
+
+namespace se_tool {
+
+struct BuiltInPreset {
+  const char* name;
+  const char* json;
+};
+
+// In the order in which they are listed.
+const std::vector<BuiltInPreset>& built_in_presets();
+
+// Settings of the built-in preset or, if the argument contains a '/' or a '.', of the file.
+Settings load_preset(const std::string& name_or_path);
+
+// `source` names the text in errors.
+Settings parse_preset(const std::string& json, const std::string& source);
+
+std::string preset_description(const BuiltInPreset& preset);
+
+// Settings as the text of a preset file.
+std::string format_preset(const Settings& settings);
+
+}  // namespace se_tool

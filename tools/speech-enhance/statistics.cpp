@@ -1,0 +1,123 @@
+#include "statistics.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <limits>
+#include <nlohmann/json.hpp>
+
+namespace se_tool {
+namespace {
+
+constexpr int kEchoTailBlocks = 25;         // 250 ms
+constexpr double kLoudspeakerPlays = 1e-6;  // mean square, -60 dBFS
+
+double energy_of(const float* samples, std::size_t count) {
+  double energy = 0;
+  for (std::size_t i = 0; i < count; ++i) energy += static_cast<double>(samples[i]) * samples[i];
+  return energy;
+}
+
+double power_db(double power) {
+  return 10 * std::log10(power);
+}
+
+std::string decibels(double value, const char* unit) {
+  if (!std::isfinite(value)) return "-";
+  char text[32];
+  std::snprintf(text, sizeof text, "%.1f %s", value, unit);
+  return text;
+}
+
+std::string change(double before, double after) {
+  return decibels(before, "dBFS") + " -> " + decibels(after, "dBFS");
+}
+
+}  // namespace
+
+void LevelMeter::add_block(const float* samples, std::size_t count) {
+  if (count == 0) return;
+  for (std::size_t i = 0; i < count; ++i) peak_ = std::max(peak_, std::abs(samples[i]));
+  const double energy = energy_of(samples, count);
+  energy_ += energy;
+  samples_ += count;
+  ++blocks_;
+  const double level = power_db(energy / static_cast<double>(count));
+  const double step = std::max(0.0, (level - kLowestDb) * kStepsPerDb);
+  const auto last = static_cast<double>(blocks_at_level_.size() - 1);
+  ++blocks_at_level_[static_cast<std::size_t>(std::min(step, last))];
+}
+
+double LevelMeter::peak_db() const {
+  return power_db(static_cast<double>(peak_) * peak_);
+}
+
+double LevelMeter::level_db() const {
+  return power_db(energy_ / static_cast<double>(samples_));
+}
+
+double LevelMeter::background_db() const {
+  std::uint64_t below = 0;
+  for (std::size_t step = 0; step < blocks_at_level_.size(); ++step) {
+    below += blocks_at_level_[step];
+    if (below * 10 < blocks_ || below == 0) continue;
+    if (step == 0) break;
+    return kLowestDb + (static_cast<double>(step) + 0.5) / kStepsPerDb;
+  }
+  return -std::numeric_limits<double>::infinity();
+}
+
+void EchoMeter::add_block(const float* mic, const float* ref, const float* out, std::size_t count) {
+  if (energy_of(ref, count) > kLoudspeakerPlays * static_cast<double>(count)) {
+    blocks_left_ = kEchoTailBlocks;
+  }
+  if (blocks_left_ == 0) return;
+  --blocks_left_;
+  mic_energy_ += energy_of(mic, count);
+  out_energy_ += energy_of(out, count);
+}
+
+double EchoMeter::reduction_db() const {
+  return power_db(mic_energy_ / out_energy_);
+}
+
+std::string format_text(const std::string& file, const Statistics& s) {
+  char first[128];
+  std::snprintf(first, sizeof first, "  %-17s %.2f s\n  %-17s %.1f times real time (factor %.4f)\n",
+                "duration", s.duration_s, "speed", 1 / s.real_time_factor, s.real_time_factor);
+  std::string text = file + "\n" + first;
+  const auto add = [&text](const char* name, const std::string& value) {
+    char line[128];
+    std::snprintf(line, sizeof line, "  %-17s %s\n", name, value.c_str());
+    text += line;
+  };
+  add("peak", change(s.peak_in_db, s.peak_out_db));
+  add("level", change(s.level_in_db, s.level_out_db));
+  add("background", change(s.background_in_db, s.background_out_db));
+  add("attenuation", decibels(s.attenuation_db, "dB"));
+  add("echo reduction", decibels(s.echo_reduction_db, "dB"));
+  add("clipped samples", std::to_string(s.clipped_samples));
+  return text;
+}
+
+std::string format_json(const std::string& file, const Statistics& s) {
+  // What is not finite becomes null.
+  const nlohmann::ordered_json object = {
+      {"file", file},
+      {"duration_s", s.duration_s},
+      {"engine_s", s.engine_s},
+      {"real_time_factor", s.real_time_factor},
+      {"peak_in_dbfs", s.peak_in_db},
+      {"peak_out_dbfs", s.peak_out_db},
+      {"level_in_dbfs", s.level_in_db},
+      {"level_out_dbfs", s.level_out_db},
+      {"background_in_dbfs", s.background_in_db},
+      {"background_out_dbfs", s.background_out_db},
+      {"attenuation_db", s.attenuation_db},
+      {"echo_reduction_db", s.echo_reduction_db},
+      {"clipped_samples", s.clipped_samples},
+  };
+  return object.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
+}
+
+}  // namespace se_tool

@@ -1,0 +1,148 @@
+#include "tasks.h"
+
+#include <algorithm>
+#include <cctype>
+#include <filesystem>
+#include <map>
+#include <set>
+
+#include "errors.h"
+#include "files.h"
+
+namespace se_tool {
+namespace {
+
+namespace fs = std::filesystem;
+
+[[noreturn]] void fail(const std::string& line) {
+  throw Error(ExitCode::kUsage, line);
+}
+
+bool has_audio_suffix(const fs::path& path) {
+  static const std::set<std::string> suffixes = {".aif",  ".aifc", ".aiff", ".au",  ".caf",
+                                                 ".flac", ".mp3",  ".oga",  ".ogg", ".opus",
+                                                 ".rf64", ".snd",  ".w64",  ".wav", ".wave"};
+  std::string suffix = path.extension().string();
+  for (char& c : suffix) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  return suffixes.count(suffix) != 0;
+}
+
+std::vector<std::string> audio_files_in(const std::string& folder) {
+  std::vector<std::string> files;
+  std::error_code error;
+  for (const fs::directory_entry& entry : fs::directory_iterator(folder, error)) {
+    const bool hidden = entry.path().filename().string().front() == '.';
+    if (!hidden && entry.is_regular_file(error) && has_audio_suffix(entry.path())) {
+      files.push_back(entry.path().string());
+    }
+  }
+  if (error) throw Error(ExitCode::kInput, folder + ": cannot be read: " + error.message());
+  if (files.empty()) throw Error(ExitCode::kInput, folder + ": holds no audio files");
+  std::sort(files.begin(), files.end());
+  return files;
+}
+
+std::vector<std::string> expand(const std::vector<std::string>& inputs) {
+  std::vector<std::string> files;
+  for (const std::string& input : inputs) {
+    if (!is_directory(input)) {
+      files.push_back(input);
+      continue;
+    }
+    const std::vector<std::string> found = audio_files_in(input);
+    files.insert(files.end(), found.begin(), found.end());
+  }
+  return files;
+}
+
+// Whether recordings go into a folder, each under its own name.
+bool goes_to_folder(const Options& options) {
+  return options.inputs.size() > 1 || is_directory(options.inputs.front()) ||
+         is_directory(options.output) || options.output.back() == '/';
+}
+
+std::string in_folder(const std::string& folder, const std::string& recording, const char* suffix) {
+  return (fs::path(folder) / fs::path(recording).stem()).string() + suffix;
+}
+
+Task plan_task(const Options& options, const std::string& mic, bool to_folder) {
+  Task task;
+  task.mic = mic;
+  task.as_float = options.as_float;
+  task.settings = options.settings;
+  task.output = to_folder ? in_folder(options.output, mic, ".wav") : options.output;
+  if (!options.plot.empty()) {
+    task.plot = to_folder ? in_folder(options.plot, mic, ".png") : options.plot;
+  }
+  if (!options.ref.empty()) {
+    const bool beside = to_folder && is_directory(options.ref);
+    task.ref = beside ? (fs::path(options.ref) / fs::path(mic).filename()).string() : options.ref;
+  }
+  return task;
+}
+
+// No output may destroy an input or another output.
+void check_apart(const std::vector<Task>& tasks) {
+  std::map<std::string, std::string> inputs;
+  for (const Task& task : tasks) {
+    inputs[file_identity(task.mic, Direction::kIn)] = task.mic;
+    if (!task.ref.empty()) inputs[file_identity(task.ref, Direction::kIn)] = task.ref;
+  }
+  std::set<std::string> outputs;
+  for (const Task& task : tasks) {
+    for (const std::string& output : {task.output, task.plot}) {
+      if (output.empty()) continue;
+      const std::string identity = file_identity(output, Direction::kOut);
+      if (identity.empty()) continue;
+      const auto input = inputs.find(identity);
+      if (input != inputs.end()) {
+        fail(output + ": the output is the input" +
+             (output == input->second ? "" : " " + input->second));
+      }
+      if (!outputs.insert(identity).second) fail(output + ": would be written twice");
+    }
+  }
+}
+
+void create_folder(const std::string& folder) {
+  std::error_code error;
+  fs::create_directories(folder, error);
+  if (error || !is_directory(folder)) {
+    throw Error(ExitCode::kOutput,
+                folder + ": the folder cannot be created" + (error ? ": " + error.message() : ""));
+  }
+}
+
+}  // namespace
+
+std::vector<Task> plan_tasks(const Options& options) {
+  const std::vector<std::string> files = expand(options.inputs);
+  const bool to_folder = goes_to_folder(options);
+  if (to_folder) {
+    if (options.output == kStream) fail("several recordings need a folder as output, not \"-\"");
+    for (const std::string& folder : {options.output, options.plot}) {
+      if (folder.empty() || is_directory(folder) || !fs::exists(folder)) continue;
+      fail(folder + ": several recordings need a folder as output, this is a file");
+    }
+    if (std::count(files.begin(), files.end(), kStream) != 0) {
+      fail("standard input needs the name of an output file, not a folder");
+    }
+    if (files.size() > 1 && !options.ref.empty() && !is_directory(options.ref)) {
+      fail(options.ref + ": several recordings need a folder of references of the same names");
+    }
+  }
+  if (options.plot == kStream && options.output == kStream) {
+    fail("recording and plot cannot both go to standard output");
+  }
+
+  std::vector<Task> tasks;
+  for (const std::string& file : files) tasks.push_back(plan_task(options, file, to_folder));
+  check_apart(tasks);
+  if (to_folder) {
+    create_folder(options.output);
+    if (!options.plot.empty()) create_folder(options.plot);
+  }
+  return tasks;
+}
+
+}  // namespace se_tool
