@@ -1,5 +1,5 @@
 // The library's tanh against the double-precision one over every float: the largest error in units in
-// the last place, where it occurs, and whether the function is odd. Takes about a minute. Exits with
+// the last place, where it occurs, and whether the function is odd. Takes a few minutes. Exits with
 // 1 when the error exceeds 1.5.
 #include <algorithm>
 #include <cmath>
