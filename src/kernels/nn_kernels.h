@@ -29,6 +29,27 @@ struct GruStep {
   int hidden_size;
 };
 
+// The input of a convolution along frequency: the last frames, margins included, oldest first. The
+// window of position p is, in every frame, the run of `window` values that starts at p * step.
+struct ConvInput {
+  const std::int16_t* const* frames;
+  int frame_count;
+  int frame_len;  // at least (positions - 1) * step + window
+  int window;
+  int step;
+  int positions;
+};
+
+// The parameters of an integer layer: a row of `row_len` weights, a scale and a bias per output.
+struct IntegerLayer {
+  const std::int8_t* weights;
+  int rows;
+  int row_len;
+  const float* scale;
+  float unit;  // what 1 of the activations stands for, a power of two
+  const float* bias;
+};
+
 struct NnKernels {
   // mag[k] = sqrt(fused(re * re + round(im * im)) + 1e-8).
   void (*magnitude)(const zel_lcomplex* spectrum, int n, float* mag);
@@ -40,9 +61,12 @@ struct NnKernels {
   // sign, truncate), saturated to -32768..32767; NaN gives 0. `scale` is a power of two.
   void (*quantise)(const float* x, int n, float scale, std::int16_t* q);
 
-  // An integer layer: y[r] = float(sum of w[r * cols + i] * q[i]) * (scale[r] * unit) + bias[r].
-  void (*affine)(const std::int8_t* w, int rows, int cols, const std::int16_t* q,
-                 const float* scale, float unit, const float* bias, float* y);
+  // y[r] = float(sum of weights[r * row_len + i] * q[i]) * (scale[r] * unit) + bias[r].
+  void (*affine)(const IntegerLayer& layer, const std::int16_t* q, float* y);
+
+  // The same for every position p of a convolution, into y[p * rows + r]. The weights of a row run
+  // frame after frame; what it holds past frame_count * window weights is not used.
+  void (*convolve)(const IntegerLayer& layer, const ConvInput& in, float* y);
 
   // y[i] = fused(x[i] * mul[i] + add[i]) clamped to 0..6; NaN gives 0.
   void (*normalise)(const float* x, const float* mul, const float* add, int n, float* y);

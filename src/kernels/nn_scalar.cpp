@@ -49,10 +49,24 @@ void quantise(const float* x, int n, float scale, std::int16_t* q) {
   }
 }
 
-void affine(const std::int8_t* w, int rows, int cols, const std::int16_t* q, const float* scale,
-            float unit, const float* bias, float* y) {
-  for (int r = 0; r < rows; ++r, w += cols) {
-    y[r] = dot_as_float(w, q, cols) * (scale[r] * unit) + bias[r];
+void affine(const IntegerLayer& layer, const std::int16_t* q, float* y) {
+  const std::int8_t* w = layer.weights;
+  for (int r = 0; r < layer.rows; ++r, w += layer.row_len) {
+    y[r] = dot_as_float(w, q, layer.row_len) * (layer.scale[r] * layer.unit) + layer.bias[r];
+  }
+}
+
+void convolve(const IntegerLayer& layer, const ConvInput& in, float* y) {
+  for (int p = 0; p < in.positions; ++p, y += layer.rows) {
+    const std::int8_t* w = layer.weights;
+    for (int r = 0; r < layer.rows; ++r, w += layer.row_len) {
+      std::uint32_t sum = 0;
+      for (int t = 0; t < in.frame_count; ++t) {
+        sum += dot(w + t * in.window, in.frames[t] + p * in.step, in.window);
+      }
+      const auto value = static_cast<float>(static_cast<std::int32_t>(sum));
+      y[r] = value * (layer.scale[r] * layer.unit) + layer.bias[r];
+    }
   }
 }
 
@@ -111,7 +125,8 @@ void sigmoid_in_place(float* x, int n) {
 
 }  // namespace
 
-const NnKernels kScalarNn = {magnitude, compress,      quantise,  affine,        normalise,
-                             gru_gate,  gru_candidate, gru_blend, tanh_in_place, sigmoid_in_place};
+const NnKernels kScalarNn = {magnitude, compress,      quantise,        affine,
+                             convolve,  normalise,     gru_gate,        gru_candidate,
+                             gru_blend, tanh_in_place, sigmoid_in_place};
 
 }  // namespace se

@@ -1,10 +1,9 @@
 // One quantized 2-D convolution layer, run once per frame.
 //
 // The layer keeps the last kernel_time input frames, quantized to Q10, in a ring of slots whose
-// zero margins serve as the padding along frequency. Per output position it gathers the windows of
-// all time taps into one contiguous patch in kernel order, so that each output channel is one
-// integer product of the patch with a kernel row. A layer of the model costs in_width * in_channels
-// conversions and out_width * out_channels * kernel_len products per frame.
+// zero margins serve as the padding along frequency. The window of an output position is one run of
+// values in every slot, so the products read the ring in place. A layer of the model costs in_width
+// * in_channels conversions and out_width * out_channels * kernel_len products per frame.
 #include "nn/conv2d.h"
 
 #include <cstring>
@@ -49,16 +48,6 @@ ScratchLayout lay_out_scratch(MemoryWalk& scratch, int kernel_len, int in_channe
   return {scratch.buffer<std::int16_t>(static_cast<std::size_t>(kernel_len)),
           scratch.buffer<std::int16_t>(static_cast<std::size_t>(in_channels * in_width)),
           scratch.buffer<char>(static_cast<std::size_t>(in_channels * kSpareBytes))};
-}
-
-// The input windows of one output position, tap after tap, as one run. `window` is the number of
-// values per tap.
-void gather(std::int16_t* patch, const std::int16_t* const* taps, int tap_count, int start,
-            int window) {
-  for (int t = 0; t < tap_count; ++t) {
-    std::memcpy(patch + t * window, taps[t] + start,
-                static_cast<std::size_t>(window) * sizeof(std::int16_t));
-  }
 }
 
 }  // namespace
@@ -143,13 +132,11 @@ int conv2d_process(Conv2D* state, float* out, const float* in) {
     state->ordered[j] = state->ring[(state->ring_pos + j) % state->ring_size];
   }
   const Conv2DLayer& layer = *state->layer;
-  const int window = state->kernel_freq * state->in_channels;
-  for (int i = state->kernel_time * window; i < state->kernel_len; ++i) state->patch[i] = 0;
-  for (int x = 0; x < state->out_width; ++x) {
-    gather(state->patch, state->ordered, state->kernel_time,
-           x * state->freq_stride * state->in_channels, window);
-    k.affine(layer.kernel, state->out_channels, state->kernel_len, state->patch, layer.kernel_scale,
-             1.0f / kQ10, layer.bias, out + x * state->out_channels);
-  }
+  k.convolve(
+      {layer.kernel, state->out_channels, state->kernel_len, layer.kernel_scale, 1.0f / kQ10,
+       layer.bias},
+      {state->ordered, state->kernel_time, state->slot_len, state->kernel_freq * state->in_channels,
+       state->freq_stride * state->in_channels, state->out_width},
+      out);
   return 1;
 }

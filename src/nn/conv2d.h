@@ -25,7 +25,7 @@ struct Conv2D {
   std::int32_t ring_size;
   std::int32_t ring_pos;    // next slot to write
   std::int32_t kernel_len;  // bytes per kernel row
-  std::int16_t* patch;      // scratch: the input window of one output position
+  std::int16_t* patch;      // scratch: reserved, not used
   std::int16_t* qinput;     // scratch: the input frame in Q10
   void* spare;              // scratch: reserved, not used
 };

@@ -121,7 +121,7 @@ void run_head(const NNDenoiser& d) {
   const NnKernels& k = *kernels().nn;
   std::int16_t q[kHeadInput];
   k.quantise(d.gru2_out, kHeadInput, kQ11, q);
-  k.affine(d.fc2->weight, kBands, kHeadInput, q, d.fc2->weight_scale, 1.0f / kQ11, d.fc2->bias,
+  k.affine({d.fc2->weight, kBands, kHeadInput, d.fc2->weight_scale, 1.0f / kQ11, d.fc2->bias}, q,
            d.fc2_out);
   k.sigmoid(d.fc2_out, kBands);
 }

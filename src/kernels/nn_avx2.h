@@ -1,0 +1,19 @@
+// AVX2 kernels of the denoiser that the AVX-512 variant uses as they are.
+#pragma once
+
+#include <cstdint>
+
+#include "speechenhance/types.h"
+
+namespace se::avx2 {
+
+void magnitude(const zel_lcomplex* spectrum, int n, float* mag);
+void compress(const float* x, int n, float* y);
+void quantise(const float* x, int n, float scale, std::int16_t* q);
+void normalise(const float* x, const float* mul, const float* add, int n, float* y);
+void gru_blend(const float* update, const float* candidate, const std::int16_t* state, int n,
+               float* y);
+void tanh(float* x, int n);
+void sigmoid(float* x, int n);
+
+}  // namespace se::avx2
