@@ -18,3 +18,18 @@ if(SE_SANITIZE)
     -fsanitize=${SE_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
   target_link_options(se_options INTERFACE -fsanitize=${SE_SANITIZE})
 endif()
+
+# GCC's vectoriser fuses the products of a complex multiplication (vfmaddsub on x86 with FMA, fcmla on
+# AArch64 from v8.3 on) in spite of -ffp-contract=off. Where such instructions are there to be used,
+# it stays off; source files with FMA flags of their own have to add this flag, too.
+if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+  include(CheckCXXSourceCompiles)
+  check_cxx_source_compiles("
+    #if !defined(__FMA__) && !defined(__ARM_FEATURE_COMPLEX)
+    #error no fused complex arithmetic
+    #endif
+    int main() { return 0; }" SE_FUSED_COMPLEX_ARITHMETIC)
+  if(SE_FUSED_COMPLEX_ARITHMETIC)
+    target_compile_options(se_options INTERFACE -fno-tree-vectorize)
+  endif()
+endif()

@@ -27,7 +27,7 @@ std::vector<float> run_alone(std::uint32_t seed, int frames) {
 }
 
 TEST(Threads, EnginesDoNotDisturbEachOther) {
-  constexpr int kFrames = 200;  // well below what turns the shared quiet history on
+  constexpr int kFrames = 60;  // well below what turns the shared quiet history on
   std::vector<float> together[2];
   {
     std::thread first([&] { together[0] = run_alone(1, kFrames); });

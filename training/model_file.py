@@ -1,4 +1,4 @@
-"""Reads and writes the denoiser's model files (the layout is described in models/README.md).
+"""Reads and writes the denoiser's model files (their layout: docs/model-file.md).
 
     python3 -m training.model_file FILE      prints what a file holds
 

@@ -1,9 +1,10 @@
 // Complex FFT of any length: the generic mixed-radix engine.
 //
-// The stages of kernels/butterflies.h with radix 2, 3, 4 and 5, and 8 or any prime in the first one
-// executed. A prime without a butterfly of its own is summed directly, p * p operations per group,
-// with its roots of unity computed on the spot (they belong to no other stage, and a plan has no
-// room for them). It is the only stage that needs more than its input and output; as no stage has
+// The stages of kernels/butterflies.h with radix 2, 3, 4 and 5, and 8 or any other number in the
+// first one executed: what a length leaves that 2, 3 and 5 do not divide. Such a radix p is summed
+// directly, p * p operations per group, in double precision (p terms would add up p rounding
+// errors), with its roots of unity computed on the spot: no other stage shares them, and a plan has
+// no room for them. It is the only stage that needs more than its input and output; as no stage has
 // run before it, the array that it does not write is still free, so nothing is ever allocated.
 #include <cmath>
 #include <cstdint>
@@ -18,7 +19,7 @@ using namespace se;
 
 namespace {
 
-// The first stage for a radix p without a butterfly. `roots` takes p values.
+// The first stage for a radix p without a butterfly of its own. `roots` takes p values.
 template <bool kInverse>
 void direct_first_stage(const zel_lcomplex* in, zel_lcomplex* out, int stride, int p,
                         zel_lcomplex* roots) {
@@ -29,13 +30,18 @@ void direct_first_stage(const zel_lcomplex* in, zel_lcomplex* out, int stride, i
   }
   for (int g = 0; g < stride; ++g) {
     for (int q = 0; q < p; ++q) {
-      zel_lcomplex sum = in[g];
+      double re = in[g].re;
+      double im = in[g].im;
       int r = 0;  // q * k modulo p
       for (int k = 1; k < p; ++k) {
         r = r >= p - q ? r - (p - q) : r + q;
-        sum = sum + rotate<kInverse>(in[k * stride + g], roots[r]);
+        const zel_lcomplex leg = in[k * stride + g];
+        const double c = roots[r].re;
+        const double s = kInverse ? -roots[r].im : roots[r].im;
+        re += c * leg.re - s * leg.im;
+        im += c * leg.im + s * leg.re;
       }
-      out[g * p + q] = sum;
+      out[g * p + q] = {static_cast<float>(re), static_cast<float>(im)};
     }
   }
 }

@@ -97,10 +97,10 @@ std::vector<Peak> parse_peaks(const std::vector<std::string>& texts) {
 // What the command line says about settings; what it does not say is the preset's.
 struct SettingOptions {
   std::string preset;
-  std::optional<Mode> mode;
+  std::string mode;
   std::optional<int> residual_db;
   std::optional<int> ns_residual_db;
-  std::optional<bool> limiter;
+  int limiter = 0;  // 1 on, -1 off, 0 not given
   std::optional<double> limiter_ceiling;
   std::optional<double> limiter_gain_db;
   std::optional<std::string> low_shelf;
@@ -111,42 +111,43 @@ struct SettingOptions {
 void add_setting_options(CLI::App& app, SettingOptions& given) {
   const char* group = "What to do with the sound";
   app.add_option("-p,--preset", given.preset,
-                 "A built-in preset or a preset file; the options below override it")
-      ->type_name("NAME|FILE.json")
+                 "Built-in preset or preset file (JSON); the options\n"
+                 "below override it")
+      ->option_text("NAME|FILE")
       ->group(group);
-  const std::map<std::string, Mode> modes = {
-      {"denoise", Mode::kDenoise}, {"mix", Mode::kMix}, {"suppress", Mode::kSuppress}};
   app.add_option("--mode", given.mode,
-                 "denoise: the denoised signal alone (default); mix: with some of the unprocessed "
-                 "signal; suppress: that mix through the classical noise suppressor")
-      ->transform(CLI::Transformer(modes))
-      ->type_name("denoise|mix|suppress")
+                 "denoise: the denoised signal alone (default)\n"
+                 "mix: with some of the unprocessed signal\n"
+                 "suppress: that mix, then the classical suppressor")
+      ->option_text("MODE")
       ->group(group);
   app.add_option("--residual", given.residual_db,
-                 "Attenuation of the unprocessed signal in --mode mix (see below)")
-      ->type_name("DB")
+                 "Attenuation of the unprocessed signal in --mode mix\n"
+                 "(default 30; see below)")
+      ->option_text("DB")
       ->group(group);
-  app.add_option("--ns-residual", given.ns_residual_db, "The same in --mode suppress")
-      ->type_name("DB")
+  app.add_option("--ns-residual", given.ns_residual_db, "The same in --mode suppress (default 40)")
+      ->option_text("DB")
       ->group(group);
   app.add_flag("--limiter,!--no-limiter", given.limiter, "Limit the peaks of the output")
       ->group(group);
   app.add_option("--limiter-ceiling", given.limiter_ceiling,
                  "Limit to this fraction of full scale (default 0.9)")
-      ->type_name("LINEAR")
+      ->option_text("LINEAR")
       ->group(group);
   app.add_option("--limiter-gain", given.limiter_gain_db, "Amplify by this much, then limit")
-      ->type_name("DB")
+      ->option_text("DB")
       ->group(group);
   app.add_option("--low-shelf", given.low_shelf, "Attenuate below HZ by DB (or: off)")
-      ->type_name("HZ:DB")
+      ->option_text("HZ:DB")
       ->group(group);
   app.add_option("--high-shelf", given.high_shelf, "Attenuate above HZ by DB (or: off)")
-      ->type_name("HZ:DB")
+      ->option_text("HZ:DB")
       ->group(group);
   app.add_option("--peak", given.peaks,
-                 "Change the level around HZ by DB in a band HZ / Q wide; up to ten (or: off)")
-      ->type_name("HZ:DB:Q")
+                 "Change the level around HZ by DB, in a band HZ / Q\n"
+                 "wide; up to ten times (or: off)")
+      ->option_text("HZ:DB:Q")
       ->allow_extra_args(false)
       ->group(group);
 }
@@ -154,7 +155,11 @@ void add_setting_options(CLI::App& app, SettingOptions& given) {
 Settings resolve(const SettingOptions& given) {
   Settings settings;
   if (!given.preset.empty()) settings = load_preset(given.preset);
-  if (given.mode) settings.mode = *given.mode;
+  if (!given.mode.empty()) {
+    const std::optional<Mode> mode = find_mode(given.mode);
+    if (!mode) fail("--mode: \"" + given.mode + "\" is not denoise, mix or suppress");
+    settings.mode = *mode;
+  }
   if (given.residual_db) {
     if (settings.mode != Mode::kMix) fail("--residual needs --mode mix");
     settings.residual_db = *given.residual_db;
@@ -163,18 +168,15 @@ Settings resolve(const SettingOptions& given) {
     if (settings.mode != Mode::kSuppress) fail("--ns-residual needs --mode suppress");
     settings.ns_residual_db = *given.ns_residual_db;
   }
-  if (given.limiter_ceiling || given.limiter_gain_db || given.limiter) {
-    if (given.limiter == false) {
-      if (given.limiter_ceiling || given.limiter_gain_db) {
-        fail("--no-limiter contradicts the limiter's options");
-      }
-      settings.limiter.reset();
-    } else {
-      Limiter limiter = settings.limiter.value_or(Limiter{});
-      limiter.ceiling = given.limiter_ceiling.value_or(limiter.ceiling);
-      limiter.gain_db = given.limiter_gain_db.value_or(limiter.gain_db);
-      settings.limiter = limiter;
-    }
+  const bool tunes_limiter = given.limiter_ceiling || given.limiter_gain_db;
+  if (given.limiter < 0) {
+    if (tunes_limiter) fail("--no-limiter contradicts the limiter's other options");
+    settings.limiter.reset();
+  } else if (given.limiter > 0 || tunes_limiter) {
+    Limiter limiter = settings.limiter.value_or(Limiter{});
+    limiter.ceiling = given.limiter_ceiling.value_or(limiter.ceiling);
+    limiter.gain_db = given.limiter_gain_db.value_or(limiter.gain_db);
+    settings.limiter = limiter;
   }
   if (given.low_shelf) settings.low_shelf = parse_shelf(*given.low_shelf, "--low-shelf");
   if (given.high_shelf) settings.high_shelf = parse_shelf(*given.high_shelf, "--high-shelf");
@@ -183,11 +185,22 @@ Settings resolve(const SettingOptions& given) {
   return settings;
 }
 
+// CLI11's help without its own account of types, checks and defaults: the descriptions have them.
 class HelpFormatter : public CLI::Formatter {
  public:
-  HelpFormatter() { column_width(34); }
+  HelpFormatter() { column_width(25); }
+
   std::string make_usage(const CLI::App*, std::string) const override {
-    return "Usage: speech-enhance MIC... [--ref REF] -o OUT [options]\n\n";
+    return "\nUsage: speech-enhance MIC... [--ref REF] -o OUT [options]\n";
+  }
+  std::string make_option_name(const CLI::Option* option, bool is_positional) const override {
+    std::string name = option->get_name(is_positional, !is_positional);
+    name.erase(std::remove(name.begin(), name.end(), '!'), name.end());
+    return name.substr(0, name.find('{'));
+  }
+  std::string make_option_opts(const CLI::Option* option) const override {
+    const std::string& value = option->get_option_text();
+    return value.empty() ? "" : " " + value;
   }
 };
 
@@ -221,22 +234,27 @@ Options parse_options(int argc, const char* const* argv) {
   app.set_version_flag("--version", std::string("speech-enhance ") + se_get_version());
   app.add_option("MIC", options.inputs, "Recordings, folders of them, or -")->option_text(" ");
   app.add_option("-o,--output", options.output, "The enhanced recording, a folder, or -")
-      ->type_name("OUT");
+      ->option_text("OUT");
   app.add_option("-r,--ref", options.ref, "What the loudspeaker played, to cancel its echo")
-      ->type_name("REF");
+      ->option_text("REF");
   app.add_flag("--float", options.as_float,
-               "Store 32-bit float samples, which do not clip (default: 16-bit)");
+               "Store 32-bit float samples, which do not clip,\n"
+               "instead of 16-bit ones");
   app.add_flag("--stats{text}", statistics,
-               "Print figures, as text or with --stats=json (on standard error with -o -)");
+               "Print figures (--stats=json: as JSON, one line per\n"
+               "recording), on standard error if OUT is -");
   app.add_option("--plot", options.plot, "Draw spectrograms and levels before and after")
-      ->type_name("OUT.png");
-  app.add_option("-j,--jobs", jobs, "Recordings worked on at a time (default: one per processor)")
-      ->type_name("N")
+      ->option_text("OUT.png");
+  app.add_option("-j,--jobs", jobs,
+                 "Recordings worked on at a time (default: as many\n"
+                 "as there are processors)")
+      ->option_text("N")
       ->check(CLI::Range(1, 1024));
   app.add_flag("-q,--quiet", options.quiet, "Show no progress");
   app.add_flag("--list-presets", wants_list, "List the built-in presets");
   app.add_flag("--print-preset", wants_preset,
-               "Print the settings that the other options make, as a preset file");
+               "Print the settings that the other options make, as\n"
+               "a preset file");
   add_setting_options(app, given);
 
   try {

@@ -17,14 +17,15 @@ namespace {
 
 // Pixels.
 constexpr int kWidth = 1400;
-constexpr int kHeight = 1060;
-constexpr double kLeft = 88;
-constexpr double kPanelWidth = 1160;
+constexpr int kHeight = 1090;
+constexpr double kLeft = 96;
+constexpr double kPanelWidth = 1152;
 constexpr double kSpectrumHeight = 330;
 constexpr double kLevelHeight = 170;
+constexpr double kGap = 48;
 constexpr double kInputTop = 92;
-constexpr double kOutputTop = kInputTop + kSpectrumHeight + 52;
-constexpr double kLevelTop = kOutputTop + kSpectrumHeight + 52 - 30 + 22;
+constexpr double kOutputTop = kInputTop + kSpectrumHeight + kGap;
+constexpr double kLevelTop = kOutputTop + kSpectrumHeight + kGap;
 constexpr double kBarLeft = kLeft + kPanelWidth + 32;
 constexpr double kBarWidth = 22;
 
@@ -128,19 +129,20 @@ class Pen {
 
 std::string plain(double value) {
   char text[32];
-  std::snprintf(text, sizeof text, "%g", value);
+  std::snprintf(text, sizeof text, "%s%g", value < 0 ? "\u2212" : "", std::abs(value));
   return text;
 }
 
-// A range of decibels that ends at a multiple of ten.
+// A range of decibels.
 struct Range {
   double low, high;
 
   double place(double value) const { return std::clamp((value - low) / (high - low), 0.0, 1.0); }
 };
 
-Range range_below(double highest, double span) {
-  const double top = std::clamp(std::ceil(highest / 10) * 10, -70.0, 40.0);
+// The range of `span` that ends at the next multiple of `step` above `highest`.
+Range range_below(double highest, double step, double span) {
+  const double top = std::clamp(std::ceil(highest / step) * step, -80.0, 40.0);
   return {top - span, top};
 }
 
@@ -185,7 +187,7 @@ void draw_spectrum(const Pen& pen, const Box& box, const SpectrumPicture& pictur
   for (double khz = 0; khz <= kTopKhz; khz += 2) {
     pen.left_tick(box, box.bottom() - khz / kTopKhz * box.height, plain(khz));
   }
-  pen.upward_text(box.left - 52, box.top + box.height / 2, "Frequency (kHz)");
+  pen.upward_text(box.left - 64, box.top + box.height / 2, "Frequency (kHz)");
 }
 
 void draw_colour_bar(const Pen& pen, const Box& box, const Range& range) {
@@ -247,7 +249,7 @@ void draw_legend(const Pen& pen, const Box& box) {
 
 void draw_levels(const Pen& pen, const Box& box, const SpectrumPicture& input,
                  const SpectrumPicture& output) {
-  const Range range = range_below(highest(input.level_db, output.level_db), kLevelRangeDb);
+  const Range range = range_below(highest(input.level_db, output.level_db), 20, kLevelRangeDb);
   for (double db = range.low; db <= range.high; db += 20) {
     const double y = box.bottom() - range.place(db) * box.height;
     pen.ink(kFaint);
@@ -257,7 +259,8 @@ void draw_levels(const Pen& pen, const Box& box, const SpectrumPicture& input,
   draw_level(pen, box, input, range, kInputInk, 0.35);
   draw_level(pen, box, output, range, kOutputInk, 0.25);
   pen.frame(box);
-  pen.upward_text(box.left - 52, box.top + box.height / 2, "Level (dBFS)");
+  pen.ink(kText);
+  pen.upward_text(box.left - 64, box.top + box.height / 2, "Level (dBFS)");
   draw_legend(pen, box);
 }
 
@@ -337,7 +340,7 @@ std::string draw_plot(const std::string& title, double duration_s, const Spectru
   pen.text(kLeft, 36, Align::kToRight, std::filesystem::path(title).filename().string());
   pen.text_size(kTextSize);
 
-  const Range range = range_below(highest(input.power_db, output.power_db), kSpectrumRangeDb);
+  const Range range = range_below(highest(input.power_db, output.power_db), 10, kSpectrumRangeDb);
   draw_spectrum(pen, input_box, input, range);
   draw_heading(pen, input_box, "Input");
   draw_spectrum(pen, output_box, output, range);

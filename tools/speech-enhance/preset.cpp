@@ -14,13 +14,6 @@ namespace {
 
 using nlohmann::json;
 
-struct ModeName {
-  Mode mode;
-  const char* name;
-};
-constexpr ModeName kModeNames[] = {
-    {Mode::kDenoise, "denoise"}, {Mode::kMix, "mix"}, {Mode::kSuppress, "suppress"}};
-
 [[noreturn]] void fail(const std::string& what) {
   throw Error(ExitCode::kUsage, what);
 }
@@ -51,10 +44,10 @@ int whole_number(const json& object, const std::string& where, const char* key) 
 }
 
 Mode parse_mode(const json& value) {
-  for (const auto& [mode, name] : kModeNames) {
-    if (value == name) return mode;
-  }
-  fail("\"mode\" must be \"denoise\", \"mix\" or \"suppress\"");
+  const std::optional<Mode> mode =
+      value.is_string() ? find_mode(value.get<std::string>()) : std::nullopt;
+  if (!mode) fail("\"mode\" must be \"denoise\", \"mix\" or \"suppress\"");
+  return *mode;
 }
 
 Shelf parse_shelf(const json& object, const std::string& where) {
@@ -148,9 +141,7 @@ std::string format_preset(const Settings& settings) {
     return ordered{{"freq_hz", band.freq_hz}, {"atten_db", band.atten_db}};
   };
   ordered root;
-  for (const auto& [mode, name] : kModeNames) {
-    if (settings.mode == mode) root["mode"] = name;
-  }
+  root["mode"] = mode_name(settings.mode);
   root["residual_db"] = settings.residual_db;
   root["ns_residual_db"] = settings.ns_residual_db;
   if (settings.limiter) {

@@ -44,7 +44,28 @@ ShelfBand engine_shelf(const std::optional<Shelf>& shelf) {
   return {1, static_cast<float>(shelf->freq_hz), static_cast<float>(shelf->atten_db)};
 }
 
+constexpr Mode kModes[] = {Mode::kDenoise, Mode::kMix, Mode::kSuppress};
+
 }  // namespace
+
+const char* mode_name(Mode mode) {
+  switch (mode) {
+    case Mode::kMix:
+      return "mix";
+    case Mode::kSuppress:
+      return "suppress";
+    case Mode::kDenoise:
+      break;
+  }
+  return "denoise";
+}
+
+std::optional<Mode> find_mode(const std::string& name) {
+  for (const Mode mode : kModes) {
+    if (name == mode_name(mode)) return mode;
+  }
+  return std::nullopt;
+}
 
 void check_settings(const Settings& settings) {
   check_range("residual", settings.residual_db, 0, 120, " dB");

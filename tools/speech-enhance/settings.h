@@ -3,6 +3,7 @@
 #pragma once
 
 #include <optional>
+#include <string>
 #include <vector>
 
 #include "speechenhance/speechenhance.h"
@@ -14,6 +15,10 @@ enum class Mode {
   kMix,       // with some of the unprocessed signal mixed in
   kSuppress,  // mixed, then through the classical noise suppressor
 };
+
+// The names by which people call them: denoise, mix, suppress.
+const char* mode_name(Mode mode);
+std::optional<Mode> find_mode(const std::string& name);
 
 struct Limiter {
   double ceiling = 0.9;  // linear, full scale 1
