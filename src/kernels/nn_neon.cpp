@@ -24,7 +24,7 @@ constexpr int kConvPositions = 4;
 #else
 constexpr int kConvPositions = 2;
 #endif
-constexpr int kMaxPatch = 512;  // longest row of a convolution whose windows are gathered
+constexpr int kMaxPatch = 576;  // longest row: nine windows' places of 64 channels
 
 struct Int32x8 {
   int32x4_t low;
@@ -36,33 +36,73 @@ struct Float32x8 {
   float32x4_t high;
 };
 
-// The products of eight rows, `cols` apart, with q. `cols` is a multiple of 8.
-inline Int32x8 dot8(const std::int8_t* w, const std::int16_t* q, int cols) {
-  const std::int8_t* row[kRows];
-  int32x4_t sum[kRows];
-  for (int r = 0; r < kRows; ++r) {
-    row[r] = w + r * cols;
-    sum[r] = vdupq_n_s32(0);
+#define SE_INLINE __attribute__((always_inline))
+
+// step(0), step(1), ... step(kCount - 1), written out so that arrays indexed by them become registers.
+// (GCC unrolls nested loops too late for that.)
+template <int kCount, class Step>
+SE_INLINE inline void unrolled(Step step) {
+  if constexpr (kCount > 0) {
+    unrolled<kCount - 1>(step);
+    step(kCount - 1);
   }
-  for (int steps = cols / 16; steps > 0; --steps) {
-    const int16x8_t q_low = vld1q_s16(q);
-    step(q, 8);
-    const int16x8_t q_high = vld1q_s16(q);
-    step(q, 8);
-    for (int r = 0; r < kRows; ++r) {
-      const int8x16_t weights = vld1q_s8(row[r]);
-      row[r] += 16;
-      sum[r] = multiply_add(sum[r], widen_low(weights), q_low);
-      sum[r] = multiply_add(sum[r], widen_high(weights), q_high);
-    }
+}
+
+// Adds the products of kRowCount rows of weights, `cols` apart, with kVectors vectors of activations,
+// `q_step` apart, to sum[vector][row]. `cols` is a multiple of 8. Weights are loaded and widened once
+// for all vectors, activations loaded once for all rows.
+template <int kVectors, int kRowCount>
+SE_INLINE inline void add_products(const std::int8_t* weights, int cols, const std::int16_t* activations,
+                         int q_step, int32x4_t (&sum)[kVectors][kRowCount]) {
+  const std::int8_t* w[kRowCount];
+  const std::int16_t* q[kVectors];
+  unrolled<kRowCount>([&](int r) SE_INLINE { w[r] = weights + r * cols; });
+  unrolled<kVectors>([&](int v) SE_INLINE { q[v] = activations + v * q_step; });
+  for (int steps = cols >> 4; steps > 0; --steps) {
+    int16x8_t low[kVectors], high[kVectors];
+    unrolled<kVectors>([&](int v) SE_INLINE {
+      low[v] = vld1q_s16(q[v]);
+      step(q[v], 8);
+      high[v] = vld1q_s16(q[v]);
+      step(q[v], 8);
+    });
+    unrolled<kRowCount>([&](int r) SE_INLINE {
+      const int8x16_t bytes = vld1q_s8(w[r]);
+      w[r] += 16;
+      const int16x8_t w_low = widen_low(bytes);
+      const int16x8_t w_high = widen_high(bytes);
+      unrolled<kVectors>([&](int v) SE_INLINE {
+        sum[v][r] = multiply_add(sum[v][r], w_low, low[v]);
+        sum[v][r] = multiply_add(sum[v][r], w_high, high[v]);
+      });
+    });
   }
-  if (cols & 8) {
-    const int16x8_t q_low = vld1q_s16(q);
-    for (int r = 0; r < kRows; ++r) {
-      sum[r] = multiply_add(sum[r], vmovl_s8(vld1_s8(row[r])), q_low);
-    }
+  if ((cols & 8) != 0) {
+    int16x8_t last[kVectors];
+    unrolled<kVectors>([&](int v) SE_INLINE { last[v] = vld1q_s16(q[v]); });
+    unrolled<kRowCount>([&](int r) SE_INLINE {
+      const int16x8_t w_last = vmovl_s8(vld1_s8(w[r]));
+      unrolled<kVectors>(
+          [&](int v) SE_INLINE { sum[v][r] = multiply_add(sum[v][r], w_last, last[v]); });
+    });
   }
-  return {totals(sum[0], sum[1], sum[2], sum[3]), totals(sum[4], sum[5], sum[6], sum[7])};
+}
+
+template <int kVectors, int kRowCount>
+inline void clear(int32x4_t (&sum)[kVectors][kRowCount]) {
+  unrolled<kVectors>([&](int v) SE_INLINE {
+    unrolled<kRowCount>([&](int r) SE_INLINE { sum[v][r] = vdupq_n_s32(0); });
+  });
+}
+
+// The products of eight rows with one vector. A function of its own, so that nothing of its callers
+// competes for its registers.
+__attribute__((noinline)) Int32x8 dot8(const std::int8_t* w, const std::int16_t* q, int cols) {
+  int32x4_t sum[1][kRows];
+  clear(sum);
+  add_products(w, cols, q, 0, sum);
+  return {totals(sum[0][0], sum[0][1], sum[0][2], sum[0][3]),
+          totals(sum[0][4], sum[0][5], sum[0][6], sum[0][7])};
 }
 
 // Where the block behind the first `done` of `count` things starts. The last block overlaps the one
@@ -143,42 +183,6 @@ void affine(const IntegerLayer& layer, const std::int16_t* q, float* y) {
   }
 }
 
-// The outputs of kConvRows rows from `row` on at kConvPositions positions from `position` on.
-// Weights are loaded and widened once for all positions, activations once for all rows.
-inline void convolve_block(const IntegerLayer& layer, const ConvInput& in, int row, int position,
-                           float* y) {
-  int32x4_t sum[kConvPositions][kConvRows];
-  for (int p = 0; p < kConvPositions; ++p) {
-    for (int r = 0; r < kConvRows; ++r) sum[p][r] = vdupq_n_s32(0);
-  }
-  const std::int8_t* w[kConvRows];
-  for (int r = 0; r < kConvRows; ++r) w[r] = layer.weights + (row + r) * layer.row_len;
-  for (int frame = 0; frame < in.frame_count; ++frame) {
-    const std::int16_t* q[kConvPositions];
-    for (int p = 0; p < kConvPositions; ++p) q[p] = in.frames[frame] + (position + p) * in.step;
-    for (int steps = in.window / 8; steps > 0; --steps) {
-      int16x8_t activations[kConvPositions];
-      for (int p = 0; p < kConvPositions; ++p) {
-        activations[p] = vld1q_s16(q[p]);
-        q[p] += 8;
-      }
-      for (int r = 0; r < kConvRows; ++r) {
-        const int16x8_t weights = vmovl_s8(vld1_s8(w[r]));
-        w[r] += 8;
-        for (int p = 0; p < kConvPositions; ++p) {
-          sum[p][r] = multiply_add(sum[p][r], weights, activations[p]);
-        }
-      }
-    }
-  }
-  const float32x4_t scale = vmulq_n_f32(vld1q_f32(layer.scale + row), layer.unit);
-  const float32x4_t bias = vld1q_f32(layer.bias + row);
-  for (int p = 0; p < kConvPositions; ++p) {
-    const int32x4_t total = totals(sum[p][0], sum[p][1], sum[p][2], sum[p][3]);
-    vst1q_f32(y + (position + p) * layer.rows + row, vmlaq_f32(bias, vcvtq_f32_s32(total), scale));
-  }
-}
-
 // A window of at least eight values, the last block overlapping the one before.
 inline void copy_window(const std::int16_t* from, int window, std::int16_t* to) {
   for (int done = 0; done < window; done += 8) {
@@ -187,31 +191,44 @@ inline void copy_window(const std::int16_t* from, int window, std::int16_t* to) 
   }
 }
 
-// Windows of odd lengths: each position's are put together into one run, padded with zeros.
-void convolve_gathered(const IntegerLayer& layer, const ConvInput& in, float* y) {
-  std::int16_t patch[kMaxPatch];
-  const int used = in.frame_count * in.window;
-  for (int i = used; i < layer.row_len; ++i) patch[i] = 0;
-  for (int p = 0; p < in.positions; ++p) {
-    for (int t = 0; t < in.frame_count; ++t) {
-      copy_window(in.frames[t] + p * in.step, in.window, patch + t * in.window);
-    }
-    affine(layer, patch, y + p * layer.rows);
+// The windows of a position put together into one run in the order of the weights, zeros behind it.
+inline void gather(const ConvInput& in, int position, int row_len, std::int16_t* patch) {
+  for (int t = 0; t < in.frame_count; ++t, patch += in.window) {
+    copy_window(in.frames[t] + position * in.step, in.window, patch);
+  }
+  for (int i = in.frame_count * in.window; i < row_len; ++i) *patch++ = 0;
+}
+
+// The outputs of kConvRows rows from `row` on at kConvPositions positions.
+inline void convolve_block(const IntegerLayer& layer, int row, const std::int16_t* patches,
+                           float* y) {
+  int32x4_t sum[kConvPositions][kConvRows];
+  clear(sum);
+  add_products(layer.weights + row * layer.row_len, layer.row_len, patches, kMaxPatch, sum);
+  const float32x4_t scale = vmulq_n_f32(vld1q_f32(layer.scale + row), layer.unit);
+  const float32x4_t bias = vld1q_f32(layer.bias + row);
+  y += row;
+  for (int p = 0; p < kConvPositions; ++p, y += layer.rows) {
+    const int32x4_t total = totals(sum[p][0], sum[p][1], sum[p][2], sum[p][3]);
+    vst1q_f32(y, vmlaq_f32(bias, vcvtq_f32_s32(total), scale));
   }
 }
 
 void convolve(const IntegerLayer& layer, const ConvInput& in, float* y) {
-  if (in.window % 8 == 0 && layer.rows >= kConvRows && in.positions >= kConvPositions) {
-    for (int position = 0; position < in.positions; position += kConvPositions) {
-      const int p = block_start(position, in.positions, kConvPositions);
-      for (int row = 0; row < layer.rows; row += kConvRows) {
-        convolve_block(layer, in, block_start(row, layer.rows, kConvRows), p, y);
-      }
+  if (layer.row_len % 8 != 0 || layer.row_len > kMaxPatch || layer.rows < kConvRows ||
+      in.window < 8 || in.positions < kConvPositions) {
+    return kScalarNn.convolve(layer, in, y);
+  }
+  std::int16_t patches[kConvPositions * kMaxPatch];
+  for (int done = 0; done < in.positions; done += kConvPositions) {
+    const int position = block_start(done, in.positions, kConvPositions);
+    for (int p = 0; p < kConvPositions; ++p) {
+      gather(in, position + p, layer.row_len, patches + p * kMaxPatch);
     }
-  } else if (in.window >= 8 && layer.row_len <= kMaxPatch) {
-    convolve_gathered(layer, in, y);
-  } else {
-    kScalarNn.convolve(layer, in, y);
+    for (int row = 0; row < layer.rows; row += kConvRows) {
+      convolve_block(layer, block_start(row, layer.rows, kConvRows), patches,
+                     y + position * layer.rows);
+    }
   }
 }
 
