@@ -183,11 +183,12 @@ void affine(const IntegerLayer& layer, const std::int16_t* q, float* y) {
   }
 }
 
-// A window of at least eight values, the last block overlapping the one before.
+// A window of at least eight values. The last block may overlap the one before.
 inline void copy_window(const std::int16_t* from, int window, std::int16_t* to) {
-  for (int done = 0; done < window; done += 8) {
-    const int i = block_start(done, window, 8);
-    vst1q_s16(to + i, vld1q_s16(from + i));
+  const int last = window - 8;
+  vst1q_s16(to + last, vld1q_s16(from + last));
+  for (int steps = last >> 3; steps >= 0; --steps, from += 8, to += 8) {
+    vst1q_s16(to, vld1q_s16(from));
   }
 }
 
