@@ -1,0 +1,28 @@
+/* What training needs of the library, over whole scenes in one call, for Python's ctypes (which
+ * releases the interpreter lock while it runs). Every array is the caller's; frames are 160 samples.
+ * Functions are reentrant. */
+#ifndef SE_TRAINING_H
+#define SE_TRAINING_H
+
+#include "speechenhance/export.h"
+#include "speechenhance/types.h"
+
+SE_BEGIN_C
+
+/* Geometry and network shape as JSON; the only place Python takes them from. */
+SE_API const char* se_training_shape(void);
+
+/* Spectra of `frames` frames, 257 bins each. */
+SE_API void se_training_analyse(const float* samples, int frames, zel_lcomplex* spectra);
+
+/* The engine's path up to the network: analysis of both microphones and the reference, echo
+ * cancellation, features.
+ *   mic1_spectra  frames x 257, echo-reduced, of microphone 1
+ *   ref_energy    frames, energy of the reference spectrum
+ *   features      frames x 3 x 128, microphone 0, microphone 1, reference */
+SE_API void se_training_front_end(const float* mic0, const float* mic1, const float* ref, int frames,
+                                  zel_lcomplex* mic1_spectra, float* ref_energy, float* features);
+
+SE_END_C
+
+#endif
