@@ -50,6 +50,14 @@ def analyse(samples: np.ndarray) -> np.ndarray:
     return spectra
 
 
+def synthesise(spectra: np.ndarray) -> np.ndarray:
+    """Signal of spectra (frames, bins), later than the analysed one by `SHAPE.frame - SHAPE.hop`."""
+    spectra = np.ascontiguousarray(spectra, np.complex64)
+    samples = np.empty(len(spectra) * SHAPE.hop, np.float32)
+    _native.se_training_synthesise(_floats(spectra), len(spectra), _floats(samples))
+    return samples
+
+
 def front_end(mic0: np.ndarray, mic1: np.ndarray, reference: np.ndarray):
     """Echo-reduced microphone-1 spectra (frames, bins), reference energy (frames,) and network
     features (frames, channels, bands), as the engine computes them from its start."""

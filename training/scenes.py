@@ -79,6 +79,7 @@ class Mixer:
         self.rng = np.random.default_rng(seed)
         known = [f for f in library.talkers if f in FOLDER_WEIGHTS] or list(library.talkers)
         weights = np.array([FOLDER_WEIGHTS.get(f, 1.0) for f in known])
+        self.mild_loudspeaker = False  # little distortion and no path changes, for evaluation
         self.folders, self.folder_weights = known, weights / weights.sum()
 
     # --- sources -------------------------------------------------------------------------------
@@ -265,6 +266,8 @@ class Mixer:
         if not np.isfinite(plan.echo):
             return reference, np.zeros((2, n), np.float32)
         drive = np.float32(rng.uniform(0.3, 4.0) if rng.random() < 0.7 else 0.01)
+        if self.mild_loudspeaker:
+            drive = np.float32(1.0)
         peak = np.abs(reference).max() + 1e-9
         driven = reference / peak * drive
         played = (np.tanh(driven) + np.float32(rng.uniform(0, 0.05)) * driven ** 2) / drive * peak

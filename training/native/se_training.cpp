@@ -103,6 +103,13 @@ void se_training_analyse(const float* samples, int frames, zel_lcomplex* spectra
   for (int t = 0; t < frames; ++t) stft.run(samples + t * kHop, spectra + t * nn::kBins);
 }
 
+void se_training_synthesise(const zel_lcomplex* spectra, int frames, float* samples) {
+  Memory memory(zel_stft_query_mem(kFrame, 1)), scratch(zel_stft_query_scratch(kFrame));
+  stft_state* stft = zel_stft_init(memory.data(), scratch.data(), p_win_tmp, kFrame, kHop, 1);
+  for (int t = 0; t < frames; ++t)
+    zel_stft_synthesis_envelop(stft, spectra + t * nn::kBins, samples + t * kHop);
+}
+
 void se_training_front_end(const float* mic0, const float* mic1, const float* ref, int frames,
                            zel_lcomplex* mic1_spectra, float* ref_energy, float* features) {
   Analysis stft[kMics + 1];

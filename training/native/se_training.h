@@ -15,6 +15,9 @@ SE_API const char* se_training_shape(void);
 /* Spectra of `frames` frames, 257 bins each. */
 SE_API void se_training_analyse(const float* samples, int frames, zel_lcomplex* spectra);
 
+/* Samples of `frames` spectra, delayed against the analysed signal by frame - hop samples. */
+SE_API void se_training_synthesise(const zel_lcomplex* spectra, int frames, float* samples);
+
 /* The engine's path up to the network: analysis of both microphones and the reference, echo
  * cancellation, features.
  *   mic1_spectra  frames x 257, echo-reduced, of microphone 1
