@@ -7,8 +7,8 @@ squared and gated. Then fixed make-up gains per bin group. The bins of the lowes
 import numpy as np
 import torch
 
+from training.bands import expansion
 from training.library import SHAPE
-from training.network import expansion_matrix
 
 FAR_END_ENERGY = 0.01  # reference energy above which the far-end rule holds
 FAR_END_GATE = 0.1  # squared gains below it become 0
@@ -24,7 +24,7 @@ def make_up() -> np.ndarray:
 
 class GainRule:
     def __init__(self, device="cpu"):
-        self.expansion = torch.from_numpy(expansion_matrix()).to(device)
+        self.expansion = torch.from_numpy(expansion().T.astype(np.float32)).to(device)
         self.make_up = torch.from_numpy(make_up()).to(device)
         raw = self.expansion.sum(0)  # every band value at 1
         squared = raw * raw

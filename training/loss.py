@@ -48,6 +48,35 @@ def third_octaves() -> np.ndarray:
     return ((f[:, None] >= low) & (f[:, None] < high)).astype(np.float32)
 
 
+class _SpectralError(torch.autograd.Function):
+    """Weighted error of the compressed spectra as a function of the applied gain.
+
+    The derivative is formed along with the value, in place: training on small machines spends its
+    time moving these arrays through memory."""
+
+    @staticmethod
+    def forward(ctx, gain, mixture, wanted, cosine, bins, w):
+        """gain and cosine (B, T, bins); mixture and wanted compressed magnitudes; bins (bins,)."""
+        squared = torch.mul(gain, gain).add_(FLOOR ** 2)
+        y = squared.pow(EXPONENT / 2).mul_(mixture)
+        error = wanted - y
+        turned = (1 - cosine).mul_(wanted)  # y * turned = half of |Y - S|^2 - (|Y| - |S|)^2
+        per_bin = error.square().mul_(w.magnitude + w.complex)
+        per_bin.addcmul_(y, turned, value=2 * w.complex)
+        slope = turned.mul_(2 * w.complex).add_(error, alpha=-2 * (w.magnitude + w.complex))
+        missing = error.clamp_min_(0)
+        per_bin.addcmul_(missing, missing, value=w.attenuated)
+        slope.add_(missing, alpha=-2 * w.attenuated)
+        # d y / d gain = EXPONENT * gain * y / (gain^2 + floor^2)
+        slope.mul_(y).mul_(gain).div_(squared).mul_(bins * (EXPONENT / gain[..., 0].numel()))
+        ctx.save_for_backward(slope)
+        return (per_bin @ bins).mean()
+
+    @staticmethod
+    def backward(ctx, grad):
+        return ctx.saved_tensors[0] * grad, None, None, None, None, None
+
+
 class Loss:
     def __init__(self, weights: Weights | None = None, device="cpu"):
         self.weights = weights or Weights()
@@ -56,34 +85,27 @@ class Loss:
         self.octaves = torch.from_numpy(third_octaves()).to(device)
 
     def __call__(self, values, mixture, target, cosine, far_end):
-        """values (B, T, bands); mixture, target (B, T, bins) magnitudes, normalised per scene;
-        cosine (B, T, bins) of the angle between them; far_end (B, T) -> loss, parts by name."""
+        """values (B, T, bands); mixture, target (B, T, bins) compressed magnitudes, normalised per
+        scene; cosine (B, T, bins) of the angle between them; far_end (B, T) -> loss, parts."""
         w = self.weights
         gain = self.rule.applied(self.rule.raw(values), far_end)
-        wanted = target * self.rule.ceiling(far_end)
-        compressed_gain = (gain * gain + FLOOR ** 2) ** (EXPONENT / 2)
-        y = mixture ** EXPONENT * compressed_gain
-        s = wanted ** EXPONENT
-        error = s - y
-        squared = error * error
-        missing = torch.relu(error) ** 2
-        # |y e^ia - s e^ib|^2 = (y - s)^2 + 2 y s (1 - cos)
-        complex_error = squared + 2 * y * s * (1 - cosine)
-        per_bin = (w.magnitude * squared + w.complex * complex_error + w.attenuated * missing)
-        spectral = (per_bin @ self.bins).mean()
+        wanted = target * self.rule.ceiling(far_end) ** EXPONENT
+        spectral = _SpectralError.apply(gain, mixture, wanted, cosine, self.bins, w)
 
-        talk = wanted.square().mean(-1)  # (B, T)
-        present = talk > 1e-5
-        enhanced = mixture * gain
-        noise_power = (enhanced.square() + wanted.square() -
-                       2 * enhanced * wanted * cosine).sum((1, 2))
-        talk_power = wanted.square().sum((1, 2))
-        talking = talk_power > 1e-2 * wanted[0].numel()
-        ratio = 10 * torch.log10(noise_power / (talk_power + 1e-3) + 3e-3)
+        with torch.no_grad():
+            full = target ** (1 / EXPONENT)
+            aim = full * self.rule.ceiling(far_end)
+            loud = mixture ** (1 / EXPONENT)
+            present = aim.square().mean(-1) > 1e-5  # (B, T)
+            talk_power = aim.square().sum((1, 2))
+            talking = talk_power > 1e-2 * aim[0].numel()
+            towards = aim * cosine * 2
+        enhanced = loud * gain
+        noise_power = (enhanced * (enhanced - towards)).sum((1, 2)) + talk_power
+        ratio = 10 * torch.log10(noise_power.clamp_min(0) / (talk_power + 1e-3) + 3e-3)
         ratio = (ratio * talking).sum() / len(ratio)
-
-        envelope = self._envelope_loss(enhanced, target, talking)
-        silent = (compressed_gain @ self.bins * ~present).mean()
+        envelope = self._envelope_loss(enhanced, full, talking)
+        silent = (torch.sqrt(gain @ self.bins + 1e-3) * ~present).mean()
         parts = {"spectral": spectral, "ratio": ratio, "envelope": envelope, "silence": silent}
         total = spectral + w.ratio * ratio + w.envelope * envelope + w.silence * silent
         return total, parts

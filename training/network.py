@@ -11,11 +11,11 @@ scratch.
 
 import math
 
-import numpy as np
 import torch
 import torch.nn.functional as F
 from torch import nn
 
+from training import accelerate
 from training.library import SHAPE
 
 Q10 = 1024.0  # fixed-point formats of the engine: convolution inputs
@@ -140,9 +140,18 @@ class ConvBlock(nn.Module):
         multiplier = self.gamma / torch.sqrt(self.var + BN_EPSILON)
         return multiplier, self.beta - self.mean * multiplier
 
-    def forward(self, x):
+    def forward(self, x, quick: bool = False):
         """(B, C, T, F) -> (B, C', T - 2, F'): only frames whose whole window is given."""
         multiplier, offset = self.folded()
+        if quick:  # the scale of the weights and the bias join the normalisation
+            with torch.no_grad():
+                scale = row_scales(self.weight.reshape(self.shape.out_channels, -1))
+            y = F.conv2d(x, accelerate.IntegerRows.apply(self.weight, scale), None,
+                         stride=(1, self.shape.freq_stride), padding=(0, self.shape.freq_pad))
+            offset = offset + multiplier * self.bias.reshape(-1, 1, 1)
+            multiplier = multiplier * scale.reshape(-1, 1, 1)
+            return accelerate.NormClamp.apply(y, multiplier.squeeze(1).t().contiguous(),
+                                              offset.squeeze(1).t().contiguous(), ACTIVATION_LIMIT)
         return torch.addcmul(offset, self.convolve(x), multiplier).clamp(0, ACTIVATION_LIMIT)
 
 
@@ -158,15 +167,17 @@ class GruPair(nn.Module):
         for p in self.parameters():
             nn.init.uniform_(p, -1 / math.sqrt(hidden), 1 / math.sqrt(hidden))
 
-    def forward(self, x, h0):
-        """x (T, 2, B, I), h0 (2, B, H) -> states (T, 2, B, H)."""
-        steps, _, batch, inputs = x.shape
-        xq = quantise(x, Q11).transpose(0, 1).reshape(2, steps * batch, inputs)
-        w = quantise(self.weight_ih, GRU_STEP).transpose(1, 2)
-        gates = torch.baddbmm(self.bias_ih.unsqueeze(1), xq, w)
-        gates = gates.reshape(2, steps, batch, -1).transpose(0, 1)
-        return _GruPairRecurrence.apply(gates, quantise(self.weight_hh, GRU_STEP).transpose(1, 2),
-                                        self.bias_hh.unsqueeze(1), h0)
+    def forward(self, x, h0, quick: bool = False):
+        """x (2, T, B, I), h0 (2, B, H) -> states (2, T, B, H)."""
+        _, steps, batch, inputs = x.shape
+        xq = quantise(x, Q11)
+        w_ih, w_hh = quantise(self.weight_ih, GRU_STEP), quantise(self.weight_hh, GRU_STEP)
+        if quick:
+            return accelerate.GruPairLoop.apply(xq, w_ih, w_hh, self.bias_ih, self.bias_hh, h0)
+        gates = torch.baddbmm(self.bias_ih.unsqueeze(1), xq.reshape(2, steps * batch, inputs),
+                              w_ih.transpose(1, 2)).reshape(2, steps, batch, -1).transpose(0, 1)
+        return _GruPairRecurrence.apply(gates, w_hh.transpose(1, 2), self.bias_hh.unsqueeze(1),
+                                        h0).transpose(0, 1)
 
 
 class Denoiser(nn.Module):
@@ -179,6 +190,7 @@ class Denoiser(nn.Module):
         self.gru2 = GruPair(SHAPE.gru2_inputs, SHAPE.hidden)
         self.head = nn.Linear(2 * SHAPE.hidden, SHAPE.bands)
         nn.init.constant_(self.head.bias, -1.0)
+        self.quick = accelerate.available()  # in training mode; evaluation takes the exact path
 
     @staticmethod
     def initial_state(batch: int) -> torch.Tensor:
@@ -187,19 +199,23 @@ class Denoiser(nn.Module):
     def forward(self, features, state):
         """features (B, T + 2 * lookahead, 3, bands), state from `initial_state` or the last call
         -> band values 0..1 (B, T, bands) and the new state (no gradient flows through it)."""
+        quick = self.training and self.quick and features.shape[0] % accelerate.BATCH_STEP == 0
         x = features.permute(0, 2, 1, 3)
+        if quick:
+            x = x.bfloat16().contiguous(memory_format=torch.channels_last)
         for conv in self.convs:
-            x = conv(x)
+            x = conv(x, quick)
         batch, channels, steps, _ = x.shape
-        # Frequency halves, channel-major: (T, half, B, channel * positions).
-        x = x.reshape(batch, channels, steps, 2, self.half).permute(2, 3, 0, 1, 4)
-        h1 = self.gru1(x.reshape(steps, 2, batch, channels * self.half), state[0])
+        # Frequency halves, channel-major: (half, T, B, channel * positions).
+        x = x.float().reshape(batch, channels, steps, 2, self.half).permute(3, 2, 0, 1, 4)
+        h1 = self.gru1(x.reshape(2, steps, batch, channels * self.half), state[0], quick)
         # Channel shuffle: even elements of both outputs to one GRU, odd elements to the other.
-        joined = h1.transpose(1, 2).reshape(steps, batch, SHAPE.hidden, 2)
-        h2 = self.gru2(joined.permute(0, 3, 1, 2), state[1])
-        flat = h2.transpose(1, 2).reshape(steps, batch, 2 * SHAPE.hidden)
+        joined = h1.permute(1, 2, 0, 3).reshape(steps, batch, SHAPE.hidden, 2)
+        h2 = self.gru2(joined.permute(3, 0, 1, 2).contiguous(), state[1], quick)
+        flat = h2.permute(1, 2, 0, 3).reshape(steps, batch, 2 * SHAPE.hidden)
         values = torch.sigmoid(F.linear(flat, _RoundPerRow.apply(self.head.weight), self.head.bias))
-        return values.transpose(0, 1), torch.stack([h1[-1], h2[-1]]).detach()
+        new_state = torch.stack([h1[:, -1], h2[:, -1]]).detach()
+        return values.transpose(0, 1), new_state
 
     def constrain(self) -> None:
         """Keeps the masters inside what the formats hold; call after every optimiser step."""
@@ -221,14 +237,3 @@ class Denoiser(nn.Module):
                 conv.mean.copy_(y.mean((0, 2)).unsqueeze(1))
                 conv.var.copy_(y.var((0, 2)).unsqueeze(1).clamp_min(1e-6))
                 x = conv(x)
-
-
-def expansion_matrix() -> np.ndarray:
-    """(bands, bins): band values -> gains per bin, interpolated and divided by the band width."""
-    matrix = np.zeros((SHAPE.bands, SHAPE.bins), np.float32)
-    for band, (start, end) in enumerate(zip(SHAPE.band_edges[:-1], SHAPE.band_edges[1:])):
-        width = end - start
-        for j in range(width):
-            matrix[band, start + j] = (1 - j / width) / width
-            matrix[band + 1, start + j] = j / width / width
-    return matrix

@@ -23,13 +23,14 @@ class NetworkProcessor:
         self.quiet_share = 0.0  # of the last scene's frames, by the quiet detector
 
     def __call__(self, microphones, reference):
-        spectra, energy, features = library.front_end(*microphones, reference)
+        front = library.front_end(*microphones, reference)
+        spectra, features = front.microphones[:, 1], front.features
         lag = SHAPE.lookahead
         padded = np.concatenate([np.zeros((lag, *features.shape[1:]), np.float32), features])
         with torch.no_grad():
             values, _ = self.network(torch.from_numpy(padded)[None], self.network.initial_state(1))
             raw = self.rule.raw(values)
-            far_end = torch.from_numpy(energy[lag:] > FAR_END_ENERGY)[None]
+            far_end = torch.from_numpy(front.energy[lag:] > FAR_END_ENERGY)[None]
             gain = self.rule.applied(raw, far_end)[0].numpy()
         self.quiet_share = float((raw[0, :, :128].sum(-1) < QUIET_SUM).float().mean())
         delay = SHAPE.frame - SHAPE.hop

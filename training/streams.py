@@ -9,6 +9,7 @@ import torch
 from training import library, scenes
 from training.gain_rule import FAR_END_ENERGY
 from training.library import SHAPE
+from training.loss import EXPONENT
 
 
 @dataclasses.dataclass
@@ -17,15 +18,15 @@ class Example:
     t .. t + 2 * lookahead."""
 
     features: np.ndarray  # (frames + 2 * lookahead, channels, bands)
-    mixture: np.ndarray  # (frames, bins) magnitude of the echo-reduced microphone 1, normalised
-    target: np.ndarray  # (frames, bins)
+    mixture: np.ndarray  # (frames, bins) compressed magnitude of microphone 1, echo-reduced
+    target: np.ndarray  # (frames, bins) the same of the target
     cosine: np.ndarray  # (frames, bins) of the angle between the two
     far_end: np.ndarray  # (frames,) bool, the rule that the pipeline applies to the frame
 
 
 def make_example(scene: scenes.Scene) -> Example:
-    spectra, energy, features = library.front_end(scene.microphones[0], scene.microphones[1],
-                                                  scene.reference)
+    front = library.front_end(scene.microphones[0], scene.microphones[1], scene.reference)
+    spectra, features = front.microphones[:, 1], front.features
     lag = SHAPE.lookahead
     frames = len(spectra) - lag
     padded = np.concatenate([np.zeros((lag, *features.shape[1:]), np.float32), features])
@@ -40,7 +41,8 @@ def make_example(scene: scenes.Scene) -> Example:
     magnitude, wanted = np.abs(mixture), np.abs(target)
     cosine = (mixture.real * target.real + mixture.imag * target.imag) / (
         magnitude * wanted + np.float32(1e-9))
-    return Example(padded, magnitude, wanted, cosine, energy[lag:] > FAR_END_ENERGY)
+    exponent = np.float32(EXPONENT)
+    return Example(padded, magnitude ** exponent, wanted ** exponent, cosine, front.energy[lag:] > FAR_END_ENERGY)
 
 
 class Streams:

@@ -5,6 +5,7 @@
 #define SE_TRAINING_H
 
 #include "speechenhance/export.h"
+#include "speechenhance/speechenhance.h"
 #include "speechenhance/types.h"
 
 SE_BEGIN_C
@@ -20,11 +21,28 @@ SE_API void se_training_synthesise(const zel_lcomplex* spectra, int frames, floa
 
 /* The engine's path up to the network: analysis of both microphones and the reference, echo
  * cancellation, features.
- *   mic1_spectra  frames x 257, echo-reduced, of microphone 1
- *   ref_energy    frames, energy of the reference spectrum
- *   features      frames x 3 x 128, microphone 0, microphone 1, reference */
+ *   mic_spectra  frames x 2 x 257, echo-reduced
+ *   ref_spectra  frames x 257
+ *   ref_energy   frames, energy of the reference spectrum
+ *   features     frames x 3 x 128, microphone 0, microphone 1, reference */
 SE_API void se_training_front_end(const float* mic0, const float* mic1, const float* ref, int frames,
-                                  zel_lcomplex* mic1_spectra, float* ref_energy, float* features);
+                                  zel_lcomplex* mic_spectra, zel_lcomplex* ref_spectra,
+                                  float* ref_energy, float* features);
+
+/* The next two run a model file, the compiled-in model where it is null. They start with an empty
+ * quiet-frame history, so calls on several threads disturb each other's. They return null, or what
+ * is wrong with the file. */
+
+/* The denoiser over spectra as se_training_front_end gives them. gains: frames x 257; the rows of
+ * the first five frames, which have no result, stay as they are. */
+SE_API const char* se_training_network(const unsigned char* model_file, long size,
+                                       const zel_lcomplex* mic_spectra,
+                                       const zel_lcomplex* ref_spectra, int frames, float* gains);
+
+/* The whole engine. `config` may be null; out: frames x 160 samples. */
+SE_API const char* se_training_engine(const unsigned char* model_file, long size, const float* mic0,
+                                      const float* mic1, const float* ref, int frames, int nn_only,
+                                      int use_ns, const NnProcessConfig* config, float* out);
 
 SE_END_C
 
