@@ -21,14 +21,15 @@ from training.library import SHAPE
 class Weights:
     magnitude: float = 0.5
     complex: float = 0.5
-    attenuated: float = 1.0  # extra on magnitude errors that take speech away
+    attenuated: float = 2.0  # extra on magnitude errors that take speech away
     ratio: float = 0.01  # per dB
-    envelope: float = 0.3
-    silence: float = 0.05
+    envelope: float = 0.6
+    silence: float = 0.15
 
 
 EXPONENT = 0.3
 FLOOR = 2e-3  # of the gain, keeps the compressed gain's slope finite
+AUDIBLE = 1e-5  # power of a third octave, against 1 for the mean bin of a talker
 SEGMENT = 38  # frames of an envelope segment, 384 ms
 
 
@@ -112,10 +113,11 @@ class Loss:
 
     def _envelope_loss(self, enhanced, target, talking):
         """1 - mean correlation of third-octave envelopes over segments of 384 ms."""
-        x = torch.sqrt(enhanced.square() @ self.octaves + 1e-4)
-        s = torch.sqrt(target.square() @ self.octaves + 1e-4)
+        x = torch.sqrt(enhanced.square() @ self.octaves + AUDIBLE)
+        s = torch.sqrt(target.square() @ self.octaves + AUDIBLE)
         x, s = (e.unfold(1, SEGMENT, SEGMENT // 2) for e in (x, s))  # (B, n, bands, SEGMENT)
-        weight = (s.square().mean(-1) > 3e-3).float() * talking[:, None, None]
+        weight = (s.square().mean(-1) > 10 * AUDIBLE).float() * talking[:, None, None]
         x, s = (e - e.mean(-1, keepdim=True) for e in (x, s))
-        correlation = (x * s).sum(-1) / torch.sqrt(x.square().sum(-1) * s.square().sum(-1) + 1e-6)
+        correlation = (x * s).sum(-1) / torch.sqrt(
+            (x.square().sum(-1) + AUDIBLE) * (s.square().sum(-1) + AUDIBLE))
         return ((1 - correlation) * weight).sum() / weight.numel()

@@ -196,18 +196,23 @@ class Denoiser(nn.Module):
     def initial_state(batch: int) -> torch.Tensor:
         return torch.zeros(2, 2, batch, SHAPE.hidden)
 
-    def forward(self, features, state):
+    def forward(self, features, state, from_start: bool = False):
         """features (B, T + 2 * lookahead, 3, bands), state from `initial_state` or the last call
-        -> band values 0..1 (B, T, bands) and the new state (no gradient flows through it)."""
+        -> band values 0..1 (B, T, bands) and the new state (no gradient flows through it).
+
+        With `from_start`, features (B, T + lookahead, 3, bands) begin where the engine begins: every
+        layer's history is zero."""
         quick = self.training and self.quick and features.shape[0] % accelerate.BATCH_STEP == 0
         x = features.permute(0, 2, 1, 3)
         if quick:
             x = x.bfloat16().contiguous(memory_format=torch.channels_last)
         for conv in self.convs:
-            x = conv(x, quick)
+            x = conv(F.pad(x, (0, 0, 1, 0)) if from_start else x, quick)
+        if quick:
+            x = x.float()
         batch, channels, steps, _ = x.shape
         # Frequency halves, channel-major: (half, T, B, channel * positions).
-        x = x.float().reshape(batch, channels, steps, 2, self.half).permute(3, 2, 0, 1, 4)
+        x = x.reshape(batch, channels, steps, 2, self.half).permute(3, 2, 0, 1, 4)
         h1 = self.gru1(x.reshape(2, steps, batch, channels * self.half), state[0], quick)
         # Channel shuffle: even elements of both outputs to one GRU, odd elements to the other.
         joined = h1.permute(1, 2, 0, 3).reshape(steps, batch, SHAPE.hidden, 2)

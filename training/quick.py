@@ -26,9 +26,9 @@ class NetworkProcessor:
         front = library.front_end(*microphones, reference)
         spectra, features = front.microphones[:, 1], front.features
         lag = SHAPE.lookahead
-        padded = np.concatenate([np.zeros((lag, *features.shape[1:]), np.float32), features])
         with torch.no_grad():
-            values, _ = self.network(torch.from_numpy(padded)[None], self.network.initial_state(1))
+            values, _ = self.network(torch.from_numpy(features)[None],
+                                     self.network.initial_state(1), from_start=True)
             raw = self.rule.raw(values)
             far_end = torch.from_numpy(front.energy[lag:] > FAR_END_ENERGY)[None]
             gain = self.rule.applied(raw, far_end)[0].numpy()

@@ -26,7 +26,7 @@ from training.streams import Streams
 
 GRADIENT_LIMIT = 1.0
 NORMALISATION_RATE = 3.0  # learning rate of the normalisation scales over the others'
-WARM_UP_STEPS = 200
+WARM_UP_STEPS = 50
 
 
 def parse() -> argparse.Namespace:
@@ -155,8 +155,8 @@ def run(rank: int, arguments, start, averager: Averager | None) -> None:
         if averager:
             averager(rank, parameters)
         if rank == 0:
-            # The average follows over about 1,000 steps, faster at the start of a run.
-            keep = min(0.999, 1 - 1 / (2 + steps / 4)) ** arguments.average_every
+            # The average follows over about 300 steps, faster at the start of a run.
+            keep = min(0.997, 1 - 1 / (2 + steps / 4)) ** arguments.average_every
             with torch.no_grad():
                 for name, value in network.state_dict().items():
                     average[name].lerp_(value, 1 - keep)
