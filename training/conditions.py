@@ -20,14 +20,14 @@ class Condition:
 
 
 def plan(**changes) -> Plan:
-    base = dict(talks=True, noise="real", far_end=False, snr=40.0, echo=-np.inf, level=-26.0,
+    base = dict(talks=True, noise="real", far_end=False, snr=40.0, echo=-np.inf, level=-32.0,
                 clip=False, dead_microphone=False, digital_silence=False, path_change=False)
     return Plan(**(base | changes))
 
 
 CONDITIONS = (
     *(Condition(f"snr {snr}", plan(snr=float(snr)), 1.0) for snr in SNRS),
-    Condition("noise only", plan(talks=False, level=-35.0), 1.0),
+    Condition("noise only", plan(talks=False, level=-38.0), 1.0),
     Condition("clean", plan(snr=40.0), 1.0),
     Condition("clean, quiet", plan(snr=40.0, level=-50.0), 1.0),
     Condition("far end only", plan(talks=False, noise="none", far_end=True, echo=0.0), 2.0),

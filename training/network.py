@@ -37,8 +37,15 @@ class _Round(torch.autograd.Function):
         return grad, None
 
 
+_rounding = True
+
+
 def quantise(x: torch.Tensor, scale: float) -> torch.Tensor:
-    return _Round.apply(x, scale)
+    return _Round.apply(x, scale) if _rounding else x
+
+
+def quantise_rows(w: torch.Tensor) -> torch.Tensor:
+    return _RoundPerRow.apply(w) if _rounding else w
 
 
 class _RoundPerRow(torch.autograd.Function):
@@ -85,7 +92,7 @@ class _GruPairRecurrence(torch.autograd.Function):
                           out=n).tanh_()
             # lerp(n, h, z) = (1 - z) n + z h
             torch.lerp(n, h, gate[..., hidden:], out=states[t + 1])
-            states[t + 1].mul_(Q11).round_().mul_(1 / Q11)
+            states[t + 1] = quantise(states[t + 1], Q11)
         ctx.save_for_backward(recurrent[..., 2 * hidden:], rz, candidate, states, w_t)
         return states[1:]
 
@@ -132,7 +139,7 @@ class ConvBlock(nn.Module):
         self.register_buffer("var", torch.ones(elements))
 
     def convolve(self, x):
-        return F.conv2d(quantise(x, Q10), _RoundPerRow.apply(self.weight), self.bias,
+        return F.conv2d(quantise(x, Q10), quantise_rows(self.weight), self.bias,
                         stride=(1, self.shape.freq_stride), padding=(0, self.shape.freq_pad))
 
     def folded(self):
@@ -218,9 +225,15 @@ class Denoiser(nn.Module):
         joined = h1.permute(1, 2, 0, 3).reshape(steps, batch, SHAPE.hidden, 2)
         h2 = self.gru2(joined.permute(3, 0, 1, 2).contiguous(), state[1], quick)
         flat = h2.permute(1, 2, 0, 3).reshape(steps, batch, 2 * SHAPE.hidden)
-        values = torch.sigmoid(F.linear(flat, _RoundPerRow.apply(self.head.weight), self.head.bias))
+        values = torch.sigmoid(F.linear(flat, quantise_rows(self.head.weight), self.head.bias))
         new_state = torch.stack([h1[:, -1], h2[:, -1]]).detach()
         return values.transpose(0, 1), new_state
+
+    @staticmethod
+    def set_quantised(on: bool) -> None:
+        """Switches all rounding on (the default) or off, for every network of the process."""
+        global _rounding
+        _rounding = on
 
     def constrain(self) -> None:
         """Keeps the masters inside what the formats hold; call after every optimiser step."""
