@@ -19,7 +19,7 @@ from training import checkpoint
 from training.audio import Library
 from training.errors import TrainingError, reported_briefly
 from training.library import SHAPE
-from training.loss import Loss, Weights
+from training.loss import SEGMENT, Loss, Weights
 from training.network import Denoiser
 from training.scenes import Mixer
 from training.streams import Streams
@@ -190,6 +190,8 @@ def run(rank: int, arguments, start, averager: Averager | None) -> None:
 def main() -> None:
     arguments = parse()
     with reported_briefly():
+        if arguments.window < SEGMENT:
+            raise TrainingError(f"--window must be at least {SEGMENT} frames")
         start = starting_point(arguments)
         if arguments.device != "cpu" and not torch.cuda.is_available():
             raise TrainingError("no CUDA device; use --device cpu")
