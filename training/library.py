@@ -66,6 +66,13 @@ def synthesise(spectra: np.ndarray) -> np.ndarray:
     return samples
 
 
+def tanh(x: np.ndarray) -> np.ndarray:
+    """The library's tanh; numpy's differs in the last place, which can turn a rounding of Q11."""
+    y = np.array(x, np.float32)
+    native.se_training_tanh(_floats(y), y.size)
+    return y
+
+
 @dataclasses.dataclass
 class FrontEnd:
     """What the engine hands to the network and to the gain rule, from its start on."""

@@ -3,6 +3,7 @@ exact integer sums, single-precision arithmetic around them. Slow; for checking 
 
 import numpy as np
 
+from training import library
 from training.bands import expansion
 from training.library import SHAPE
 
@@ -21,7 +22,7 @@ def fma(a, b, c) -> np.ndarray:
 
 
 def sigmoid(x: np.ndarray) -> np.ndarray:
-    return f32(0.5) * (np.tanh(f32(0.5) * x) + f32(1))
+    return f32(0.5) * (library.tanh(f32(0.5) * x) + f32(1))
 
 
 def convolve(tables: dict, number: int, frames: np.ndarray) -> np.ndarray:
@@ -52,7 +53,7 @@ def gru(tables: dict, name: str, x: np.ndarray) -> np.ndarray:
         rec = (w_hh @ state).astype(f32).reshape(3, -1)
         r, z = (sigmoid(fma(rec[i], unit, sums_in[t, i] * unit + b_ih[i]) + b_hh[i]) for i in (0, 1))
         n = (rec[2] * unit + b_hh[2]) * r
-        n = np.tanh(fma(sums_in[t, 2], unit, n) + b_ih[2])
+        n = library.tanh(fma(sums_in[t, 2], unit, n) + b_ih[2])
         out[t] = fma(state.astype(f32), z * f32(2 ** -11), (f32(1) - z) * n)
         state = to_fixed(out[t], Q11)
     return out

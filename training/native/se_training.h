@@ -19,6 +19,9 @@ SE_API void se_training_analyse(const float* samples, int frames, zel_lcomplex* 
 /* Samples of `frames` spectra, delayed against the analysed signal by frame - hop samples. */
 SE_API void se_training_synthesise(const zel_lcomplex* spectra, int frames, float* samples);
 
+/* The library's hyperbolic tangent, in place. */
+SE_API void se_training_tanh(float* x, int n);
+
 /* The engine's path up to the network: analysis of both microphones and the reference, echo
  * cancellation, features.
  *   mic_spectra  frames x 2 x 257, echo-reduced
