@@ -3,8 +3,8 @@
 // data/golden_denoiser.bin comes from
 //   python3 -m training.export --checkpoint training/checkpoints/denoiser.npz
 // and holds: "SEGOLDEN", frames, checksum of the model file's tables, first frame scored (uint32
-// each); 3 x frames * 160 int16 samples (microphones 0 and 1, reference); frames x 257 float gains of
-// the exporting machine, which it had checked against a computation of its own within 1e-4.
+// each); 3 x frames * 160 int16 samples (microphones 0 and 1, reference); frames x 257 float gains
+// of the exporting machine, which it had checked against a computation of its own within 1e-4.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -75,7 +75,8 @@ TEST(GoldenDenoiser, CompiledInModelGivesTheExportedGains) {
     zel_lcomplex* spectra[] = {mics.data(), mics.data() + kBins};
     float* powers[] = {power.data(), power.data() + kBins};
     aec_process(aec, spectra, powers, reference.data());
-    const int wrote = nn_process_api(denoiser, mics.data(), reference.data(), gain.data(), true, false);
+    const int wrote =
+        nn_process_api(denoiser, mics.data(), reference.data(), gain.data(), true, false);
     ASSERT_EQ(wrote, t >= first);
     if (!wrote) continue;
     for (int k = 0; k < kBins; ++k) {

@@ -16,14 +16,17 @@ namespace {
 
 constexpr int kHidden = se::nn::kGruHidden;
 constexpr int kGates = 3 * kHidden;
-constexpr int kTile = 16;      // rows of a tile; columns of floats
-constexpr int kTileDepth = 32; // bf16 values of a tile's row
+constexpr int kTile = 16;       // rows of a tile; columns of floats
+constexpr int kTileDepth = 32;  // bf16 values of a tile's row
 
-constexpr int round_up(int n, int to) { return (n + to - 1) / to * to; }
+constexpr int round_up(int n, int to) {
+  return (n + to - 1) / to * to;
+}
 
 bool request_amx() {
   constexpr long kRequestPermission = 0x1023, kTileData = 18;
-  return __builtin_cpu_supports("avx512bf16") && syscall(SYS_arch_prctl, kRequestPermission, kTileData) == 0;
+  return __builtin_cpu_supports("avx512bf16") &&
+         syscall(SYS_arch_prctl, kRequestPermission, kTileData) == 0;
 }
 
 struct alignas(64) TileConfig {
@@ -95,7 +98,8 @@ struct Rows {
   void set(const float* values, int columns) {
     for (int r = 0; r < kTile; ++r)
       for (int c = 0; c < columns; c += 16) {
-        const __mmask16 mask = columns - c >= 16 ? 0xffff : static_cast<__mmask16>((1 << (columns - c)) - 1);
+        const __mmask16 mask =
+            columns - c >= 16 ? 0xffff : static_cast<__mmask16>((1 << (columns - c)) - 1);
         const __m512 x = _mm512_maskz_loadu_ps(mask, values + r * columns + c);
         store_bf16(&high[static_cast<std::size_t>(r * stride + c)], x);
         store_bf16(&low[static_cast<std::size_t>(r * stride + c)],
@@ -106,7 +110,8 @@ struct Rows {
   std::vector<std::uint16_t> high, low;
 };
 
-// out (16 x column_tiles * 16) = rows * matrix, both summands where `both`; added onto out if `onto`.
+// out (16 x column_tiles * 16) = rows * matrix, both summands where `both`; added onto out if
+// `onto`.
 void multiply(const Rows& a, const PackedMatrix& b, bool both, bool onto, float* out) {
   const int width = b.column_tiles() * kTile;
   int c = 0;
@@ -208,9 +213,9 @@ void step_forward(const float* sum_in, const float* sum_rec, int width, const fl
       const __m512 n = tangent(_mm512_fmadd_ps(r, hn, sum(in, b_ih, 2)));
       const __m512 old = _mm512_maskz_loadu_ps(m, h + row * kHidden + j);
       __m512 value = _mm512_fmadd_ps(z, _mm512_sub_ps(old, n), n);
-      value = _mm512_mul_ps(
-          _mm512_roundscale_ps(_mm512_mul_ps(value, _mm512_set1_ps(se::nn::kQ11)), 0),
-          _mm512_set1_ps(1.0f / se::nn::kQ11));
+      value =
+          _mm512_mul_ps(_mm512_roundscale_ps(_mm512_mul_ps(value, _mm512_set1_ps(se::nn::kQ11)), 0),
+                        _mm512_set1_ps(1.0f / se::nn::kQ11));
       _mm512_mask_storeu_ps(next + row * kHidden + j, m, value);
       _mm512_mask_storeu_ps(gate + j, m, r);
       _mm512_mask_storeu_ps(gate + kHidden + j, m, z);
@@ -235,8 +240,8 @@ void step_backward(float* dh, int dh_width, const float* h, const float* gates,
       const __m512 n = _mm512_maskz_loadu_ps(m, gate + 2 * kHidden + j);
       const __m512 d = _mm512_maskz_loadu_ps(m, dh + row * dh_width + j);
       const __m512 old = _mm512_maskz_loadu_ps(m, h + row * kHidden + j);
-      const __m512 dn = _mm512_mul_ps(_mm512_mul_ps(d, _mm512_sub_ps(one, z)),
-                                      _mm512_fnmadd_ps(n, n, one));
+      const __m512 dn =
+          _mm512_mul_ps(_mm512_mul_ps(d, _mm512_sub_ps(one, z)), _mm512_fnmadd_ps(n, n, one));
       const __m512 dz = _mm512_mul_ps(_mm512_mul_ps(d, _mm512_sub_ps(old, n)),
                                       _mm512_mul_ps(z, _mm512_sub_ps(one, z)));
       const __m512 dr =
@@ -277,7 +282,8 @@ void se_training_gru_forward(int steps, int batch, int inputs, const float* x, c
     const float* wi = w_ih + g * kGates * inputs;
     const float* wh = w_hh + g * kGates * kHidden;
     const PackedMatrix in_matrix(inputs, kGates, [&](int d, int c) { return wi[c * inputs + d]; });
-    const PackedMatrix rec_matrix(kHidden, kGates, [&](int d, int c) { return wh[c * kHidden + d]; });
+    const PackedMatrix rec_matrix(kHidden, kGates,
+                                  [&](int d, int c) { return wh[c * kHidden + d]; });
     const int width = in_matrix.column_tiles() * kTile;
     std::vector<float> sum_in(static_cast<std::size_t>(kTile * width)), sum_rec(sum_in.size());
     Rows rows_x(inputs), rows_h(kHidden);
@@ -290,8 +296,8 @@ void se_training_gru_forward(int steps, int batch, int inputs, const float* x, c
         multiply(rows_x, in_matrix, true, false, sum_in.data());
         multiply(rows_h, rec_matrix, true, false, sum_rec.data());
         step_forward(sum_in.data(), sum_rec.data(), width, b_ih + g * kGates, b_hh + g * kGates, h,
-                     states + ((g * (steps + 1) + t + 1) * batch + b) * kHidden, gates + at * kGates,
-                     recurrent + at * kHidden);
+                     states + ((g * (steps + 1) + t + 1) * batch + b) * kHidden,
+                     gates + at * kGates, recurrent + at * kHidden);
       }
   }
 }
@@ -305,7 +311,8 @@ void se_training_gru_backward(int steps, int batch, int inputs, const float* gra
     const float* wi = w_ih + g * kGates * inputs;
     const float* wh = w_hh + g * kGates * kHidden;
     const PackedMatrix in_matrix(kGates, inputs, [&](int d, int c) { return wi[d * inputs + c]; });
-    const PackedMatrix rec_matrix(kGates, kHidden, [&](int d, int c) { return wh[d * kHidden + c]; });
+    const PackedMatrix rec_matrix(kGates, kHidden,
+                                  [&](int d, int c) { return wh[d * kHidden + c]; });
     const int h_width = rec_matrix.column_tiles() * kTile;
     const int x_width = in_matrix.column_tiles() * kTile;
     std::vector<float> dh(static_cast<std::size_t>(batch * h_width));
@@ -358,8 +365,8 @@ void se_training_norm_clamp_backward(std::int64_t rows, int size, float limit,
       const Index at = row * size + i;
       const __m512 m = _mm512_loadu_ps(multiplier + i), value = load_bf16(y + at);
       const __m512 pre = _mm512_fmadd_ps(value, m, _mm512_loadu_ps(offset + i));
-      const __mmask16 open = _mm512_cmp_ps_mask(pre, zero, _CMP_GT_OQ) &
-                             _mm512_cmp_ps_mask(pre, top, _CMP_LT_OQ);
+      const __mmask16 open =
+          _mm512_cmp_ps_mask(pre, zero, _CMP_GT_OQ) & _mm512_cmp_ps_mask(pre, top, _CMP_LT_OQ);
       const __m512 grad = _mm512_maskz_mov_ps(open, load_bf16(grad_out + at));
       store_bf16(grad_y + at, _mm512_mul_ps(grad, m));
       _mm512_storeu_ps(grad_multiplier + i,
@@ -370,7 +377,9 @@ void se_training_norm_clamp_backward(std::int64_t rows, int size, float limit,
 
 #else
 
-int se_training_has_amx(void) { return 0; }
+int se_training_has_amx(void) {
+  return 0;
+}
 void se_training_gru_forward(int, int, int, const float*, const float*, const float*, const float*,
                              const float*, float*, float*, float*) {}
 void se_training_gru_backward(int, int, int, const float*, const float*, const float*, const float*,

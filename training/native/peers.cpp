@@ -19,8 +19,7 @@ constexpr int kEchoTail = 2048;  // samples, 128 ms
 
 void to_int16(const float* in, std::int16_t* out) {
   for (int i = 0; i < kHop; ++i)
-    out[i] = static_cast<std::int16_t>(
-        std::clamp(std::lround(in[i] * 32768.0f), -32768L, 32767L));
+    out[i] = static_cast<std::int16_t>(std::clamp(std::lround(in[i] * 32768.0f), -32768L, 32767L));
 }
 
 void to_float(const std::int16_t* in, float* out) {

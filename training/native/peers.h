@@ -9,7 +9,8 @@
 
 SE_BEGIN_C
 
-/* Preprocessor with noise suppression; with `echo` its canceller (128 ms) and residual suppression. */
+/* Preprocessor with noise suppression; with `echo` its canceller (128 ms) and residual suppression.
+ */
 SE_API int se_peer_speexdsp(const float* mic, const float* ref, int frames, int echo, float* out);
 
 /* Noise suppression "high" and the high-pass filter; with `echo` the echo canceller. */

@@ -118,7 +118,9 @@ void se_training_synthesise(const zel_lcomplex* spectra, int frames, float* samp
     zel_stft_synthesis_envelop(stft, spectra + t * nn::kBins, samples + t * kHop);
 }
 
-void se_training_tanh(float* x, int n) { se::kernels().nn->tanh(x, n); }
+void se_training_tanh(float* x, int n) {
+  se::kernels().nn->tanh(x, n);
+}
 
 void se_training_front_end(const float* mic0, const float* mic1, const float* ref, int frames,
                            zel_lcomplex* mic_spectra, zel_lcomplex* ref_spectra, float* ref_energy,

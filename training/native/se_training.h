@@ -1,6 +1,6 @@
 /* What training needs of the library, over whole scenes in one call, for Python's ctypes (which
- * releases the interpreter lock while it runs). Every array is the caller's; frames are 160 samples.
- * Functions are reentrant. */
+ * releases the interpreter lock while it runs). Every array is the caller's; frames are 160
+ * samples. Functions are reentrant. */
 #ifndef SE_TRAINING_H
 #define SE_TRAINING_H
 
@@ -28,8 +28,8 @@ SE_API void se_training_tanh(float* x, int n);
  *   ref_spectra  frames x 257
  *   ref_energy   frames, energy of the reference spectrum
  *   features     frames x 3 x 128, microphone 0, microphone 1, reference */
-SE_API void se_training_front_end(const float* mic0, const float* mic1, const float* ref, int frames,
-                                  zel_lcomplex* mic_spectra, zel_lcomplex* ref_spectra,
+SE_API void se_training_front_end(const float* mic0, const float* mic1, const float* ref,
+                                  int frames, zel_lcomplex* mic_spectra, zel_lcomplex* ref_spectra,
                                   float* ref_energy, float* features);
 
 /* The next two run a model file, the compiled-in model where it is null. They start with an empty
