@@ -375,13 +375,57 @@ __m256 tanh8(__m256 x) {
 
 namespace avx2 {
 
-void magnitude(const zel_lcomplex* spectrum, int n, float* mag) {
-  const __m256 floor = fill(1e-8f);
-  by_eights(n, [&](int i, auto lanes) {
-    const Parts x = lanes.load_parts(spectrum + i);
-    const __m256 power = _mm256_fmadd_ps(x.re, x.re, _mm256_mul_ps(x.im, x.im));
-    lanes.store(mag + i, in_order(_mm256_sqrt_ps(_mm256_add_ps(power, floor))));
-  });
+// The three rows run side by side in the lanes of one vector, bin by bin.
+void pool(const BinShares& shares, const float* x, int x_stride, float* y, int y_stride) {
+  const float* const x1 = x + x_stride;
+  const float* const x2 = x1 + x_stride;
+  const auto store = [&](int band, __m128 v) {
+    _mm_store_ss(y + band, v);
+    _mm_store_ss(y + y_stride + band, _mm_movehdup_ps(v));
+    _mm_store_ss(y + 2 * y_stride + band, _mm_movehl_ps(v, v));
+  };
+  int band = 0;
+  __m128 own = _mm_setzero_ps(), next = own;
+  const auto add_bin = [&](int k, __m128 v) {
+    if (shares.band[k] != band) {
+      store(band, own);
+      ++band;
+      own = next;
+      next = _mm_setzero_ps();
+    }
+    const __m128 f = _mm_set1_ps(shares.fraction[k]);
+    const __m128 r = _mm_set1_ps(shares.inverse_width[k]);
+    next = _mm_fmadd_ps(_mm_mul_ps(f, v), r, next);
+    own = _mm_fmadd_ps(_mm_sub_ps(_mm_set1_ps(1.0f), f), _mm_mul_ps(v, r), own);
+  };
+  int k = 0;
+  for (; k + 4 <= shares.bins; k += 4) {
+    const __m128 a = _mm_loadu_ps(x + k), b = _mm_loadu_ps(x1 + k), c = _mm_loadu_ps(x2 + k);
+    const __m128 ab_low = _mm_unpacklo_ps(a, b), ab_high = _mm_unpackhi_ps(a, b);
+    add_bin(k, _mm_movelh_ps(ab_low, c));  // the fourth lane counts nowhere
+    add_bin(k + 1, _mm_shuffle_ps(ab_low, c, 0x5e));
+    add_bin(k + 2, _mm_shuffle_ps(ab_high, c, 0xe4));
+    add_bin(k + 3, _mm_shuffle_ps(ab_high, c, 0xfe));
+  }
+  for (; k < shares.bins; ++k) add_bin(k, _mm_setr_ps(x[k], x1[k], x2[k], 0.0f));
+  store(band, own);
+  store(band + 1, next);
+}
+
+void expand(const BinShares& shares, const float* x, float* y) {
+  int k = 0;
+  for (; k + 8 <= shares.bins; k += 8) {
+    const __m256i band =
+        _mm256_cvtepu8_epi32(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(shares.band + k)));
+    const __m256 f = _mm256_loadu_ps(shares.fraction + k);
+    const __m256 upper = _mm256_mul_ps(_mm256_i32gather_ps(x + 1, band, 4), f);
+    const __m256 lower = _mm256_i32gather_ps(x, band, 4);
+    const __m256 v = _mm256_fmadd_ps(lower, _mm256_sub_ps(fill(1.0f), f), upper);
+    _mm256_storeu_ps(y + k, _mm256_mul_ps(v, _mm256_loadu_ps(shares.inverse_width + k)));
+  }
+  const BinShares rest = {shares.bins - k, shares.band + k, shares.fraction + k,
+                          shares.inverse_width + k};
+  kScalarNn.expand(rest, x, y + k);
 }
 
 void compress(const float* x, int n, float* y) {
@@ -462,8 +506,8 @@ void sigmoid(float* x, int n) {
 
 }  // namespace avx2
 
-const NnKernels kAvx2Nn = {avx2::magnitude, avx2::compress,  avx2::quantise, affine,
-                           convolve,        avx2::normalise, gru_gate,       gru_candidate,
-                           avx2::gru_blend, avx2::tanh,      avx2::sigmoid};
+const NnKernels kAvx2Nn = {avx2::pool,    avx2::expand,    avx2::compress,  avx2::quantise,
+                           affine,        convolve,        avx2::normalise, gru_gate,
+                           gru_candidate, avx2::gru_blend, avx2::tanh,      avx2::sigmoid};
 
 }  // namespace se
