@@ -1,0 +1,363 @@
+// NEON kernels of the denoiser.
+//
+// Integer products: eight rows at a time, sixteen columns per step, so that the activations are
+// loaded once for eight rows. Per row and step one load of weights, two widenings and four
+// multiply-adds; the lanes of a row are added up once at its end.
+#include "kernels/neon.h"
+#include "kernels/tanh.h"
+#include "kernels/variants.h"
+
+namespace se {
+namespace {
+
+using namespace neon;
+
+constexpr float kFloor = 1e-8f;
+constexpr int kGruFractionBits = 19;
+constexpr float kStateUnit = 0x1p-11f;
+constexpr int kRows = 8;  // of one block of products
+
+// Of one block of a convolution: what the registers hold.
+constexpr int kConvRows = 4;
+#if defined(__aarch64__)
+constexpr int kConvPositions = 4;
+#else
+constexpr int kConvPositions = 2;
+#endif
+constexpr int kMaxPatch = 576;  // longest row: nine windows' places of 64 channels
+
+struct Int32x8 {
+  int32x4_t low;
+  int32x4_t high;
+};
+
+struct Float32x8 {
+  float32x4_t low;
+  float32x4_t high;
+};
+
+#define SE_INLINE __attribute__((always_inline))
+
+// step(0), step(1), ... step(kCount - 1), written out so that arrays indexed by them become registers.
+// (GCC unrolls nested loops too late for that.)
+template <int kCount, class Step>
+SE_INLINE inline void unrolled(Step step) {
+  if constexpr (kCount > 0) {
+    unrolled<kCount - 1>(step);
+    step(kCount - 1);
+  }
+}
+
+// Adds the products of kRowCount rows of weights, `cols` apart, with kVectors vectors of activations,
+// `q_step` apart, to sum[vector][row]. `cols` is a multiple of 8. Weights are loaded and widened once
+// for all vectors, activations loaded once for all rows.
+template <int kVectors, int kRowCount>
+SE_INLINE inline void add_products(const std::int8_t* weights, int cols, const std::int16_t* activations,
+                         int q_step, int32x4_t (&sum)[kVectors][kRowCount]) {
+  const std::int8_t* w[kRowCount];
+  const std::int16_t* q[kVectors];
+  unrolled<kRowCount>([&](int r) SE_INLINE { w[r] = weights + r * cols; });
+  unrolled<kVectors>([&](int v) SE_INLINE { q[v] = activations + v * q_step; });
+  for (int steps = cols >> 4; steps > 0; --steps) {
+    int16x8_t low[kVectors], high[kVectors];
+    unrolled<kVectors>([&](int v) SE_INLINE {
+      low[v] = vld1q_s16(q[v]);
+      step(q[v], 8);
+      high[v] = vld1q_s16(q[v]);
+      step(q[v], 8);
+    });
+    unrolled<kRowCount>([&](int r) SE_INLINE {
+      const int8x16_t bytes = vld1q_s8(w[r]);
+      w[r] += 16;
+      const int16x8_t w_low = widen_low(bytes);
+      const int16x8_t w_high = widen_high(bytes);
+      unrolled<kVectors>([&](int v) SE_INLINE {
+        sum[v][r] = multiply_add(sum[v][r], w_low, low[v]);
+        sum[v][r] = multiply_add(sum[v][r], w_high, high[v]);
+      });
+    });
+  }
+  if ((cols & 8) != 0) {
+    int16x8_t last[kVectors];
+    unrolled<kVectors>([&](int v) SE_INLINE { last[v] = vld1q_s16(q[v]); });
+    unrolled<kRowCount>([&](int r) SE_INLINE {
+      const int16x8_t w_last = vmovl_s8(vld1_s8(w[r]));
+      unrolled<kVectors>(
+          [&](int v) SE_INLINE { sum[v][r] = multiply_add(sum[v][r], w_last, last[v]); });
+    });
+  }
+}
+
+template <int kVectors, int kRowCount>
+inline void clear(int32x4_t (&sum)[kVectors][kRowCount]) {
+  unrolled<kVectors>([&](int v) SE_INLINE {
+    unrolled<kRowCount>([&](int r) SE_INLINE { sum[v][r] = vdupq_n_s32(0); });
+  });
+}
+
+// The products of eight rows with one vector. A function of its own, so that nothing of its callers
+// competes for its registers.
+__attribute__((noinline)) Int32x8 dot8(const std::int8_t* w, const std::int16_t* q, int cols) {
+  int32x4_t sum[1][kRows];
+  clear(sum);
+  add_products(w, cols, q, 0, sum);
+  return {totals(sum[0][0], sum[0][1], sum[0][2], sum[0][3]),
+          totals(sum[0][4], sum[0][5], sum[0][6], sum[0][7])};
+}
+
+// Where the block behind the first `done` of `count` things starts. The last block overlaps the one
+// before it rather than being short; it then computes the same values again.
+inline int block_start(int done, int count, int block) {
+  return done + block <= count ? done : count - block;
+}
+
+// Integers with 19 fraction bits. Exact but for the one rounding to single precision.
+inline Float32x8 from_gru_fixed(Int32x8 x) {
+  return {vcvtq_n_f32_s32(x.low, kGruFractionBits), vcvtq_n_f32_s32(x.high, kGruFractionBits)};
+}
+
+inline Float32x8 operator+(Float32x8 a, Float32x8 b) {
+  return {vaddq_f32(a.low, b.low), vaddq_f32(a.high, b.high)};
+}
+
+inline Float32x8 operator*(Float32x8 a, Float32x8 b) {
+  return {vmulq_f32(a.low, b.low), vmulq_f32(a.high, b.high)};
+}
+
+inline Float32x8 load8(const float* x) {
+  return {vld1q_f32(x), vld1q_f32(x + 4)};
+}
+
+inline void store8(float* x, Float32x8 v) {
+  vst1q_f32(x, v.low);
+  vst1q_f32(x + 4, v.high);
+}
+
+void magnitude(const zel_lcomplex* spectrum, int n, float* mag) {
+  for (; n >= 4; n -= 4, spectrum += 4, mag += 4) {
+    const float32x4_t biased = vaddq_f32(fused_power(load4(spectrum)), vdupq_n_f32(kFloor));
+    vst1q_f32(mag, square_root(biased));
+  }
+  kScalarNn.magnitude(spectrum, n, mag);
+}
+
+void compress(const float* x, int n, float* y) {
+  for (; n >= 4; n -= 4, x += 4, y += 4) {
+    vst1q_f32(y, square_root(vaddq_f32(vld1q_f32(x), vdupq_n_f32(kFloor))));
+  }
+  kScalarNn.compress(x, n, y);
+}
+
+// Rounds halves away from zero. The conversion truncates and saturates, NaN gives 0; narrowing
+// saturates again, so that no clamp is needed ahead.
+inline int16x4_t quantise4(float32x4_t x, float32x4_t scale) {
+  const float32x4_t scaled = vmulq_f32(x, scale);
+  const float32x4_t half = vbslq_f32(vdupq_n_u32(kSignBit), scaled, vdupq_n_f32(0.5f));
+  return vqmovn_s32(vcvtq_s32_f32(vaddq_f32(scaled, half)));
+}
+
+void quantise(const float* x, int n, float scale, std::int16_t* q) {
+  const float32x4_t scales = vdupq_n_f32(scale);
+  for (; n >= 8; n -= 8, q += 8) {
+    const float32x4_t low = vld1q_f32(x);
+    step(x, 4);
+    const float32x4_t high = vld1q_f32(x);
+    step(x, 4);
+    vst1q_s16(q, vcombine_s16(quantise4(low, scales), quantise4(high, scales)));
+  }
+  kScalarNn.quantise(x, n, scale, q);
+}
+
+// The outputs of eight rows from `row` on.
+inline Float32x8 scaled(const IntegerLayer& layer, int row, Int32x8 sums) {
+  const Float32x8 products = {vcvtq_f32_s32(sums.low), vcvtq_f32_s32(sums.high)};
+  const Float32x8 units = {vdupq_n_f32(layer.unit), vdupq_n_f32(layer.unit)};
+  return products * (load8(layer.scale + row) * units) + load8(layer.bias + row);
+}
+
+void affine(const IntegerLayer& layer, const std::int16_t* q, float* y) {
+  if (layer.rows < kRows || layer.row_len % 8 != 0) return kScalarNn.affine(layer, q, y);
+  for (int done = 0; done < layer.rows; done += kRows) {
+    const int r = block_start(done, layer.rows, kRows);
+    store8(y + r, scaled(layer, r, dot8(layer.weights + r * layer.row_len, q, layer.row_len)));
+  }
+}
+
+// A window of at least eight values. The last block may overlap the one before.
+inline void copy_window(const std::int16_t* from, int window, std::int16_t* to) {
+  const int last = window - 8;
+  vst1q_s16(to + last, vld1q_s16(from + last));
+  for (int steps = last >> 3; steps >= 0; --steps, from += 8, to += 8) {
+    vst1q_s16(to, vld1q_s16(from));
+  }
+}
+
+// The windows of a position put together into one run in the order of the weights, zeros behind it.
+inline void gather(const ConvInput& in, int position, int row_len, std::int16_t* patch) {
+  for (int t = 0; t < in.frame_count; ++t, patch += in.window) {
+    copy_window(in.frames[t] + position * in.step, in.window, patch);
+  }
+  for (int i = in.frame_count * in.window; i < row_len; ++i) *patch++ = 0;
+}
+
+// The outputs of kConvRows rows from `row` on at kConvPositions positions.
+inline void convolve_block(const IntegerLayer& layer, int row, const std::int16_t* patches,
+                           float* y) {
+  int32x4_t sum[kConvPositions][kConvRows];
+  clear(sum);
+  add_products(layer.weights + row * layer.row_len, layer.row_len, patches, kMaxPatch, sum);
+  const float32x4_t scale = vmulq_n_f32(vld1q_f32(layer.scale + row), layer.unit);
+  const float32x4_t bias = vld1q_f32(layer.bias + row);
+  y += row;
+  for (int p = 0; p < kConvPositions; ++p, y += layer.rows) {
+    const int32x4_t total = totals(sum[p][0], sum[p][1], sum[p][2], sum[p][3]);
+    vst1q_f32(y, vmlaq_f32(bias, vcvtq_f32_s32(total), scale));
+  }
+}
+
+void convolve(const IntegerLayer& layer, const ConvInput& in, float* y) {
+  if (layer.row_len % 8 != 0 || layer.row_len > kMaxPatch || layer.rows < kConvRows ||
+      in.window < 8 || in.positions < kConvPositions) {
+    return kScalarNn.convolve(layer, in, y);
+  }
+  std::int16_t patches[kConvPositions * kMaxPatch];
+  for (int done = 0; done < in.positions; done += kConvPositions) {
+    const int position = block_start(done, in.positions, kConvPositions);
+    for (int p = 0; p < kConvPositions; ++p) {
+      gather(in, position + p, layer.row_len, patches + p * kMaxPatch);
+    }
+    for (int row = 0; row < layer.rows; row += kConvRows) {
+      convolve_block(layer, block_start(row, layer.rows, kConvRows), patches,
+                     y + position * layer.rows);
+    }
+  }
+}
+
+void normalise(const float* x, const float* mul, const float* add, int n, float* y) {
+  for (; n >= 4; n -= 4, x += 4, mul += 4, add += 4, y += 4) {
+    const float32x4_t v = vfmaq_f32(vld1q_f32(add), vld1q_f32(x), vld1q_f32(mul));
+    const uint32x4_t positive = greater(v, vdupq_n_f32(0.0f));  // not so for NaN
+    const float32x4_t kept = vreinterpretq_f32_u32(vandq_u32(vreinterpretq_u32_f32(v), positive));
+    vst1q_f32(y, vminq_f32(kept, vdupq_n_f32(6.0f)));
+  }
+  kScalarNn.normalise(x, mul, add, n, y);
+}
+
+// The exact sums of eight rows of a gate, times 2^-19.
+inline Float32x8 input_side(const GruGate& gate, const GruStep& step, int row) {
+  return from_gru_fixed(dot8(gate.weight_in + row * step.input_size, step.input, step.input_size));
+}
+
+inline Float32x8 state_side(const GruGate& gate, const GruStep& step, int row) {
+  return from_gru_fixed(
+      dot8(gate.weight_state + row * step.hidden_size, step.state, step.hidden_size));
+}
+
+bool fits(const GruStep& step) {
+  return step.hidden_size >= kRows && step.hidden_size % 8 == 0 && step.input_size % 8 == 0;
+}
+
+void gru_gate(const GruGate& gate, const GruStep& step, float* y) {
+  if (!fits(step)) return kScalarNn.gru_gate(gate, step, y);
+  for (int done = 0; done < step.hidden_size; done += kRows) {
+    const int r = block_start(done, step.hidden_size, kRows);
+    const Float32x8 in = input_side(gate, step, r) + load8(gate.bias_in + r);
+    store8(y + r, (in + state_side(gate, step, r)) + load8(gate.bias_state + r));
+  }
+}
+
+void gru_candidate(const GruGate& gate, const GruStep& step, const float* reset, float* y) {
+  if (!fits(step)) return kScalarNn.gru_candidate(gate, step, reset, y);
+  for (int done = 0; done < step.hidden_size; done += kRows) {
+    const int r = block_start(done, step.hidden_size, kRows);
+    const Float32x8 state = state_side(gate, step, r) + load8(gate.bias_state + r);
+    store8(y + r,
+           (state * load8(reset + r) + input_side(gate, step, r)) + load8(gate.bias_in + r));
+  }
+}
+
+void gru_blend(const float* update, const float* candidate, const std::int16_t* state, int n,
+               float* y) {
+  for (; n >= 4; n -= 4, update += 4, candidate += 4, state += 4, y += 4) {
+    const float32x4_t z = vld1q_f32(update);
+    const float32x4_t fresh = vmulq_f32(vsubq_f32(vdupq_n_f32(1.0f), z), vld1q_f32(candidate));
+    const float32x4_t old = vcvtq_f32_s32(vmovl_s16(vld1_s16(state)));
+    vst1q_f32(y, vfmaq_f32(fresh, old, vmulq_f32(z, vdupq_n_f32(kStateUnit))));
+  }
+  kScalarNn.gru_blend(update, candidate, state, n, y);
+}
+
+// The constants in the order in which tanh4 takes them.
+using T = TanhConstants;
+constexpr float kTanhSequence[] = {
+    T::kOdd[4],     T::kOdd[3],     T::kOdd[2],     T::kOdd[1],     T::kOdd[0],                   //
+    T::kLimit,      T::kRound,      -2.0f,          T::kLn2High,    T::kLn2Low,                   //
+    T::kExp[4],     T::kExp[3],     T::kExp[2],     T::kExp[1],     T::kExp[0],                   //
+    T::kInverse[5], T::kInverse[4], T::kInverse[3], T::kInverse[2], T::kInverse[1], T::kInverse[0]};
+
+// Loads the next constant into all lanes.
+inline float32x4_t next(const float*& c) {
+  const float32x4_t v = vld1q_dup_f32(c);
+  step(c, 1);
+  return v;
+}
+
+// The polynomial in x with the next `count` constants, every product rounded.
+inline float32x4_t horner(const float*& c, int count, float32x4_t x) {
+  float32x4_t p = next(c);
+  for (int i = 1; i < count; ++i) p = vmlaq_f32(next(c), p, x);
+  return p;
+}
+
+// tanh_scalar, lane by lane.
+inline float32x4_t tanh4(float32x4_t x) {
+  const float* c = kTanhSequence;
+
+  const float32x4_t a = vabsq_f32(x);
+  const float32x4_t s = vmulq_f32(a, a);
+  const float32x4_t near = vmlaq_f32(a, a, vmulq_f32(s, horner(c, 5, s)));
+
+  const float32x4_t b = vminq_f32(a, next(c));  // NaN stays
+  const float32x4_t round = next(c);
+  const float32x4_t shifted = vmlaq_f32(round, b, vdupq_n_f32(T::kMinus2OverLn2));
+  const float32x4_t n = vsubq_f32(shifted, round);
+  float32x4_t r = vmulq_f32(b, next(c));
+  r = vmlsq_f32(r, n, next(c));
+  r = vmlsq_f32(r, n, next(c));
+  const float32x4_t e = horner(c, 5, r);
+  const float32x4_t one = vdupq_n_f32(1.0f);
+  const uint32x4_t exponent = vshlq_n_u32(vreinterpretq_u32_f32(shifted), 23);
+  const float32x4_t power =
+      vreinterpretq_f32_u32(vaddq_u32(exponent, vreinterpretq_u32_f32(one)));  // 2^n
+  const float32x4_t t = vmulq_f32(vaddq_f32(one, vmlaq_f32(r, vmulq_f32(r, r), e)), power);
+
+  const float32x4_t q = horner(c, 6, t);
+  const float32x4_t t2 = vaddq_f32(t, t);
+  const float32x4_t far = vsubq_f32(one, vmlaq_f32(t2, t2, vmulq_f32(t, q)));
+
+  // For values without sign, floats and their bits have the same order.
+  const uint32x4_t is_near =
+      vcltq_u32(vreinterpretq_u32_f32(a), vreinterpretq_u32_f32(vdupq_n_f32(T::kSplit)));
+  return vbslq_f32(vdupq_n_u32(kSignBit), x, vbslq_f32(is_near, near, far));
+}
+
+void tanh_in_place(float* x, int n) {
+  for (; n >= 4; n -= 4, x += 4) vst1q_f32(x, tanh4(vld1q_f32(x)));
+  kScalarNn.tanh(x, n);
+}
+
+void sigmoid_in_place(float* x, int n) {
+  const float32x4_t half = vdupq_n_f32(0.5f);
+  for (; n >= 4; n -= 4, x += 4) {
+    const float32x4_t t = tanh4(vmulq_f32(half, vld1q_f32(x)));
+    vst1q_f32(x, vmulq_f32(half, vaddq_f32(t, vdupq_n_f32(1.0f))));
+  }
+  kScalarNn.sigmoid(x, n);
+}
+
+}  // namespace
+
+const NnKernels kNeonNn = {magnitude, compress,      quantise, affine,        convolve,  normalise,
+                           gru_gate,  gru_candidate, gru_blend, tanh_in_place, sigmoid_in_place};
+
+}  // namespace se
