@@ -1,6 +1,7 @@
-// Measures how deep se_process() reaches into the stack, by painting: a thread runs on memory
-// filled with a pattern, and the deepest byte that changed tells. Prints JSON: bytes of stack with
-// the denoised path only and with everything on.
+// Prints the memory that an engine takes: the two lines of se_create(), and as a line of JSON the
+// stack of se_process() with the denoised path only and with everything on, in bytes. The stack is
+// measured by painting: a thread runs on memory filled with a pattern, and the deepest byte that
+// changed tells.
 #include <pthread.h>
 
 #include <algorithm>
@@ -9,6 +10,7 @@
 #include <cstdlib>
 
 #include "contenders.h"
+#include "speechenhance/speechenhance.h"
 
 namespace {
 
@@ -44,7 +46,7 @@ std::size_t stack_of(const char* name, const Scene& scene) {
   if (pthread_attr_init(&attributes) != 0 ||
       pthread_attr_setstack(&attributes, stack, kStackBytes) != 0 ||
       pthread_create(&thread, &attributes, run_frames, &run) != 0) {
-    std::fprintf(stderr, "stack_depth: no thread\n");
+    std::fprintf(stderr, "memory_use: no thread\n");
     std::exit(1);
   }
   pthread_join(thread, nullptr);
@@ -58,6 +60,7 @@ std::size_t stack_of(const char* name, const Scene& scene) {
 }  // namespace
 
 int main() {
+  se_destroy(se_create());
   const Scene scene(2 * kFrames);
   const std::size_t denoise = stack_of("denoise", scene), full = stack_of("full", scene);
   std::printf("{\"denoise\": %zu, \"full\": %zu}\n", denoise, full);
