@@ -81,14 +81,23 @@ def shares(total, by_function):
     return stages
 
 
-def output_hash(command, variant):
-    return subprocess.run(command, env=environment(variant), check=True, capture_output=True, text=True).stdout.strip()
+def output_hashes(command, variant, frames):
+    """The hash of every contender's output; None if this machine or build does not have the variant."""
+    hashes = {}
+    for contender in OURS:
+        ran, hashes[contender] = subprocess.run([*command, str(frames), contender], env=environment(variant),
+                                                check=True, capture_output=True, text=True).stdout.split()
+        if ran != variant:
+            return None
+    return hashes
 
 
 def count_native(build, frames):
     result = {}
     for variant in VARIANTS["x86-64"]:
-        entry = {"hash": {c: output_hash([driver(build), str(frames), c], variant) for c in OURS}}
+        entry = {"hash": output_hashes([driver(build)], variant, frames)}
+        if not entry["hash"]:
+            continue
         if variant in COUNTABLE:
             entry["instructions"] = {}
             for contender in OURS:
@@ -104,15 +113,15 @@ def count_native(build, frames):
 def count_emulated(qemu, architecture, build, frames):
     result = {}
     for variant in VARIANTS[architecture]:
-        os.environ["SPEECHENHANCE_KERNELS"] = variant
-        entry = {"hash": {}, "instructions": {}, "functions": {}}
+        entry = {"hash": output_hashes([qemu, driver(build)], variant, frames), "instructions": {}, "functions": {}}
+        if not entry["hash"]:
+            continue
+        os.environ["SPEECHENHANCE_KERNELS"] = variant  # handed on to the emulated program
         for contender in OURS:
-            entry["hash"][contender] = output_hash([qemu, driver(build), str(frames), contender], variant)
             by_function = instructions_per_frame(qemu, driver(build), [contender], 100, 200)
             entry["instructions"][contender] = sum(by_function.values())
             entry["functions"][contender] = dict(by_function.most_common(12))
         result[variant] = entry
-    del os.environ["SPEECHENHANCE_KERNELS"]
     return result
 
 

@@ -4,15 +4,16 @@
 //
 // The frames follow on kWarmUpFrames others. Everything else costs the same whatever FRAMES is, so
 // that two runs differ by the frames alone; a counter that can be told to look only inside
-// `counted_frame` needs one run. The kernel variant comes from SPEECHENHANCE_KERNELS. Prints a hash
-// (FNV-1a, 64 bits) of the counted frames' output, by which architectures and variants can be
-// compared.
+// `counted_frame` needs one run. The kernel variant comes from SPEECHENHANCE_KERNELS. Prints
+// the variant that ran and a hash (FNV-1a, 64 bits) of the counted frames' output, by which
+// architectures and variants can be compared.
 #include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
 #include "contenders.h"
+#include "kernels/kernels.h"
 
 namespace {
 
@@ -51,6 +52,6 @@ int main(int argc, char** argv) {
   for (; i < kWarmUpFrames + static_cast<std::size_t>(frames); ++i) {
     std::memcpy(output.data() + i * bytes, counted_frame(*contender, scene.frame(i)), bytes);
   }
-  std::printf("%016" PRIx64 "\n", hash(output));
+  std::printf("%s %016" PRIx64 "\n", se::kernels().name, hash(output));
   return 0;
 }

@@ -16,6 +16,7 @@ matplotlib.rcParams.update({
 import matplotlib.pyplot as plt  # noqa: E402
 
 OURS, OTHERS = "#1f6f8b", "#b9b4a7"
+STAGES = ("#1f6f8b", "#67a9a0", "#d1603d", "#e0a458", "#6a4c93", "#a05195", "#444444", "#8a8578", "#c9c4b8")
 THREADS = {1: "#1f6f8b", 2: "#d1603d"}
 
 
@@ -42,15 +43,16 @@ def bars(path, title, unit, entries):
 def stages(path, title, columns):
     """columns: {label: {stage: instructions}}."""
     names = list(next(iter(columns.values())))
-    figure, axes = plt.subplots(figsize=(7.5, 1.9 + 0.4 * len(columns)))
-    colours = plt.get_cmap("tab10").colors
+    height = 1.75 + 0.4 * len(columns)
+    figure, axes = plt.subplots(figsize=(7.5, height), constrained_layout=False)
+    figure.subplots_adjust(left=0.09, right=0.98, top=1 - 0.3 / height, bottom=1.3 / height)
     for y, shares in enumerate(reversed(columns.values())):
         left = 0
         total = sum(shares.values())
-        for i, name in enumerate(names):
+        for name, colour in zip(names, STAGES):
             width = 100 * shares[name] / total
-            axes.barh(y, width, left=left, color=colours[i], height=0.66, label=name if y == 0 else None)
-            if width >= 5:
+            axes.barh(y, width, left=left, color=colour, height=0.66, label=name if y == 0 else None)
+            if width >= 4:
                 axes.text(left + width / 2, y, f"{width:.0f}", ha="center", va="center", color="white")
             left += width
     axes.set_yticks(range(len(columns)), list(reversed(columns)))
@@ -58,7 +60,7 @@ def stages(path, title, columns):
     axes.set_xlim(0, 100)
     axes.set_xlabel("% of the instructions of a frame")
     axes.set_title(title, loc="left")
-    axes.legend(loc="upper center", bbox_to_anchor=(0.45, -0.6 / (0.4 * len(columns))), ncol=3, frameon=False)
+    figure.legend(loc="lower center", ncol=3, frameon=False)
     save(figure, path)
 
 
@@ -69,13 +71,13 @@ def scale(path, title, series):
         engines, median, low, high = zip(*points)
         axes.fill_between(engines, low, high, color=THREADS[threads], alpha=0.2, linewidth=0)
         axes.plot(engines, median, "o-", color=THREADS[threads], markersize=4,
-                  label=f"{threads} core{'s' if threads > 1 else ''}")
+                  label=f"{threads} thread{'s' if threads > 1 else ''}")
     axes.set_xscale("log", base=2)
     ticks = [engines for engines, *_ in next(iter(series.values()))]
     axes.set_xticks(ticks, ticks)
     axes.set_ylim(bottom=0)
     axes.set_xlabel("engines in the process")
-    axes.set_ylabel("µs per frame")
+    axes.set_ylabel("CPU time per frame, µs")
     axes.set_title(title, loc="left")
     axes.legend(frameon=False)
     save(figure, path)

@@ -8,6 +8,7 @@ The recordings, harmonic tones under a syllable envelope in noise, are synthesis
 
 import argparse
 import json
+import resource
 import subprocess
 import tempfile
 import time
@@ -33,6 +34,11 @@ def write_recording(path, seconds, seed):
         file.writeframes(samples.tobytes())
 
 
+def cpu_of_children():
+    usage = resource.getrusage(resource.RUSAGE_CHILDREN)
+    return usage.ru_utime + usage.ru_stime
+
+
 def main():
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("tool")
@@ -41,20 +47,20 @@ def main():
     parser.add_argument("--seconds", type=int, default=60)
     parser.add_argument("--repeat", type=int, default=5)
     args = parser.parse_args()
-    times = {1: [], 2: []}
+    runs = {1: [], 2: []}
     with tempfile.TemporaryDirectory() as name:
         source = Path(name, "noisy")
         source.mkdir()
         for i in range(args.files):
             write_recording(source / f"{i}.wav", args.seconds, i)
         for _ in range(args.repeat):
-            for jobs, seconds in times.items():
-                start = time.monotonic()
+            for jobs, results in runs.items():
+                start, used = time.monotonic(), cpu_of_children()
                 subprocess.run([args.tool, "--quiet", str(source), "-o", str(Path(name, f"clean-{jobs}")),
                                 "--jobs", str(jobs)], check=True, stdout=subprocess.DEVNULL)
-                seconds.append(time.monotonic() - start)
+                results.append({"wall_s": time.monotonic() - start, "cpu_s": cpu_of_children() - used})
     args.output.write_text(json.dumps(
-        {"audio_s": args.files * args.seconds, "files": args.files, "seconds": times}, indent=1) + "\n")
+        {"audio_s": args.files * args.seconds, "files": args.files, "runs": runs}, indent=1) + "\n")
 
 
 main()
