@@ -16,6 +16,10 @@
 namespace se {
 namespace {
 
+__m256 fill(float x) {
+  return _mm256_set1_ps(x);
+}
+
 __m256i widen16(const std::int8_t* w) {
   return _mm256_cvtepi8_epi16(_mm_loadu_si128(reinterpret_cast<const __m128i*>(w)));
 }
@@ -30,6 +34,12 @@ using Sums = unsigned __attribute__((vector_size(32)));
 
 void add_product(Sums& sum, __m256i w, __m256i x) {
   sum += reinterpret_cast<Sums>(_mm256_madd_epi16(w, x));
+}
+
+// Keeps the compiler from computing the products of a whole loop before it adds any of them, for
+// which there are not enough registers.
+void keep_order(Sums& a, Sums& b, Sums& c, Sums& d, Sums& e, Sums& f, Sums& g, Sums& h) {
+  __asm__("" : "+x"(a), "+x"(b), "+x"(c), "+x"(d), "+x"(e), "+x"(f), "+x"(g), "+x"(h));
 }
 
 // The sums over the lanes of eight vectors.
@@ -53,96 +63,124 @@ __m256i load_first(const std::int16_t* q, int count) {
   return _mm256_and_si256(load16(q), load16(kMask + 16 - count));
 }
 
-// Products of eight rows of `cols` weights, `stride` apart, with one vector. The sums start with
-// what `cols` has beyond a multiple of sixteen (or sixteen), the rest follows sixteen by sixteen.
-__m256i eight_products(const std::int8_t* w, std::ptrdiff_t stride, const std::int16_t* q,
-                       int cols) {
+// The length of a row as a constant: loads then come from one address and loops unroll. Known<0>
+// stands for any length.
+template <int kLength>
+struct Known {
+  static constexpr int or_else(int length) { return kLength > 0 ? kLength : length; }
+};
+
+// The product of one row. For rows and columns that are left over: apart, so that it is not
+// unrolled into every place that could use it.
+__attribute__((noinline)) std::int32_t one_product(const std::int8_t* w, const std::int16_t* q,
+                                                   std::ptrdiff_t length) {
+  std::int32_t sum = 0;
+  for (std::ptrdiff_t i = 0; i < length; ++i) sum += w[i] * q[i];
+  return sum;
+}
+
+// Products of eight rows of weights with one vector. The sums start with what the length has beyond
+// a multiple of sixteen (or sixteen), the rest follows sixteen by sixteen.
+template <int kLength>
+__m256i products(Whole, Known<kLength> known, const std::int8_t* w, const std::int16_t* q,
+                 int length) {
+  const std::ptrdiff_t cols = known.or_else(length);
   if (cols < 16) {
-    alignas(32) std::int32_t sum[8] = {};
-    for (int r = 0; r < 8; ++r, w += stride) {
-      for (int i = 0; i < cols; ++i) sum[r] += w[i] * q[i];
-    }
+    alignas(32) std::int32_t sum[8];
+    for (int r = 0; r < 8; ++r) sum[r] = one_product(w + r * cols, q, cols);
     return _mm256_load_si256(reinterpret_cast<const __m256i*>(sum));
   }
-  const int head = (cols - 1) % 16 + 1;
-  const std::int8_t* w4 = w + 4 * stride;
-  const __m256i x = load_first(q, head);
-  Sums s0 = reinterpret_cast<Sums>(_mm256_madd_epi16(widen16(w), x));
-  Sums s1 = reinterpret_cast<Sums>(_mm256_madd_epi16(widen16(w + stride), x));
-  Sums s2 = reinterpret_cast<Sums>(_mm256_madd_epi16(widen16(w + 2 * stride), x));
-  Sums s3 = reinterpret_cast<Sums>(_mm256_madd_epi16(widen16(w + 3 * stride), x));
-  Sums s4 = reinterpret_cast<Sums>(_mm256_madd_epi16(widen16(w4), x));
-  Sums s5 = reinterpret_cast<Sums>(_mm256_madd_epi16(widen16(w4 + stride), x));
-  Sums s6 = reinterpret_cast<Sums>(_mm256_madd_epi16(widen16(w4 + 2 * stride), x));
-  Sums s7 = reinterpret_cast<Sums>(_mm256_madd_epi16(widen16(w4 + 3 * stride), x));
-  w += head;
-  w4 += head;
-  for (int i = head; i < cols; i += 16, w += 16, w4 += 16) {
-    const __m256i next = load16(q + i);
-    add_product(s0, widen16(w), next);
-    add_product(s1, widen16(w + stride), next);
-    add_product(s2, widen16(w + 2 * stride), next);
-    add_product(s3, widen16(w + 3 * stride), next);
-    add_product(s4, widen16(w4), next);
-    add_product(s5, widen16(w4 + stride), next);
-    add_product(s6, widen16(w4 + 2 * stride), next);
-    add_product(s7, widen16(w4 + 3 * stride), next);
-  }
+  const std::ptrdiff_t head = (cols - 1) % 16 + 1;
+  Sums s0 = {}, s1 = s0, s2 = s0, s3 = s0, s4 = s0, s5 = s0, s6 = s0, s7 = s0;
+  const auto add_products = [&](const std::int8_t* first, __m256i x) {
+    add_product(s0, widen16(first), x);
+    add_product(s1, widen16(first + cols), x);
+    add_product(s2, widen16(first + 2 * cols), x);
+    add_product(s3, widen16(first + 3 * cols), x);
+    add_product(s4, widen16(first + 4 * cols), x);
+    add_product(s5, widen16(first + 5 * cols), x);
+    add_product(s6, widen16(first + 6 * cols), x);
+    add_product(s7, widen16(first + 7 * cols), x);
+    keep_order(s0, s1, s2, s3, s4, s5, s6, s7);
+  };
+  add_products(w, load_first(q, static_cast<int>(head)));
+#pragma GCC unroll 24
+  for (std::ptrdiff_t i = head; i < cols; i += 16) add_products(w + i, load16(q + i));
   return lane_sums(s0, s1, s2, s3, s4, s5, s6, s7);
 }
 
-// body(r, lanes, stride) for eight rows at a time, then for the rows left over one by one: those
-// run as eight times the same row, of which one lane counts.
-template <class Body>
-void by_eight_rows(int rows, int cols, Body body) {
-  int r = 0;
-  for (; r + 8 <= rows; r += 8) body(r, Whole(), cols);
-  for (; r < rows; ++r) body(r, First(1), 0);
+// The product of one row, in the first lane.
+template <int kLength>
+__m256i products(First, Known<kLength>, const std::int8_t* w, const std::int16_t* q, int length) {
+  return _mm256_zextsi128_si256(_mm_cvtsi32_si128(one_product(w, q, length)));
 }
 
-void affine(const IntegerLayer& layer, const std::int16_t* q, float* y) {
-  const int cols = layer.row_len;
-  const __m256 unit = _mm256_set1_ps(layer.unit);
-  by_eight_rows(layer.rows, cols, [&](int r, auto lanes, int stride) {
-    const __m256i sum = eight_products(layer.weights + r * cols, stride, q, cols);
+// body(r, lanes) for eight rows at a time and then, one by one, for the rows left over.
+template <class Body>
+void by_eight_rows(int rows, Body body) {
+  int r = 0;
+  for (; r + 8 <= rows; r += 8) body(r, Whole());
+  for (; r < rows; ++r) body(r, First(1));
+}
+
+template <int kCols>
+void affine(Known<kCols> known, const IntegerLayer& layer, const std::int16_t* q, float* y) {
+  const std::ptrdiff_t cols = layer.row_len;
+  const __m256 unit = fill(layer.unit);
+  by_eight_rows(layer.rows, [&](int r, auto lanes) {
+    const __m256i sum = products(lanes, known, layer.weights + r * cols, q, layer.row_len);
     const __m256 scale = _mm256_mul_ps(lanes.load(layer.scale + r), unit);
     lanes.store(y + r, _mm256_add_ps(_mm256_mul_ps(_mm256_cvtepi32_ps(sum), scale),
                                      lanes.load(layer.bias + r)));
   });
 }
 
-// The two products of eight rows of a gate, scaled.
-struct GateSums {
-  __m256 in, state;
-};
+void affine(const IntegerLayer& layer, const std::int16_t* q, float* y) {
+  if (layer.row_len == 400) return affine(Known<400>(), layer, q, y);  // the denoiser's head
+  affine(Known<0>(), layer, q, y);
+}
 
-GateSums gate_sums(const GruGate& gate, const GruStep& step, int r, bool one_row) {
-  constexpr float kGruUnit = 0x1p-19f;  // weight / 2^8 times activation / 2^11
-  const __m256 unit = _mm256_set1_ps(kGruUnit);
-  const __m256i in = eight_products(gate.weight_in + r * step.input_size,
-                                    one_row ? 0 : step.input_size, step.input, step.input_size);
-  const __m256i state =
-      eight_products(gate.weight_state + r * step.hidden_size, one_row ? 0 : step.hidden_size,
-                     step.state, step.hidden_size);
-  return {_mm256_mul_ps(_mm256_cvtepi32_ps(in), unit),
-          _mm256_mul_ps(_mm256_cvtepi32_ps(state), unit)};
+// body(r, lanes, in, state) with both products of the rows of a gate, scaled.
+template <int kInput, int kHidden, class Body>
+void by_gate_rows(Known<kInput> input_size, Known<kHidden> hidden_size, const GruGate& gate,
+                  const GruStep& step, Body body) {
+  const __m256 unit = fill(0x1p-19f);  // weight / 2^8 times activation / 2^11
+  const std::ptrdiff_t in_cols = step.input_size, state_cols = step.hidden_size;
+  by_eight_rows(step.hidden_size, [&](int r, auto lanes) {
+    const __m256i in =
+        products(lanes, input_size, gate.weight_in + r * in_cols, step.input, step.input_size);
+    const __m256i state = products(lanes, hidden_size, gate.weight_state + r * state_cols,
+                                   step.state, step.hidden_size);
+    body(r, lanes, _mm256_mul_ps(_mm256_cvtepi32_ps(in), unit),
+         _mm256_mul_ps(_mm256_cvtepi32_ps(state), unit));
+  });
+}
+
+// The sizes of the denoiser's layers, and then any other.
+template <class Body>
+void by_gate_rows(const GruGate& gate, const GruStep& step, Body body) {
+  if (step.input_size == 128 && step.hidden_size == 200) {
+    by_gate_rows(Known<128>(), Known<200>(), gate, step, body);
+  } else if (step.input_size == 200 && step.hidden_size == 200) {
+    by_gate_rows(Known<200>(), Known<200>(), gate, step, body);
+  } else {
+    by_gate_rows(Known<0>(), Known<0>(), gate, step, body);
+  }
 }
 
 void gru_gate(const GruGate& gate, const GruStep& step, float* y) {
-  by_eight_rows(step.hidden_size, 1, [&](int r, auto lanes, int stride) {
-    const GateSums sums = gate_sums(gate, step, r, stride == 0);
-    __m256 v = _mm256_add_ps(sums.in, lanes.load(gate.bias_in + r));
-    v = _mm256_add_ps(v, sums.state);
+  by_gate_rows(gate, step, [&](int r, auto lanes, __m256 in, __m256 state) {
+    __m256 v = _mm256_add_ps(in, lanes.load(gate.bias_in + r));
+    v = _mm256_add_ps(v, state);
     lanes.store(y + r, _mm256_add_ps(v, lanes.load(gate.bias_state + r)));
   });
 }
 
 void gru_candidate(const GruGate& gate, const GruStep& step, const float* reset, float* y) {
-  by_eight_rows(step.hidden_size, 1, [&](int r, auto lanes, int stride) {
-    const GateSums sums = gate_sums(gate, step, r, stride == 0);
-    __m256 v = _mm256_add_ps(sums.state, lanes.load(gate.bias_state + r));
+  by_gate_rows(gate, step, [&](int r, auto lanes, __m256 in, __m256 state) {
+    __m256 v = _mm256_add_ps(state, lanes.load(gate.bias_state + r));
     v = _mm256_mul_ps(v, lanes.load(reset + r));
-    v = _mm256_add_ps(v, sums.in);
+    v = _mm256_add_ps(v, in);
     lanes.store(y + r, _mm256_add_ps(v, lanes.load(gate.bias_in + r)));
   });
 }
@@ -194,25 +232,34 @@ struct PaddedRows {
   int window_;
 };
 
+// The shape of a convolution where it is known: window in sixteens and step, 0 for any.
+template <int kSixteens, int kStep>
+struct Shape {
+  static constexpr Known<16 * kSixteens> window = {};
+  static constexpr Known<kStep> step = {};
+};
+
 // Products of one row with eight positions from `offset` on.
-template <class Rows>
+template <class Shape, class Rows>
 __m256i eight_positions(const Rows& rows, int row, const ConvInput& in, int offset) {
   Sums s0 = {}, s1 = s0, s2 = s0, s3 = s0, s4 = s0, s5 = s0, s6 = s0, s7 = s0;
-  const std::ptrdiff_t step = in.step;
-  const int window = round_up_16(in.window);
+  const std::ptrdiff_t step = Shape::step.or_else(in.step);
+  const int window = Shape::window.or_else(round_up_16(in.window));
   for (int t = 0; t < in.frame_count; ++t) {
-    const std::int16_t* x0 = in.frames[t] + offset;
-    const std::int16_t* x4 = x0 + 4 * step;
-    for (int i = 0; i < window; i += 16, x0 += 16, x4 += 16) {
+    const std::int16_t* const frame = in.frames[t] + offset;
+#pragma GCC unroll 12
+    for (int i = 0; i < window; i += 16) {
       const __m256i w = rows.load(row, t, i);
-      add_product(s0, w, load16(x0));
-      add_product(s1, w, load16(x0 + step));
-      add_product(s2, w, load16(x0 + 2 * step));
-      add_product(s3, w, load16(x0 + 3 * step));
-      add_product(s4, w, load16(x4));
-      add_product(s5, w, load16(x4 + step));
-      add_product(s6, w, load16(x4 + 2 * step));
-      add_product(s7, w, load16(x4 + 3 * step));
+      const std::int16_t* const x = frame + i;
+      add_product(s0, w, load16(x));
+      add_product(s1, w, load16(x + step));
+      add_product(s2, w, load16(x + 2 * step));
+      add_product(s3, w, load16(x + 3 * step));
+      add_product(s4, w, load16(x + 4 * step));
+      add_product(s5, w, load16(x + 5 * step));
+      add_product(s6, w, load16(x + 6 * step));
+      add_product(s7, w, load16(x + 7 * step));
+      keep_order(s0, s1, s2, s3, s4, s5, s6, s7);
     }
   }
   return lane_sums(s0, s1, s2, s3, s4, s5, s6, s7);
@@ -237,21 +284,22 @@ void transpose(__m256i* v) {
   }
 }
 
-template <class Rows>
-void convolve_rows(const IntegerLayer& layer, const ConvInput& in, int first, float* y) {
-  const Rows rows(layer, in, first);
-  const __m256 scale =
-      _mm256_mul_ps(_mm256_loadu_ps(layer.scale + first), _mm256_set1_ps(layer.unit));
-  const __m256 bias = _mm256_loadu_ps(layer.bias + first);
-  for (int position = 0; position < in.positions; position += 8) {
-    __m256i sums[8];
-    for (int row = 0; row < 8; ++row) {
-      sums[row] = eight_positions(rows, row, in, position * in.step);
-    }
-    transpose(sums);
-    for (int p = 0; p < 8; ++p) {
-      const __m256 v = _mm256_add_ps(_mm256_mul_ps(_mm256_cvtepi32_ps(sums[p]), scale), bias);
-      _mm256_storeu_ps(y + (position + p) * layer.rows + first, v);
+template <class Shape, class Rows>
+void convolve_rows(const IntegerLayer& layer, const ConvInput& in, float* y) {
+  for (int first = 0; first < layer.rows; first += 8) {
+    const Rows rows(layer, in, first);
+    const __m256 scale = _mm256_mul_ps(_mm256_loadu_ps(layer.scale + first), fill(layer.unit));
+    const __m256 bias = _mm256_loadu_ps(layer.bias + first);
+    for (int position = 0; position < in.positions; position += 8) {
+      __m256i sums[8];
+      for (int row = 0; row < 8; ++row) {
+        sums[row] = eight_positions<Shape>(rows, row, in, position * in.step);
+      }
+      transpose(sums);
+      for (int p = 0; p < 8; ++p) {
+        const __m256 v = _mm256_add_ps(_mm256_mul_ps(_mm256_cvtepi32_ps(sums[p]), scale), bias);
+        _mm256_storeu_ps(y + (position + p) * layer.rows + first, v);
+      }
     }
   }
 }
@@ -266,20 +314,22 @@ void convolve(const IntegerLayer& layer, const ConvInput& in, float* y) {
     kScalarNn.convolve(layer, in, y);
     return;
   }
-  for (int first = 0; first < layer.rows; first += 8) {
-    if (padded) {
-      convolve_rows<PaddedRows>(layer, in, first, y);
-    } else {
-      convolve_rows<PlainRows>(layer, in, first, y);
-    }
+  // The shapes of the denoiser's layers, and then any other.
+  const auto is = [&](int sixteens, int step) {
+    return window == 16 * sixteens && in.step == step;
+  };
+  if (padded) {
+    if (is(1, 6)) return convolve_rows<Shape<1, 6>, PaddedRows>(layer, in, y);
+    if (is(2, 16)) return convolve_rows<Shape<2, 16>, PaddedRows>(layer, in, y);
+    return convolve_rows<Shape<0, 0>, PaddedRows>(layer, in, y);
   }
+  if (is(3, 32)) return convolve_rows<Shape<3, 32>, PlainRows>(layer, in, y);
+  if (is(6, 32)) return convolve_rows<Shape<6, 32>, PlainRows>(layer, in, y);
+  if (is(12, 64)) return convolve_rows<Shape<12, 64>, PlainRows>(layer, in, y);
+  convolve_rows<Shape<0, 0>, PlainRows>(layer, in, y);
 }
 
 // ---- Activations --------------------------------------------------------------------------------
-
-__m256 fill(float x) {
-  return _mm256_set1_ps(x);
-}
 
 // c[0] + c[1] x + c[2] x^2 + ... by Horner's scheme, nothing fused.
 template <int N>
@@ -325,13 +375,57 @@ __m256 tanh8(__m256 x) {
 
 namespace avx2 {
 
-void magnitude(const zel_lcomplex* spectrum, int n, float* mag) {
-  const __m256 floor = fill(1e-8f);
-  by_eights(n, [&](int i, auto lanes) {
-    const Parts x = lanes.load_parts(spectrum + i);
-    const __m256 power = _mm256_fmadd_ps(x.re, x.re, _mm256_mul_ps(x.im, x.im));
-    lanes.store(mag + i, in_order(_mm256_sqrt_ps(_mm256_add_ps(power, floor))));
-  });
+// The three rows run side by side in the lanes of one vector, bin by bin.
+void pool(const BinShares& shares, const float* x, int x_stride, float* y, int y_stride) {
+  const float* const x1 = x + x_stride;
+  const float* const x2 = x1 + x_stride;
+  const auto store = [&](int band, __m128 v) {
+    _mm_store_ss(y + band, v);
+    _mm_store_ss(y + y_stride + band, _mm_movehdup_ps(v));
+    _mm_store_ss(y + 2 * y_stride + band, _mm_movehl_ps(v, v));
+  };
+  int band = 0;
+  __m128 own = _mm_setzero_ps(), next = own;
+  const auto add_bin = [&](int k, __m128 v) {
+    if (shares.band[k] != band) {
+      store(band, own);
+      ++band;
+      own = next;
+      next = _mm_setzero_ps();
+    }
+    const __m128 f = _mm_set1_ps(shares.fraction[k]);
+    const __m128 r = _mm_set1_ps(shares.inverse_width[k]);
+    next = _mm_fmadd_ps(_mm_mul_ps(f, v), r, next);
+    own = _mm_fmadd_ps(_mm_sub_ps(_mm_set1_ps(1.0f), f), _mm_mul_ps(v, r), own);
+  };
+  int k = 0;
+  for (; k + 4 <= shares.bins; k += 4) {
+    const __m128 a = _mm_loadu_ps(x + k), b = _mm_loadu_ps(x1 + k), c = _mm_loadu_ps(x2 + k);
+    const __m128 ab_low = _mm_unpacklo_ps(a, b), ab_high = _mm_unpackhi_ps(a, b);
+    add_bin(k, _mm_movelh_ps(ab_low, c));  // the fourth lane counts nowhere
+    add_bin(k + 1, _mm_shuffle_ps(ab_low, c, 0x5e));
+    add_bin(k + 2, _mm_shuffle_ps(ab_high, c, 0xe4));
+    add_bin(k + 3, _mm_shuffle_ps(ab_high, c, 0xfe));
+  }
+  for (; k < shares.bins; ++k) add_bin(k, _mm_setr_ps(x[k], x1[k], x2[k], 0.0f));
+  store(band, own);
+  store(band + 1, next);
+}
+
+void expand(const BinShares& shares, const float* x, float* y) {
+  int k = 0;
+  for (; k + 8 <= shares.bins; k += 8) {
+    const __m256i band =
+        _mm256_cvtepu8_epi32(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(shares.band + k)));
+    const __m256 f = _mm256_loadu_ps(shares.fraction + k);
+    const __m256 upper = _mm256_mul_ps(_mm256_i32gather_ps(x + 1, band, 4), f);
+    const __m256 lower = _mm256_i32gather_ps(x, band, 4);
+    const __m256 v = _mm256_fmadd_ps(lower, _mm256_sub_ps(fill(1.0f), f), upper);
+    _mm256_storeu_ps(y + k, _mm256_mul_ps(v, _mm256_loadu_ps(shares.inverse_width + k)));
+  }
+  const BinShares rest = {shares.bins - k, shares.band + k, shares.fraction + k,
+                          shares.inverse_width + k};
+  kScalarNn.expand(rest, x, y + k);
 }
 
 void compress(const float* x, int n, float* y) {
@@ -412,8 +506,8 @@ void sigmoid(float* x, int n) {
 
 }  // namespace avx2
 
-const NnKernels kAvx2Nn = {avx2::magnitude, avx2::compress,  avx2::quantise, affine,
-                           convolve,        avx2::normalise, gru_gate,       gru_candidate,
-                           avx2::gru_blend, avx2::tanh,      avx2::sigmoid};
+const NnKernels kAvx2Nn = {avx2::pool,    avx2::expand,    avx2::compress,  avx2::quantise,
+                           affine,        convolve,        avx2::normalise, gru_gate,
+                           gru_candidate, avx2::gru_blend, avx2::tanh,      avx2::sigmoid};
 
 }  // namespace se

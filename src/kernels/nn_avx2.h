@@ -1,13 +1,12 @@
 // AVX2 kernels of the denoiser that the AVX-512 variant uses as they are.
 #pragma once
 
-#include <cstdint>
-
-#include "speechenhance/types.h"
+#include "kernels/nn_kernels.h"
 
 namespace se::avx2 {
 
-void magnitude(const zel_lcomplex* spectrum, int n, float* mag);
+void pool(const BinShares& shares, const float* x, int x_stride, float* y, int y_stride);
+void expand(const BinShares& shares, const float* x, float* y);
 void compress(const float* x, int n, float* y);
 void quantise(const float* x, int n, float scale, std::int16_t* q);
 void normalise(const float* x, const float* mul, const float* add, int n, float* y);

@@ -8,9 +8,16 @@
 
 #include <cstdint>
 
-#include "speechenhance/types.h"
-
 namespace se {
+
+// How neighbouring bins share in bands: bin k lies at the fraction `fraction[k]` of band `band[k]`,
+// whose width is 1 / `inverse_width[k]` bins, and counts for the next band by that fraction.
+struct BinShares {
+  int bins;
+  const std::uint8_t* band;  // ascending, from 0, without gaps
+  const float* fraction;
+  const float* inverse_width;
+};
 
 // The parameters of one gate of a GRU layer: `hidden` rows of each table, one bias per row. A
 // stored weight stands for w / 256, an activation for q / 2048.
@@ -51,8 +58,14 @@ struct IntegerLayer {
 };
 
 struct NnKernels {
-  // mag[k] = sqrt(fused(re * re + round(im * im)) + 1e-8).
-  void (*magnitude)(const zel_lcomplex* spectrum, int n, float* mag);
+  // Means of bins over bands, for three rows of `shares.bins` values, `x_stride` apart, into three
+  // rows of band[bins - 1] + 2 values, `y_stride` apart. All start at 0; then, bin by bin with b =
+  // band[k], f = fraction[k], r = inverse_width[k]: y[b + 1] = fused((f * x[k]) * r + y[b + 1]),
+  // y[b] = fused((1 - f) * (x[k] * r) + y[b]).
+  void (*pool)(const BinShares& shares, const float* x, int x_stride, float* y, int y_stride);
+
+  // The way back: y[k] = fused(x[b] * (1 - f) + x[b + 1] * f) * r.
+  void (*expand)(const BinShares& shares, const float* x, float* y);
 
   // y[i] = sqrt(x[i] + 1e-8).
   void (*compress)(const float* x, int n, float* y);

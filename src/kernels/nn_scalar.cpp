@@ -26,11 +26,24 @@ float dot_as_float(const std::int8_t* w, const std::int16_t* q, int n) {
   return static_cast<float>(static_cast<std::int32_t>(dot(w, q, n)));
 }
 
-void magnitude(const zel_lcomplex* spectrum, int n, float* mag) {
-  for (int k = 0; k < n; ++k) {
-    const float re = spectrum[k].re;
-    const float im = spectrum[k].im;
-    mag[k] = std::sqrt(std::fma(re, re, im * im) + kFloor);
+void pool(const BinShares& shares, const float* x, int x_stride, float* y, int y_stride) {
+  for (int row = 0; row < 3; ++row, x += x_stride, y += y_stride) {
+    for (int b = 0; b <= shares.band[shares.bins - 1] + 1; ++b) y[b] = 0.0f;
+    for (int k = 0; k < shares.bins; ++k) {
+      const int b = shares.band[k];
+      const float f = shares.fraction[k];
+      const float r = shares.inverse_width[k];
+      y[b + 1] = std::fma(f * x[k], r, y[b + 1]);
+      y[b] = std::fma(1.0f - f, x[k] * r, y[b]);
+    }
+  }
+}
+
+void expand(const BinShares& shares, const float* x, float* y) {
+  for (int k = 0; k < shares.bins; ++k) {
+    const int b = shares.band[k];
+    const float f = shares.fraction[k];
+    y[k] = std::fma(x[b], 1.0f - f, x[b + 1] * f) * shares.inverse_width[k];
   }
 }
 
@@ -125,8 +138,8 @@ void sigmoid_in_place(float* x, int n) {
 
 }  // namespace
 
-const NnKernels kScalarNn = {magnitude, compress,      quantise,        affine,
-                             convolve,  normalise,     gru_gate,        gru_candidate,
-                             gru_blend, tanh_in_place, sigmoid_in_place};
+const NnKernels kScalarNn = {pool,          expand,    compress,      quantise,
+                             affine,        convolve,  normalise,     gru_gate,
+                             gru_candidate, gru_blend, tanh_in_place, sigmoid_in_place};
 
 }  // namespace se

@@ -5,56 +5,59 @@
 // Bins 0..255 are used, 2 x 3 x 256 fused operations per frame.
 #include "nn/features.h"
 
-#include <cmath>
-
 #include "kernels/kernels.h"
 
 namespace se::nn {
 namespace {
 
+constexpr int kPooledBins = kBins - 1;
+constexpr float kFloor = 1e-8f;  // keeps magnitudes and features at or above 1e-4
+
 constexpr bool bands_are_ascending() {
   for (int i = 0; i + 1 < kBands; ++i) {
-    const int width = kBandStart[i + 1] - kBandStart[i];
-    if (width < 1 || width > kMaxBandWidth) return false;
+    if (kBandStart[i + 1] <= kBandStart[i]) return false;
   }
-  return kBandStart[0] == 0 && kBandStart[kBands - 1] == kBins - 1;
+  return kBandStart[0] == 0 && kBandStart[kBands - 1] == kPooledBins;
 }
 static_assert(bands_are_ascending());
 
-void pool(const float* mag, float* band) {
-  for (int i = 0; i < kBands; ++i) band[i] = 0.0f;
+struct ShareTables {
+  std::uint8_t band[kPooledBins];
+  float fraction[kPooledBins];
+  float inverse_width[kPooledBins];
+};
+
+constexpr ShareTables make_tables() {
+  ShareTables tables = {};
   for (int i = 0; i + 1 < kBands; ++i) {
     const int width = kBandStart[i + 1] - kBandStart[i];
-    const float r = kInverseWidth[width];
-    const float* const x = mag + kBandStart[i];
+    const float r = 1.0f / static_cast<float>(width);
     for (int j = 0; j < width; ++j) {
-      const float f = static_cast<float>(j) * r;
-      band[i + 1] = std::fma(f * x[j], r, band[i + 1]);
-      band[i] = std::fma(1.0f - f, x[j] * r, band[i]);
+      const int k = kBandStart[i] + j;
+      tables.band[k] = static_cast<std::uint8_t>(i);
+      tables.fraction[k] = static_cast<float>(j) * r;
+      tables.inverse_width[k] = r;
     }
   }
+  return tables;
 }
+
+constexpr ShareTables kTables = make_tables();
+constexpr BinShares kShares = {kPooledBins, kTables.band, kTables.fraction, kTables.inverse_width};
 
 }  // namespace
 
 void features(const zel_lcomplex* spec_mics, const zel_lcomplex* spec_ref,
               const FeatureBuffers& buffers) {
-  const NnKernels& k = *kernels().nn;
-  k.magnitude(spec_mics, 2 * kBins, buffers.mag);
-  k.magnitude(spec_ref, kBins, buffers.mag + 2 * kBins);
-  for (int c = 0; c < kChannels; ++c) pool(buffers.mag + c * kBins, buffers.band + c * kBands);
-  k.compress(buffers.band, kFeatures, buffers.feat);
+  const Kernels& k = kernels();
+  k.spectral->magnitude(spec_mics, kFloor, buffers.mag, 2 * kBins);
+  k.spectral->magnitude(spec_ref, kFloor, buffers.mag + 2 * kBins, kBins);
+  k.nn->pool(kShares, buffers.mag, kBins, buffers.band, kBands);
+  k.nn->compress(buffers.band, kFeatures, buffers.feat);
 }
 
 void expand_bands(const float* bands, float* gain) {
-  for (int i = 0; i + 1 < kBands; ++i) {
-    const int width = kBandStart[i + 1] - kBandStart[i];
-    const float r = kInverseWidth[width];
-    for (int j = 0; j < width; ++j) {
-      const float f = static_cast<float>(j) * r;
-      gain[kBandStart[i] + j] = std::fma(bands[i], 1.0f - f, bands[i + 1] * f) * r;
-    }
-  }
+  kernels().nn->expand(kShares, bands, gain);
   gain[kBins - 1] = 0.0f;
 }
 

@@ -19,11 +19,6 @@ constexpr std::int16_t kBandStart[] = {
 };
 static_assert(sizeof kBandStart / sizeof kBandStart[0] == kBands);
 
-// 1 / width of a band, in single precision.
-constexpr int kMaxBandWidth = 7;
-constexpr float kInverseWidth[kMaxBandWidth + 1] = {
-    0.0f, 1.0f, 1.0f / 2.0f, 1.0f / 3.0f, 1.0f / 4.0f, 1.0f / 5.0f, 1.0f / 6.0f, 1.0f / 7.0f};
-
 // Convolution layers. Each spans three frames and lags one, so that the network lags five.
 struct ConvShape {
   int in_channels, in_width;

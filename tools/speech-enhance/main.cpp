@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <cstdio>
 #include <cstring>
 #include <string>
 #include <type_traits>
@@ -21,7 +22,7 @@ namespace {
 using namespace se_tool;
 
 void print_line(const std::string& line) {
-  write_all(STDERR_FILENO, "speech-enhance: " + line + "\n", "standard error");
+  std::fputs(("speech-enhance: " + line + "\n").c_str(), stderr);
 }
 
 // Statistics on their way from a process to its parent.

@@ -3,9 +3,9 @@
 #include <cmath>
 #include <fstream>
 #include <initializer_list>
-#include <iterator>
 #include <limits>
 #include <nlohmann/json.hpp>
+#include <sstream>
 
 #include "errors.h"
 
@@ -103,9 +103,10 @@ Settings parse_settings(const json& root) {
 
 Settings load_preset_file(const std::string& path) {
   std::ifstream file(path, std::ios::binary);
-  const std::string text{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-  if (!file) fail("preset " + path + ": cannot be read");
-  return parse_preset(text, "preset " + path);
+  std::ostringstream text;
+  text << file.rdbuf();  // also fails for an empty file
+  if (!file || !text) fail("preset " + path + ": cannot be read or is empty");
+  return parse_preset(text.str(), "preset " + path);
 }
 
 }  // namespace

@@ -1,0 +1,144 @@
+#!/usr/bin/python3
+"""Counts instructions per frame and compares the output of all variants and architectures.
+
+    count.py [--frames N] OUTPUT.json NATIVE_BUILD [--armhf BUILD] [--aarch64 BUILD]
+
+On x86-64 Callgrind counts, which knows instructions up to AVX2; for ARM a plugin of qemu-user. The
+JSON holds, by architecture and variant: instructions per frame of every contender, on x86-64 the
+share of every stage, for ARM the functions that cost most, and a hash of the output.
+"""
+
+import argparse
+import json
+import os
+import re
+import subprocess
+import tempfile
+from pathlib import Path
+
+from count_instructions import instructions_per_frame
+
+OURS = ("denoise", "full", "rfft512")
+PEERS = ("speexdsp", "webrtc", "fftw3f")
+VARIANTS = {"x86-64": ("scalar", "avx2", "avx512"), "armv7": ("scalar", "neon"), "aarch64": ("scalar", "neon")}
+COUNTABLE = ("scalar", "avx2", "neon")
+
+# Stages of a frame and the functions whose inclusive cost they are. The stages of the denoiser lie
+# inside nn_process_api; what is left of it is its rest.
+STAGES = {
+    "transforms": ("zel_stft_analysis", "zel_stft_synthesis_envelop"),
+    "echo canceller": ("aec_process",),
+    "convolution layers": ("conv2d_process",),
+    "GRU layers": ("gru_process",),
+    "noise suppression": ("noise_estimate_process", "noise_suppress_process"),
+    "equaliser": ("se::equalise",),
+    "limiter": ("limiter_process_float",),
+}
+DENOISER = "nn_process_api"
+REST_OF_DENOISER = "features, head, expansion"
+REST = "copies, mix, gains"
+
+
+def environment(variant):
+    return {**os.environ, "SPEECHENHANCE_KERNELS": variant}
+
+
+def driver(build):
+    return str(Path(build) / "bench" / "frame_driver")
+
+
+def callgrind(build, variant, contender, frames):
+    """Instructions in all and inclusive by function, per frame."""
+    with tempfile.TemporaryDirectory() as folder:
+        out = Path(folder) / "callgrind.out"
+        subprocess.run(
+            ["valgrind", "--tool=callgrind", "--toggle-collect=counted_frame", f"--callgrind-out-file={out}",
+             driver(build), str(frames), contender],
+            env=environment(variant), check=True, capture_output=True)
+        text = subprocess.run(["callgrind_annotate", "--inclusive=yes", "--threshold=100", "--auto=no", str(out)],
+                              check=True, capture_output=True, text=True).stdout
+    total, by_function = None, {}
+    for line in text.splitlines():
+        match = re.match(r"\s*([\d,]+) \([^)]*\)\s+(.*)", line)
+        if not match:
+            continue
+        count, place = int(match[1].replace(",", "")) / frames, match[2]
+        if place.startswith("PROGRAM TOTALS"):
+            total = count
+        else:
+            # FILE:FUNCTION(ARGUMENTS) [OBJECT]; the file is ??? without debug information.
+            name = re.sub(r" \[[^\]]*\]$", "", place).split(":", 1)[-1]
+            name = name.removeprefix("se::(anonymous namespace)::").split("(")[0]
+            by_function[name] = by_function.get(name, 0) + count
+    return total, by_function
+
+
+def shares(total, by_function):
+    stages = {stage: sum(by_function.get(name, 0) for name in names) for stage, names in STAGES.items()}
+    inside = stages["convolution layers"] + stages["GRU layers"]
+    stages[REST_OF_DENOISER] = by_function[DENOISER] - inside
+    stages[REST] = total - sum(stages.values())
+    return stages
+
+
+def output_hashes(command, variant, frames):
+    """The hash of every contender's output; None if this machine or build does not have the variant."""
+    hashes = {}
+    for contender in OURS:
+        ran, hashes[contender] = subprocess.run([*command, str(frames), contender], env=environment(variant),
+                                                check=True, capture_output=True, text=True).stdout.split()
+        if ran != variant:
+            return None
+    return hashes
+
+
+def count_native(build, frames):
+    result = {}
+    for variant in VARIANTS["x86-64"]:
+        entry = {"hash": output_hashes([driver(build)], variant, frames)}
+        if not entry["hash"]:
+            continue
+        if variant in COUNTABLE:
+            entry["instructions"] = {}
+            for contender in OURS:
+                total, by_function = callgrind(build, variant, contender, frames)
+                entry["instructions"][contender] = total
+                if contender == "full":
+                    entry["shares"] = shares(total, by_function)
+        result[variant] = entry
+    result["peers"] = {"instructions": {p: callgrind(build, "", p, frames)[0] for p in PEERS}}
+    return result
+
+
+def count_emulated(qemu, architecture, build, frames):
+    result = {}
+    for variant in VARIANTS[architecture]:
+        entry = {"hash": output_hashes([qemu, driver(build)], variant, frames), "instructions": {}, "functions": {}}
+        if not entry["hash"]:
+            continue
+        os.environ["SPEECHENHANCE_KERNELS"] = variant  # handed on to the emulated program
+        for contender in OURS:
+            by_function = instructions_per_frame(qemu, driver(build), [contender], 100, 200)
+            entry["instructions"][contender] = sum(by_function.values())
+            entry["functions"][contender] = dict(by_function.most_common(12))
+        result[variant] = entry
+    return result
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser.add_argument("--frames", type=int, default=300)
+    parser.add_argument("--armhf")
+    parser.add_argument("--aarch64")
+    parser.add_argument("output", type=Path)
+    parser.add_argument("native")
+    args = parser.parse_args()
+    result = {"frames": args.frames, "x86-64": count_native(args.native, args.frames)}
+    if args.armhf:
+        result["armv7"] = count_emulated("qemu-arm", "armv7", args.armhf, args.frames)
+    if args.aarch64:
+        result["aarch64"] = count_emulated("qemu-aarch64", "aarch64", args.aarch64, args.frames)
+    args.output.write_text(json.dumps(result, indent=1) + "\n")
+
+
+main()

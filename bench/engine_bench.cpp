@@ -1,0 +1,70 @@
+// Times, on one core: the engine and its transform in every kernel variant, the peers on the same
+// sound, and the limit that streaming the weights sets. Google Benchmark runs the repetitions of
+// all of them in random order, so that a busy machine slows every contender alike; times are of
+// the thread's CPU. Every iteration hears the next frame of the scene.
+#include <benchmark/benchmark.h>
+
+#include "contenders.h"
+#include "kernels/kernels.h"
+#include "streaming_limit.h"
+
+namespace {
+
+using namespace se_bench;
+
+constexpr int kSceneFrames = 1500;
+constexpr int kWarmUpFrames = 20;
+
+const Scene& scene() {
+  static const Scene scene(kSceneFrames);
+  return scene;
+}
+
+void run_frames(benchmark::State& state, Contender& contender, std::size_t& frame) {
+  for (auto _ : state) benchmark::DoNotOptimize(contender.process(scene().frame(frame++)));
+}
+
+void add(const ContenderKind& kind, const char* variant) {
+  // Made at the first use and kept for all repetitions: echo paths and noise floors are learnt.
+  std::shared_ptr<Contender> contender;
+  std::size_t frame = 0;
+  const std::string name = std::string(kind.name) + "/" + variant;
+  const auto run = [=](benchmark::State& state) mutable {
+    if (kind.ours) se::use_kernels(variant);
+    if (!contender) {
+      contender = kind.make();
+      while (frame < kWarmUpFrames) contender->process(scene().frame(frame++));
+    }
+    run_frames(state, *contender, frame);
+  };
+  benchmark::RegisterBenchmark(name.c_str(), run);
+}
+
+void add_streaming_limit(const StreamingPass& pass) {
+  const std::string name = std::string("stream/") + pass.name;
+  benchmark::RegisterBenchmark(name.c_str(), [pass](benchmark::State& state) {
+    const auto tables = weight_tables();
+    std::int64_t bytes = 0;
+    for (const WeightTable& table : tables) bytes += table.bytes;
+    for (auto _ : state) {
+      for (const WeightTable& table : tables) benchmark::DoNotOptimize(pass.run(table));
+    }
+    state.SetBytesProcessed(bytes * state.iterations());
+    state.counters["bytes"] = static_cast<double>(bytes);
+  });
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  for (int i = 0; const se::Kernels* variant = se::available_kernels(i); ++i) {
+    for (const ContenderKind& kind : kOurContenders) add(kind, variant->name);
+  }
+  for (const ContenderKind& kind : kPeers) add(kind, "debian");
+  for (const StreamingPass& pass : streaming_passes()) add_streaming_limit(pass);
+  benchmark::Initialize(&argc, argv);
+  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 2;
+  benchmark::RunSpecifiedBenchmarks();
+  benchmark::Shutdown();
+  return 0;
+}

@@ -1,0 +1,331 @@
+#!/usr/bin/python3
+"""Writes the benchmark's results as a document with plots and prints its table of targets.
+
+    report.py RESULTS_FOLDER DOCUMENT.md
+
+Reads engine.json (Google Benchmark), counts.json, scale.json, jobs.json, sizes.json, tanh.json and
+machine.json; the plots go into a folder named like the document.
+"""
+
+import json
+import statistics
+import sys
+from pathlib import Path
+
+import plots
+
+FRAME_US = 10_000
+MARKS = {True: "met", False: "**missed**", None: "not measured"}
+BEST_FIRST = ("avx512", "avx2", "neon", "scalar")
+LABELS = {"denoise": "denoised path only", "full": "everything on", "speexdsp": "SpeexDSP",
+          "webrtc": "WebRTC audio processing", "fftw3f": "FFTW3"}
+
+# Products of one frame: for every layer the multiply-adds, and whether its weights serve once (GRU, head)
+# or at every position along frequency (convolutions).
+CONVOLUTIONS = ((64, 8, 48), (32, 16, 72), (16, 32, 144), (16, 64, 288), (16, 16, 576))
+CONV_PRODUCTS = sum(positions * channels * row for positions, channels, row in CONVOLUTIONS)
+DENSE_PRODUCTS = 2 * 600 * (128 + 200) + 2 * 600 * (200 + 200) + 400 * 128
+# Instructions for 16 weights by 16-bit values: widening loads, multiply-adds, sums. A widened weight of a
+# convolution is used again.
+LEAST = {"avx2": (3, 2), "neon": (7, 4.5)}
+
+
+def real_transform_flops(n):
+    """Additions and multiplications of the split-radix transform of n real values, the least that is known
+    to within a few percent (Sorensen et al. 1987)."""
+    return 2 * n * (n.bit_length() - 1) - 4 * n + 6
+
+
+class Spread:
+    """Median and quartiles of repeated measurements."""
+
+    def __init__(self, values):
+        self.median = statistics.median(values)
+        self.low, _, self.high = statistics.quantiles(values, n=4, method="inclusive")
+
+    def text(self, digits=1):
+        return f"{self.median:.{digits}f} ({self.low:.{digits}f} – {self.high:.{digits}f})"
+
+
+class Results:
+    def __init__(self, folder):
+        def load(name):
+            return json.loads((folder / name).read_text())
+
+        self.times = {}  # microseconds, by "contender/variant"
+        repetitions = {}
+        self.stream_bytes = 0
+        for run in load("engine.json")["benchmarks"]:
+            if run["run_type"] == "iteration":
+                repetitions.setdefault(run["run_name"], []).append(run["cpu_time"] / 1000)
+                self.stream_bytes = int(run.get("bytes", self.stream_bytes))
+        for name, values in repetitions.items():
+            self.times[name] = Spread(values)
+        self.repetitions = max(map(len, repetitions.values()))
+        self.counts = load("counts.json")
+        self.scale = load("scale.json")
+        self.jobs = load("jobs.json")
+        self.sizes = load("sizes.json")
+        self.tanh = load("tanh.json")
+        self.machine = load("machine.json")
+        self.variants = [v for v in BEST_FIRST if f"full/{v}" in self.times]
+        streams = [name for name in self.times if name.startswith("stream/")]
+        # By kind of multiply-add ("bytes", "int16"), the fastest pass.
+        self.limits = {kind: min((n for n in streams if n.startswith(f"stream/{kind}_")),
+                                 key=lambda name: self.times[name].median) for kind in ("bytes", "int16")}
+
+    def instructions(self, architecture, variant, contender):
+        return self.counts.get(architecture, {}).get(variant, {}).get("instructions", {}).get(contender)
+
+    def ratio(self, a, b):
+        return self.times[a].median / self.times[b].median
+
+
+def table(header, rows):
+    lines = ["| " + " | ".join(header) + " |", "|" + "|".join(["---"] + ["---:"] * (len(header) - 1)) + "|"]
+    return lines + ["| " + " | ".join(str(cell) for cell in row) + " |" for row in rows]
+
+
+def number(value):
+    return "–" if value is None else f"{value:,.0f}"
+
+
+def quotient(a, b):
+    return a / b if a and b else None
+
+
+def targets(r):
+    """(what, target, measured, met); not measured is None."""
+    avx2, neon = r.instructions("x86-64", "avx2", "full"), r.instructions("armv7", "neon", "full")
+    peers = {p: r.instructions("x86-64", "peers", p) for p in ("speexdsp", "webrtc")}
+    best = f"full/{r.variants[0]}"
+    transform = min((f"rfft512/{v}" for v in r.variants), key=lambda name: r.times[name].median)
+    stack = max(s["memory"]["stack"]["full"] for s in r.sizes.values())
+    hashes = {entry["hash"]["full"] for architecture in ("x86-64", "armv7", "aarch64")
+              for entry in r.counts.get(architecture, {}).values() if "hash" in entry}
+    rows = [("instructions per frame, everything on, AVX2", "≤ 450,000", number(avx2), avx2 and avx2 <= 450_000)]
+    for peer, count in peers.items():
+        rows.append((f"… over {LABELS[peer]}", "< 1", f"{avx2 / count:.2f}" if avx2 else "–", avx2 and avx2 < count))
+    rows.append(("instructions per frame, everything on, ARMv7 NEON", "≤ 1,200,000", number(neon),
+                 neon and neon <= 1_200_000))
+    for kind, name in r.limits.items():
+        limit = r.ratio(best, name)
+        rows.append((f"time per frame ({r.variants[0]}) over streaming the weights, {kind}", "≤ 2.0", f"{limit:.2f}",
+                     limit <= 2.0))
+    for architecture, variant, least in (("x86-64", "avx2", 5), ("armv7", "neon", 3)):
+        gain = quotient(r.instructions(architecture, "scalar", "full"), r.instructions(architecture, variant, "full"))
+        rows.append((f"scalar instructions over {variant.upper()}, {architecture}", f"≥ {least}",
+                     f"{gain:.2f}" if gain else "–", gain and gain >= least))
+    rows.append((f"512-point real transform ({transform.split('/')[1]}) over FFTW3, time", "≤ 1.0",
+                 f"{r.ratio(transform, 'fftw3f/debian'):.2f}", r.ratio(transform, "fftw3f/debian") <= 1.0))
+    rows.append(("stack of `se_process`, bytes", "≤ 24,576", number(stack), stack <= 24_576))
+    rows.append(("output hashes over all variants and architectures", "1", len(hashes), len(hashes) == 1))
+    return rows
+
+
+def section_targets(r):
+    rows = [(*row[:3], MARKS[row[3]]) for row in targets(r)]
+    return table(("", "target", "measured", ""), rows)
+
+
+def section_frame(r, folder):
+    lines = ["## One frame of 10 ms", "",
+             "Time of the thread's CPU in µs: median and quartiles over repetitions that run in random order, so that "
+             "a busy machine slows all contenders alike. Instructions: Callgrind, which knows x86 up to AVX2. Every "
+             "frame is new: a synthetic talker in noise at two microphones, with a second talker on the loudspeaker.",
+             ""]
+    rows, entries = [], []
+    for variant in r.variants:
+        for contender in ("denoise", "full"):
+            time = r.times[f"{contender}/{variant}"]
+            rows.append((f"{LABELS[contender]}, {variant}", time.text(), f"{FRAME_US / time.median:,.0f} ×",
+                         number(r.instructions("x86-64", variant, contender))))
+            if contender == "full":
+                entries.append((f"speechenhance, {variant}", time.median, time.low, time.high, True))
+    for peer in ("speexdsp", "webrtc"):
+        time = r.times[f"{peer}/debian"]
+        rows.append((LABELS[peer], time.text(), f"{FRAME_US / time.median:,.0f} ×",
+                     number(r.instructions("x86-64", "peers", peer))))
+        entries.append((LABELS[peer], time.median, time.low, time.high, False))
+    lines += table(("", "µs", "real time", "instructions"), rows)
+    plots.bars(folder / "frame-time.svg", "One frame of 10 ms, everything on", "µs on one core", entries)
+    lines += ["", f"![Time per frame]({folder.name}/frame-time.svg)", "",
+              "SpeexDSP runs its echo canceller with a tail of 128 ms and the preprocessor with denoising and residual "
+              "echo suppression; WebRTC echo cancellation and noise suppression at the level “high”; both as Debian "
+              "packages them, on microphone 1 of the same sound. speechenhance processes both microphones.", "",
+              "speechenhance with everything on over them:", ""]
+    rows = []
+    for variant in r.variants:
+        ours = r.instructions("x86-64", variant, "full")
+        ratios = [f"{quotient(ours, r.instructions('x86-64', 'peers', p)):.2f}" if ours else "–"
+                  for p in ("speexdsp", "webrtc")]
+        rows.append((variant, *(f"{r.ratio(f'full/{variant}', f'{p}/debian'):.2f}" for p in ("speexdsp", "webrtc")),
+                     *ratios))
+    return lines + table(("", "time / SpeexDSP", "time / WebRTC", "instructions / SpeexDSP", "instructions / WebRTC"),
+                         rows)
+
+
+def section_stages(r, folder):
+    columns = {v: entry["shares"] for v, entry in r.counts["x86-64"].items() if "shares" in entry}
+    plots.stages(folder / "stages.svg", "Where the instructions go, x86-64", columns)
+    lines = ["## Where the instructions go", "", f"![Share per stage]({folder.name}/stages.svg)", "",
+             "Instructions per frame with everything on:", ""]
+    names = list(next(iter(columns.values())))
+    rows = [(name, *(f"{number(c[name])} ({100 * c[name] / sum(c.values()):.1f} %)" for c in columns.values()))
+            for name in names]
+    lines += table(("x86-64", *columns), rows)
+    lines += ["", f"One frame takes {CONV_PRODUCTS + DENSE_PRODUCTS:,} products of an 8-bit weight and a 16-bit value: "
+              f"{DENSE_PRODUCTS:,} in the GRU layers and the head, whose weights serve once, and {CONV_PRODUCTS:,} in "
+              "the convolutions, whose weights serve at every position. The least number of instructions that does "
+              "these products exactly (load and widen 16 weights, multiply and add pairs) beside what a frame takes:",
+              ""]
+    rows = []
+    for architecture, variant in (("x86-64", "avx2"), ("armv7", "neon")):
+        dense, conv = LEAST[variant]
+        least = (DENSE_PRODUCTS * dense + CONV_PRODUCTS * conv) / 16
+        count = r.instructions(architecture, variant, "full")
+        rows.append((f"{architecture}, {variant}", number(least), number(count),
+                     f"{quotient(count, least):.2f}" if count else "–"))
+    lines += table(("", "products alone", "whole frame", "ratio"), rows)
+    lines += ["", "On ARM, counted by a plugin of qemu-user (times under an emulator would mean nothing):", ""]
+    rows = []
+    for architecture in ("armv7", "aarch64"):
+        for variant, entry in r.counts.get(architecture, {}).items():
+            rows.append((f"{architecture}, {variant}", *(number(entry["instructions"][c])
+                                                         for c in ("denoise", "full", "rfft512"))))
+    lines += table(("", "denoised path only", "everything on", "512-point transform and back"), rows)
+    neon = r.counts.get("armv7", {}).get("neon")
+    if neon:
+        lines += ["", "The functions that take most on ARMv7 with NEON, everything on:", ""]
+        rows = [(f"`{name.replace('(anonymous namespace)::', '').split('(')[0].split()[-1]}`", number(count))
+                for name, count in list(neon["functions"]["full"].items())[:10]]
+        lines += table(("", "instructions"), rows)
+    return lines
+
+
+def section_transform(r):
+    flops = 2 * real_transform_flops(512) + 512
+    lines = ["## The 512-point real transform", "",
+             "Forward and inverse, against FFTW3 in single precision with measured plans. The least arithmetic is that "
+             f"of the split-radix transform, {real_transform_flops(512):,} operations each way, and 512 to scale: "
+             f"{flops:,}.", ""]
+    rows = []
+    for name, kind, variant in [(f"rfft512/{v}", "speechenhance", v) for v in r.variants] + [
+            ("fftw3f/debian", "FFTW3", "peers")]:
+        count = r.instructions("x86-64", variant, "rfft512" if variant != "peers" else "fftw3f")
+        lanes = {"scalar": 4, "peers": 8, "avx2": 8, "avx512": 16}.get(variant, 4)
+        rows.append((f"{kind}, {variant}" if variant != "peers" else kind, r.times[name].text(3),
+                     f"{r.ratio(name, 'fftw3f/debian'):.2f}", number(count),
+                     f"{count / flops:.2f}" if count else "–", f"{count * lanes / flops:.2f}" if count else "–"))
+    return lines + table(("", "µs", "time / FFTW3", "instructions", "per least operation",
+                          "… in full vectors"), rows)
+
+
+def section_limit(r):
+    lines = ["## Against the limit of the machine", "",
+             f"The denoiser reads {r.stream_bytes:,} bytes of weights per frame. The time to do nothing but stream them "
+             "once through a multiply-add, the table cold in the first-level cache and warm behind it:", ""]
+    rows = []
+    for name, time in sorted(r.times.items()):
+        if name.startswith("stream/"):
+            ratios = [f"{r.times[f'full/{v}'].median / time.median:.2f}" for v in r.variants]
+            rows.append((name.split("/")[1], time.text(2), f"{r.stream_bytes / time.median / 1000:.0f}", *ratios))
+    lines += table(("multiply-add", "µs", "GB/s", *(f"{v} frame / limit" for v in r.variants)), rows)
+    return lines + ["", "`bytes` multiplies the weights as they lie, by 8-bit values: the plain limit. `int16` widens "
+                    "them to 16 bits first, as exact products with the denoiser's 16-bit activations need it."]
+
+
+def section_scale(r, folder):
+    series = {}
+    for entry in r.scale:
+        cpu = [entry["cpu_us"][q] for q in ("median", "q1", "q3")]
+        series.setdefault(entry["threads"], []).append((entry["engines"], *cpu))
+    plots.scale(folder / "scale.svg", "Engines served round-robin, everything on", series)
+    lines = ["## Many engines in one process", "",
+             "Served round-robin, one frame each, everything on, by one thread and by two that share them. Every engine "
+             "hears another part of the sound. CPU time per frame in µs (median and quartiles over rounds), and the "
+             "wall-clock time per frame of the fastest round, which still waits where other work holds the cores.", "", f"![Time per frame by number of engines]({folder.name}/scale.svg)", ""]
+    by_engines = {}
+    for entry in r.scale:
+        by_engines.setdefault(entry["engines"], {})[entry["threads"]] = entry
+    rows = []
+    for engines, entries in by_engines.items():
+        cpu = [f"{e['cpu_us']['median']:.1f} ({e['cpu_us']['q1']:.1f} – {e['cpu_us']['q3']:.1f})"
+               for e in (entries[1], entries[2])]
+        wall = [f"{e['fastest_wall_us']:.1f}" for e in (entries[1], entries[2])]
+        rows.append((engines, *cpu, *wall, number(entries[1]["bytes_per_engine"])))
+    lines += table(("engines", "CPU, one thread", "CPU, two", "wall, one thread", "wall, two", "bytes per engine"), rows)
+    most = by_engines[max(by_engines)]
+    held = {threads: int(threads * FRAME_US / entry["cpu_us"]["median"]) for threads, entry in most.items()}
+    lines += ["", f"At the CPU time of {max(by_engines)} engines, one core that does nothing else holds {held[1]:,} "
+              f"streams in real time and two hold {held[2]:,}."]
+    audio = r.jobs["audio_s"]
+    lines += ["", f"The tool over a folder of {r.jobs['files']} recordings, {audio:,} s in all, fastest of "
+              f"{len(r.jobs['runs']['1'])} runs:", ""]
+    rows = []
+    for jobs, runs in r.jobs["runs"].items():
+        wall, cpu = (min(run[key] for run in runs) for key in ("wall_s", "cpu_s"))
+        rows.append((f"`--jobs {jobs}`", f"{wall:.2f}", f"{audio / wall:,.0f} ×", f"{cpu:.2f}"))
+    return lines + table(("", "wall, s", "real time", "CPU, s"), rows)
+
+
+def section_size(r):
+    lines = ["## Size", "", "Bytes of the shared library and of one engine. The stack of `se_process` is measured by "
+             "painting.", ""]
+    columns = list(r.sizes)
+    fields = (("code", lambda s: s["code"]), ("constants, with the model", lambda s: s["constants"]),
+              ("writable data", lambda s: s["writable"]), ("static memory of an engine", lambda s: s["memory"]["static"]),
+              ("scratch memory of an engine", lambda s: s["memory"]["scratch"]),
+              ("stack, denoised path only", lambda s: s["memory"]["stack"]["denoise"]),
+              ("stack, everything on", lambda s: s["memory"]["stack"]["full"]))
+    lines += table(("", *columns), [(name, *(number(get(r.sizes[c])) for c in columns)) for name, get in fields])
+    for title, get in (("Biggest functions", lambda s: s["symbols"]["code"]),
+                       ("Biggest constants", lambda s: s["symbols"]["constants"]),
+                       ("Functions with the biggest stack frames", lambda s: s["stack_frames"])):
+        header = [cell for c in columns for cell in (c, "bytes")]
+        rows = [[cell for name, size in row for cell in (f"`{name}`", number(size))]
+                for row in zip(*(get(r.sizes[c]) for c in columns))]
+        lines += ["", title + ":", ""] + table(header, rows)
+    return lines
+
+
+def section_same_bits(r):
+    lines = ["## The same bits everywhere", "",
+             f"Hash of the output of {r.counts['frames']} frames:", ""]
+    rows = []
+    for architecture in ("x86-64", "armv7", "aarch64"):
+        for variant, entry in r.counts.get(architecture, {}).items():
+            if "hash" in entry:
+                rows.append((f"{architecture}, {variant}", *(f"`{entry['hash'][c]}`" for c in ("denoise", "full"))))
+    lines += table(("", "denoised path only", "everything on"), rows)
+    t = r.tanh
+    different = ", ".join(f"{count} in {name}" for name, count in t["different"].items()) or "no other variant here"
+    which = "every float" if t["step"] == 1 else f"every {t['step']}th float"
+    lines += ["", f"tanh over {which} ({t['floats']:,} of them): at most {t['max_ulp']:.3f} units in the last place from "
+              f"the true value, at {t['at']:.9g}. Results that differ from the scalar kernel's: {different}."]
+    return lines
+
+
+def main():
+    if len(sys.argv) != 3:
+        sys.exit(__doc__)
+    r, document = Results(Path(sys.argv[1])), Path(sys.argv[2])
+    folder = document.with_suffix("")
+    folder.mkdir(parents=True, exist_ok=True)
+    m = r.machine
+    lines = ["# Performance", "",
+             f"Written by `scripts/bench{m['options']}`; {r.repetitions} repetitions. Machine: {m['cpu']}, {m['cores']} "
+             f"cores, {m['l2']} second-level cache; {m['os']}; {m['compiler']}, the flags of "
+             f"a release build. The machine was shared: look at ratios before times.", ""]
+    for part in (section_targets(r), section_frame(r, folder), section_stages(r, folder), section_transform(r),
+                 section_limit(r), section_scale(r, folder), section_size(r), section_same_bits(r)):
+        lines += part + [""]
+    document.write_text("\n".join(lines[:-1]) + "\n")
+
+    print(f"{'':62} {'target':>12} {'measured':>12}")
+    for what, target, measured, met in targets(r):
+        print(f"{what.replace('`', ''):62} {target:>12} {measured!s:>12}  {MARKS[met].strip('*')}")
+    print(f"all results: {document}")
+
+
+main()

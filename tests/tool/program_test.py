@@ -1,0 +1,291 @@
+"""The program as its users run it: streams, bad input, interruption, several recordings at once.
+
+usage: program_test.py PATH-OF-SPEECH-ENHANCE
+"""
+
+import array
+import json
+import os
+import pathlib
+import pty
+import random
+import resource
+import shutil
+import signal
+import struct
+import subprocess
+import sys
+import tempfile
+import time
+import unittest
+
+PROGRAM = sys.argv.pop(1)
+
+
+def pcm16(samples):
+    return array.array("h", samples).tobytes()
+
+
+def wav(data, channels=1, rate=16000, bits=16, tag=1):
+    align = channels * bits // 8
+    head = struct.pack("<HHIIHH", tag, channels, rate, rate * align, align, bits)
+    body = b"WAVEfmt " + struct.pack("<I", len(head)) + head
+    body += b"data" + struct.pack("<I", len(data)) + data
+    return b"RIFF" + struct.pack("<I", len(body)) + body
+
+
+def noise(seconds, seed, level=3000):
+    generator = random.Random(seed)
+    return [generator.randint(-level, level) for _ in range(int(seconds * 16000))]
+
+
+class ProgramTest(unittest.TestCase):
+    def setUp(self):
+        self.folder = pathlib.Path(tempfile.mkdtemp(prefix="speech_enhance_test_"))
+        self.mic = self.folder / "mic.wav"
+        self.out = self.folder / "out.wav"
+        self.mic.write_bytes(wav(pcm16(noise(1, 1))))
+
+    def tearDown(self):
+        shutil.rmtree(self.folder)
+
+    def run_program(self, *arguments, **options):
+        command = [PROGRAM, *map(str, arguments)]
+        return subprocess.run(command, capture_output=True, timeout=120, **options)
+
+    def succeed(self, *arguments, **options):
+        result = self.run_program(*arguments, **options)
+        self.assertEqual(result.returncode, 0, result.stderr.decode())
+        return result
+
+    def content(self):
+        return {path.relative_to(self.folder): path.read_bytes()
+                for path in self.folder.rglob("*") if path.is_file()}
+
+    def fail_cleanly(self, code, words, *arguments, **options):
+        """One line that contains the words, the exit code, nothing on standard output, and not a
+        file added, changed or removed."""
+        before = self.content()
+        result = self.run_program(*arguments, **options)
+        line = result.stderr.decode()
+        self.assertEqual(result.returncode, code, line)
+        self.assertEqual(result.stdout, b"")
+        self.assertIn(words, line)
+        self.assertTrue(line.startswith("speech-enhance: "), line)
+        self.assertEqual(line.count("\n"), 1, line)
+        self.assertEqual(self.content(), before)
+
+    def test_output_is_a_wav_file_of_the_same_length_and_nothing_else_is_printed(self):
+        result = self.succeed(self.mic, "-o", self.out)
+        self.assertEqual(result.stdout + result.stderr, b"")
+        self.assertEqual(self.out.read_bytes()[:44], self.mic.read_bytes()[:44])
+        self.assertEqual(len(self.out.read_bytes()), 44 + 32000)
+        self.assertEqual(sorted(p.name for p in self.folder.iterdir()), ["mic.wav", "out.wav"])
+
+    def test_streams_give_the_same_bytes_as_files(self):
+        self.succeed(self.mic, "-o", self.out)
+        piped = self.succeed("-", "-o", "-", input=self.mic.read_bytes())
+        self.assertEqual(piped.stdout, self.out.read_bytes())
+        self.assertEqual(piped.stderr, b"")
+        with open(self.mic, "rb") as source:
+            self.assertEqual(self.succeed("-", "-o", "-", stdin=source).stdout, piped.stdout)
+        with_figures = self.succeed(self.mic, "-o", "-", "--stats")
+        self.assertEqual(with_figures.stdout, piped.stdout)
+        self.assertIn(b"times real time", with_figures.stderr)
+        self.succeed(self.mic, "-o", "/dev/null")
+        self.assertFalse(pathlib.Path("/dev/null").is_file())
+        fifo = self.folder / "fifo"
+        os.mkfifo(fifo)
+        reader = subprocess.Popen(["cat", fifo], stdout=subprocess.PIPE)
+        self.succeed(self.mic, "-o", fifo)
+        self.assertEqual(reader.communicate()[0], piped.stdout)
+
+    def test_figures_and_plot(self):
+        plot = self.folder / "plot.png"
+        result = self.succeed(self.mic, "--ref", self.mic, "-o", self.out, "--stats=json",
+                              "--plot", plot)
+        figures = json.loads(result.stdout)
+        self.assertEqual(figures["file"], str(self.mic))
+        self.assertEqual(figures["duration_s"], 1)
+        self.assertGreater(figures["real_time_factor"], 0)
+        self.assertIsInstance(figures["echo_reduction_db"], float)
+        self.assertEqual(plot.read_bytes()[:8], b"\x89PNG\r\n\x1a\n")
+
+    def test_several_recordings_do_not_depend_on_jobs_order_or_company(self):
+        names = [f"take{i}" for i in range(5)]
+        (self.folder / "in").mkdir()
+        for i, name in enumerate(names):
+            # Quiet takes among loud ones: they feed the denoiser's memory of quiet frames.
+            samples = noise(2 + i % 2, i, level=2 if i % 2 else 5000)
+            (self.folder / "in" / f"{name}.wav").write_bytes(wav(pcm16(samples)))
+        (self.folder / "in" / "notes.txt").write_text("not a recording")
+        files = [self.folder / "in" / f"{name}.wav" for name in names]
+        self.succeed(self.folder / "in", "-o", self.folder / "one", "--jobs", 1)
+        stats = self.succeed(*reversed(files), "-o", self.folder / "two", "--jobs", 2,
+                             "--stats=json").stdout
+        self.assertEqual([json.loads(line)["file"] for line in stats.splitlines()],
+                         [str(file) for file in reversed(files)])
+        for name, file in zip(names, files):
+            alone = self.succeed(file, "-o", "-").stdout
+            self.assertEqual((self.folder / "one" / f"{name}.wav").read_bytes(), alone, name)
+            self.assertEqual((self.folder / "two" / f"{name}.wav").read_bytes(), alone, name)
+        self.assertEqual(len(list((self.folder / "one").iterdir())), len(names))
+
+        (files[1]).write_text("broken")
+        result = self.run_program(*files, "-o", self.folder / "three")
+        self.assertEqual(result.returncode, 3)
+        self.assertEqual(result.stderr.count(b"\n"), 1)
+        self.assertEqual(len(list((self.folder / "three").iterdir())), len(names) - 1)
+
+    def test_references_for_several_recordings(self):
+        for name in ("a", "b"):
+            for place in ("mics", "refs"):
+                (self.folder / place).mkdir(exist_ok=True)
+                samples = noise(1, name + place)
+                (self.folder / place / f"{name}.wav").write_bytes(wav(pcm16(samples)))
+        mics, refs = self.folder / "mics", self.folder / "refs"
+        self.succeed(mics, "--ref", refs, "-o", self.folder / "out", "--plot", self.folder / "plots")
+        alone = self.succeed(mics / "b.wav", "--ref", refs / "b.wav", "-o", "-").stdout
+        self.assertEqual((self.folder / "out" / "b.wav").read_bytes(), alone)
+        self.assertTrue((self.folder / "plots" / "a.png").exists())
+
+    def test_bad_input(self):
+        def refuse(words, content, *arguments):
+            bad = self.folder / "bad.wav"
+            bad.write_bytes(content)
+            self.fail_cleanly(3, words, bad, "-o", self.out, *arguments)
+            self.fail_cleanly(3, words, "-", "-o", "-", *arguments, input=content)
+
+        self.out.write_bytes(b"precious")
+        self.fail_cleanly(3, "No such file", self.folder / "missing.wav", "-o", self.out)
+        refuse("not readable as audio", b"just some text\n")
+        refuse("not readable as audio", b"")
+        refuse("holds no samples", wav(b""))
+        refuse("not readable as audio", wav(pcm16(noise(0.1, 2)), channels=0))
+        refuse("17 channels", wav(pcm16(noise(0.17, 2)), channels=17))
+        for value in (float("nan"), float("inf")):
+            samples = struct.pack("<1000f", *([0.1] * 999 + [value]))
+            refuse("NaN or infinite", wav(samples, bits=32, tag=3))
+        loud = [3e38 * random.Random(6).choice((-1, 1)) for _ in range(16000)]
+        refuse("too loud", wav(struct.pack("<16000f", *loud), bits=32, tag=3))
+        if os.geteuid() != 0:
+            self.mic.chmod(0)
+            self.fail_cleanly(3, "Permission denied", self.mic, "-o", self.out)
+
+    def test_bad_references(self):
+        ref = self.folder / "ref.wav"
+        for words, content in (("as long", wav(pcm16(noise(0.9, 3)))),
+                               ("same rate", wav(pcm16(noise(1, 3)), rate=8000)),
+                               ("mono", wav(pcm16(noise(2, 3)), channels=2)),
+                               ("not readable", b"text")):
+            ref.write_bytes(content)
+            self.fail_cleanly(3, words, self.mic, "--ref", ref, "-o", self.out)
+        self.fail_cleanly(3, "No such file", self.mic, "--ref", self.folder / "no.wav", "-o", self.out)
+
+    def test_output_that_is_an_input(self):
+        link, hard = self.folder / "link.wav", self.folder / "hard.wav"
+        link.symlink_to("mic.wav")
+        hard.hardlink_to(self.mic) if hasattr(hard, "hardlink_to") else os.link(self.mic, hard)
+        ref = self.folder / "ref.wav"
+        ref.write_bytes(self.mic.read_bytes())
+        for output in (self.mic, link, hard, self.folder / "." / "mic.wav"):
+            self.fail_cleanly(2, "is the input", self.mic, "-o", output)
+        self.fail_cleanly(2, "is the input", self.mic, "--ref", ref, "-o", ref)
+        self.fail_cleanly(2, "is the input", self.mic, "-o", self.out, "--plot", self.mic)
+        self.fail_cleanly(2, "written twice", self.mic, "-o", self.out, "--plot", self.out)
+        self.fail_cleanly(2, "is the input", self.mic, ref, "-o", self.folder)
+        twins = [self.folder / place / "x.wav" for place in ("p", "q")]
+        for twin in twins:
+            twin.parent.mkdir()
+            twin.write_bytes(self.mic.read_bytes())
+        self.fail_cleanly(2, "written twice", *twins, "-o", self.folder / "r")
+
+    def test_output_that_cannot_be_written(self):
+        self.fail_cleanly(4, "No such file", self.mic, "-o", self.folder / "no" / "out.wav")
+        self.fail_cleanly(4, "No space", self.mic, "-o", "/dev/full")
+        self.out.write_bytes(b"precious")
+        for limit in (0, 20, 4096, 16384):
+            self.fail_cleanly(
+                4, "cannot be written", self.mic, "-o", self.out,
+                preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (limit, limit)))
+        self.fail_cleanly(
+            4, "cannot be written", self.mic, "-o", self.out, "--plot", self.folder / "plot.png",
+            preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (40000, 40000)))
+        with open("/dev/full", "wb") as full:
+            result = subprocess.run([PROGRAM, self.mic, "-o", "-"], stdout=full,
+                                    stderr=subprocess.PIPE)
+        self.assertEqual(result.returncode, 4)
+        if os.geteuid() != 0:
+            self.folder.chmod(0o500)
+            self.fail_cleanly(4, "Permission denied", self.mic, "-o", self.folder / "new.wav")
+            self.folder.chmod(0o700)
+
+    def test_a_reader_that_leaves(self):
+        with subprocess.Popen([PROGRAM, self.mic, "-o", "-"], stdout=subprocess.PIPE,
+                              stderr=subprocess.PIPE) as process:
+            process.stdout.close()
+            self.assertEqual(process.wait(60), 4)
+            self.assertIn(b"Broken pipe", process.stderr.read())
+
+    def test_interruption_leaves_nothing_behind(self):
+        self.out.write_bytes(b"precious")
+        self.mic.write_bytes(wav(pcm16(noise(1, 4)) * 3000))
+        other = self.folder / "other.wav"
+        other.write_bytes(self.mic.read_bytes())
+        for arguments in ([self.mic, "-o", self.out],
+                          [self.mic, other, "-o", self.folder / "into", "--jobs", "2"]):
+            for number in (signal.SIGINT, signal.SIGTERM):
+                before = self.content()
+                process = subprocess.Popen([PROGRAM, *arguments], stdout=subprocess.PIPE,
+                                           stderr=subprocess.PIPE)
+                deadline = time.monotonic() + 30
+                while len(self.content_names()) == len(before) and time.monotonic() < deadline:
+                    time.sleep(0.02)
+                self.assertGreater(len(self.content_names()), len(before), "work has begun")
+                process.send_signal(number)
+                errors = process.communicate(timeout=60)[1]
+                self.assertEqual(process.returncode, 128 + number)
+                self.assertIn(b"interrupted", errors)
+                self.assertEqual(self.content(), before)
+
+    def content_names(self):
+        return [path for path in self.folder.rglob("*") if path.is_file()]
+
+    def test_progress_shows_on_a_terminal_only(self):
+        self.mic.write_bytes(wav(pcm16(noise(1, 5)) * 60))
+        reader, writer = pty.openpty()
+        process = subprocess.Popen([PROGRAM, self.mic, "-o", self.out], stderr=writer)
+        os.close(writer)
+        seen = b""
+        while True:
+            try:
+                chunk = os.read(reader, 4096)
+            except OSError:
+                break
+            if not chunk:
+                break
+            seen += chunk
+        os.close(reader)
+        self.assertEqual(process.wait(), 0)
+        self.assertIn(b"%", seen)
+        self.assertTrue(seen.endswith(b"\r\x1b[K"), "the line is gone at the end")
+        self.assertEqual(self.succeed(self.mic, "-o", self.out).stderr, b"")
+
+    def test_usage_errors(self):
+        for words, arguments in (("no recording", []),
+                                 ("no output", [self.mic]),
+                                 ("--residual", [self.mic, "-o", self.out, "--residual", "20"]),
+                                 ("need a folder", [self.mic, self.mic, "-o", self.mic]),
+                                 ("need a folder", [self.mic, self.mic, "-o", "-"]),
+                                 ("unknown key", [self.mic, "-o", self.out, "-p", self.preset()])):
+            self.fail_cleanly(2, words, *arguments)
+        self.assertIn(b"Examples:", self.succeed("--help").stdout)
+
+    def preset(self):
+        path = self.folder / "wrong.json"
+        path.write_text('{"volume": 11}')
+        return path
+
+
+if __name__ == "__main__":
+    unittest.main()

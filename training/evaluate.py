@@ -1,0 +1,181 @@
+"""python3 -m training.evaluate --cache FOLDER (--model FILE | --checkpoint FILE) [--out FOLDER]
+
+Scores on held-out talkers and noises (the rule is in training/audio.py). With --model, through the
+engine itself and beside the alternatives; with --checkpoint, a quick look through the network in
+PyTorch. Writes scores.json, scores.md and plots to --out."""
+
+import argparse
+import json
+import tempfile
+import time
+from pathlib import Path
+
+import numpy as np
+import torch
+
+from training import checkpoint, conditions, metrics, processors
+from training.conditions import CONDITIONS, SNRS
+from training.errors import TrainingError, reported_briefly
+from training.gain_rule import GainRule
+from training.library import SHAPE
+
+TAIL = SHAPE.sample_rate // 10  # samples at the end of a scene that are not scored
+
+
+def score(condition, scene, output) -> dict[str, float]:
+    start, end = int(condition.first_second * SHAPE.sample_rate), len(output) - TAIL
+    mic, out, target = (s[start:end] for s in (scene.microphones[1], output, scene.target))
+    if not condition.plan.talks:
+        row = {"drop": metrics.level_drop(out, mic)}
+        if condition.plan.far_end:
+            second = SHAPE.sample_rate
+            row["drop, first second"] = metrics.level_drop(output[:second],
+                                                           scene.microphones[1][:second])
+        return row
+    if not np.any(target):
+        return {}
+    ceiling = GainRule().ceiling(torch.tensor(condition.plan.far_end)).numpy()
+    aim = metrics.reachable(scene.target, ceiling)[start:end]
+    row = {"si-sdr": metrics.si_sdr(out, aim),
+           "si-sdr gain": metrics.si_sdr(out, aim) - metrics.si_sdr(mic, aim),
+           "stoi": metrics.stoi(out, target),
+           "stoi gain": metrics.stoi(out, target) - metrics.stoi(mic, target),
+           "lsd": metrics.log_spectral_distance(out, target),
+           "segsnr": metrics.segmental_snr(out, target)}
+    if condition.name.startswith("clean"):
+        row |= {f"attenuation {a}-{b} Hz": v
+                for (a, b), v in metrics.attenuation(out, target).items()}
+    return row
+
+
+def scores(processor, scenes: dict) -> dict[str, dict[str, float]]:
+    result = {}
+    for condition in CONDITIONS:
+        rows = [score(condition, scene, processor(scene)) for scene in scenes[condition.name]]
+        keys = dict.fromkeys(k for row in rows for k in row)
+        result[condition.name] = {
+            k: round(float(np.nanmean([row[k] for row in rows if k in row])), 3) for k in keys}
+    return result
+
+
+def targets(results: dict) -> list[tuple[str, str, bool]]:
+    """The rows that a release is judged by: what, measured, reached."""
+    ours = results["engine"]
+    peers = [results[n] for n in ("SpeexDSP", "WebRTC audio processing") if n in results]
+    rows = []
+
+    def add(what, value, text, reached):
+        rows.append((what, text.format(value), bool(reached)))
+
+    gain = ours["snr 0"]["si-sdr gain"]
+    lead = gain - max((p["snr 0"]["si-sdr gain"] for p in peers), default=-np.inf)
+    add("SI-SDR gain at 0 dB SNR: at least 8 dB, 3 dB above the peers", gain,
+        "{:.1f} dB, " + f"{lead:+.1f} dB over the better peer", gain >= 8 and lead >= 3)
+    for snr, wanted in ((-5, 0.03), (0, 0.04), (5, 0.03)):
+        value = ours[f"snr {snr}"]["stoi gain"]
+        best = max((p[f"snr {snr}"]["stoi gain"] for p in peers), default=-np.inf)
+        add(f"STOI gain at {snr} dB SNR: at least {wanted}, above the peers", value,
+            "{:+.3f}, better peer " + f"{best:+.3f}", value >= wanted and value > best)
+    value = ours["noise only"]["drop"]
+    add("noise-only attenuation after 1 s: at least 25 dB", value, "{:.1f} dB", value >= 25)
+    value = ours["clean"]["attenuation 125-5000 Hz"]
+    add("clean speech, attenuation below 5 kHz: at most 1 dB", value, "{:.2f} dB", value <= 1)
+    value = ours["clean"]["si-sdr"]
+    add("clean speech, SI-SDR: at least 15 dB", value, "{:.1f} dB", value >= 15)
+    value = ours["far end only"]["drop"]
+    add("far end only, after 2 s: at least 40 dB down", value, "{:.1f} dB", value >= 40)
+    value = ours["double talk"]["stoi gain"]
+    add("double talk at 0 dB, STOI gain: at least 0.10", value, "{:+.3f}", value >= 0.10)
+    if "float network" in results:
+        value = results["float network"]["snr 0"]["si-sdr"] - ours["snr 0"]["si-sdr"]
+        add("int8 engine against float network: at most 0.2 dB SI-SDR lost", value, "{:.2f} dB",
+            value <= 0.2)
+    return rows
+
+
+def as_markdown(results: dict, count: int) -> str:
+    lines = ["| target | measured | reached |", "|---|---|---|"]
+    if "engine" in results:
+        lines += [f"| {what} | {value} | {'yes' if ok else 'no'} |"
+                  for what, value, ok in targets(results)]
+    for condition in CONDITIONS:
+        keys = list(next(iter(results.values()))[condition.name])
+        lines += ["", f"{condition.name} ({count} scenes)", "",
+                  "| | " + " | ".join(keys) + " |", "|---|" + "---|" * len(keys)]
+        lines += [f"| {name} | " + " | ".join(f"{row[condition.name].get(k, float('nan')):.3g}"
+                                              for k in keys) + " |"
+                  for name, row in results.items()]
+    return "\n".join(lines) + "\n"
+
+
+def plot(results: dict, folder: Path) -> None:
+    import matplotlib
+    matplotlib.use("Agg")
+    import matplotlib.pyplot as plt
+
+    figure, axes = plt.subplots(2, 2, figsize=(10, 7), sharex=True)
+    panels = (("si-sdr gain", "SI-SDR gain (dB)"), ("stoi gain", "STOI gain"),
+              ("lsd", "log-spectral distance (dB)"), ("segsnr", "segmental SNR (dB)"))
+    for axis, (key, title) in zip(axes.flat, panels):
+        for name, row in results.items():
+            axis.plot(SNRS, [row[f"snr {s}"][key] for s in SNRS], marker="o", markersize=3,
+                      label=name)
+        axis.set_title(title, fontsize=10)
+        axis.grid(alpha=0.3)
+    for axis in axes[1]:
+        axis.set_xlabel("input SNR (dB)")
+    axes[0, 0].legend(fontsize=7)
+    figure.tight_layout()
+    figure.savefig(folder / "scores.png", dpi=110)
+
+
+def lineup(arguments, folder: Path) -> list:
+    if arguments.checkpoint and not arguments.model:
+        return [processors.network("engine", checkpoint.load_average(arguments.checkpoint))]
+    model = arguments.model.read_bytes()
+    result = [processors.engine("engine", model)]
+    if arguments.checkpoint:
+        result.append(processors.network("float network",
+                                         checkpoint.load_average(arguments.checkpoint), False))
+    if not arguments.only_engine:
+        result += [processors.unprocessed(), processors.neutral(folder),
+                   processors.classical(folder)]
+        if not arguments.no_peers:
+            result += processors.peers()
+    return result
+
+
+def main() -> None:
+    parser = argparse.ArgumentParser(description=__doc__)
+    parser.add_argument("--cache", type=Path, required=True)
+    parser.add_argument("--model", type=Path)
+    parser.add_argument("--checkpoint", type=Path)
+    parser.add_argument("--count", type=int, default=12, help="scenes per condition")
+    parser.add_argument("--only-engine", action="store_true")
+    parser.add_argument("--no-peers", action="store_true")
+    parser.add_argument("--out", type=Path)
+    arguments = parser.parse_args()
+    torch.set_num_threads(1)
+    with reported_briefly(), tempfile.TemporaryDirectory() as folder:
+        if not arguments.model and not arguments.checkpoint:
+            raise TrainingError("give --model, --checkpoint or both")
+        scenes = {c.name: conditions.held_out_scenes(arguments.cache, c, arguments.count)
+                  for c in CONDITIONS}
+        line = lineup(arguments, Path(folder))
+        processors.measure_delays(line, arguments.cache)
+        results = {p.name: scores(p, scenes) for p in line}
+        if arguments.out:
+            arguments.out.mkdir(parents=True, exist_ok=True)
+            (arguments.out / "scores.json").write_text(json.dumps(results, indent=1) + "\n")
+            (arguments.out / "scores.md").write_text(as_markdown(results, arguments.count))
+            plot(results, arguments.out)
+        if arguments.checkpoint:
+            print(time.strftime("%H:%M:%S"), checkpoint.load(arguments.checkpoint)[2])
+        for what, value, reached in targets(results):
+            print(f"{'ok  ' if reached else 'MISS'} {what}: {value}")
+        for name, row in results["engine"].items():
+            print(f"{name:13}", json.dumps(row))
+
+
+if __name__ == "__main__":
+    main()

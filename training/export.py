@@ -1,0 +1,129 @@
+"""python3 -m training.export --checkpoint FILE [--model models/denoiser.bin] [--golden FILE]
+
+Writes the model file that the library compiles in, from a checkpoint's averaged weights, and the
+golden vectors that the library's tests run. Before anything is replaced, the library runs the new
+model and must agree with a plain computation from its tables."""
+
+import argparse
+import os
+import struct
+from pathlib import Path
+
+import numpy as np
+import torch
+
+from training import checkpoint, library, model_file, reference
+from training.errors import TrainingError, reported_briefly
+from training.library import SHAPE
+from training.network import GRU_STEP, row_scales
+
+ROOT = Path(__file__).parents[1]
+TOLERANCE = 1e-4  # of a gain, between the library and the plain computation
+CHECK_FRAMES = 500
+GOLDEN_FRAMES = 300
+GOLDEN_HEADER = struct.Struct("<8sIII")  # magic, frames, checksum of the model, first frame scored
+
+
+def tables(network) -> dict[str, np.ndarray]:
+    """The tables of a model file, quantised as the network quantises them."""
+    with torch.no_grad():
+        result = {}
+        for number, conv in enumerate(network.convs, 1):
+            rows = conv.weight.permute(0, 2, 3, 1).reshape(conv.shape.out_channels, -1)
+            scale = row_scales(rows)
+            kernel = torch.round(rows / scale[:, None]).to(torch.int8).numpy()
+            padding = -kernel.shape[1] % 8
+            multiplier, offset = conv.folded()
+            result |= {f"conv{number}_kernel": np.pad(kernel, ((0, 0), (0, padding))),
+                       f"conv{number}_kernel_scale": scale.numpy(),
+                       f"conv{number}_bias": conv.bias.numpy(),
+                       f"bn{number}_bn_gamma_var": multiplier.squeeze(1).t().numpy(),
+                       f"bn{number}_bn_gmb": offset.squeeze(1).t().numpy()}
+        for name, pair in (("gru1", network.gru1), ("gru2", network.gru2)):
+            for i in range(2):
+                for part in ("weight_ih", "weight_hh"):
+                    steps = torch.round(getattr(pair, part)[i] * GRU_STEP)
+                    if steps.min() < -128 or steps.max() > 127:
+                        raise TrainingError(f"{name}_{i + 1}.{part} leaves the range of int8")
+                    result[f"{name}_{i + 1}_{part}"] = steps.to(torch.int8).numpy()
+                for part in ("bias_ih", "bias_hh"):
+                    result[f"{name}_{i + 1}_{part}"] = getattr(pair, part)[i].reshape(3, -1).numpy()
+        scale = row_scales(network.head.weight)
+        head = {"weight": torch.round(network.head.weight / scale[:, None]).to(torch.int8).numpy(),
+                "weight_scale": scale.numpy(), "bias": network.head.bias.numpy()}
+        for name in ("fc1", "fc2"):  # the format carries a second head that nothing computes
+            result |= {f"{name}_{part}": value for part, value in head.items()}
+        return result
+
+
+def golden_scene(frames: int) -> np.ndarray:
+    """(3, samples) int16, both microphones and the reference: gliding harmonics with syllables, noise
+    bursts, echo of a second voice; the same on every machine (no random library is involved)."""
+    n = np.arange(frames * SHAPE.hop)
+    t = n / SHAPE.sample_rate
+
+    def voice(pitch, syllables):
+        phase = 2 * np.pi * np.cumsum(pitch * (1 + 0.2 * np.sin(2 * np.pi * 0.7 * t))) / SHAPE.sample_rate
+        tone = sum(np.sin(k * phase) / k for k in range(1, 20))
+        return tone * np.clip(np.sin(2 * np.pi * syllables * t), 0, 1) * 0.1
+
+    state = (n.astype(np.uint64) * 6364136223846793005 + 1442695040888963407) >> np.uint64(33)
+    noise = (state % np.uint64(65536)).astype(np.float64) / 32768 - 1
+    near = voice(130, 2.3) * (t % 3 < 2)
+    far = voice(210, 1.7) * ((t > 1) & (t < 2.2))
+    echo = np.concatenate([np.zeros(300), far[:-300]]) * 0.4
+    hiss = noise * 0.02 * (1 + np.sign(np.sin(2 * np.pi * 0.4 * t)))
+    microphones = [np.concatenate([np.zeros(d), near])[:len(n)] + echo + hiss for d in (2, 0)]
+    return np.clip(np.round(np.stack([*microphones, far]) * 32768), -32768, 32767).astype(np.int16)
+
+
+def check(model: Path, scene: np.ndarray) -> tuple[np.ndarray, float]:
+    """Gains of the library for a scene, and their largest difference to the plain computation."""
+    front = library.front_end(*(scene.astype(np.float32) / 32768))
+    gains = library.network_gains(model.read_bytes(), front)
+    expected = reference.raw_gains(model_file.read_model(model).tables, front.features)
+    return gains, float(np.abs(gains[SHAPE.lookahead:] - expected).max())
+
+
+def export(network, model_path: Path, golden_path: Path | None, name: str) -> tuple[int, float]:
+    """Writes model and golden vectors; returns the model's checksum and the largest difference."""
+    candidate = model_path.with_name(model_path.name + ".candidate")
+    try:
+        checksum = model_file.write_model(candidate, name, tables(network))
+        _, difference = check(candidate, golden_scene(CHECK_FRAMES))
+        if not difference <= TOLERANCE:
+            raise TrainingError(f"the library's gains differ by {difference:.2g} from the "
+                                f"plain computation's (at most {TOLERANCE}); {model_path} is left as it was")
+        if golden_path:
+            scene = golden_scene(GOLDEN_FRAMES)
+            gains, _ = check(candidate, scene)
+            temporary = golden_path.with_name(golden_path.name + ".part")
+            temporary.write_bytes(
+                GOLDEN_HEADER.pack(b"SEGOLDEN", GOLDEN_FRAMES, checksum, SHAPE.lookahead) +
+                scene.tobytes() + gains.astype("<f4").tobytes())
+            os.replace(temporary, golden_path)
+        os.replace(candidate, model_path)
+    finally:
+        candidate.unlink(missing_ok=True)
+    return checksum, difference
+
+
+def main() -> None:
+    parser = argparse.ArgumentParser(description=__doc__)
+    parser.add_argument("--checkpoint", type=Path, required=True)
+    parser.add_argument("--model", type=Path, default=ROOT / "models" / "denoiser.bin")
+    parser.add_argument("--golden", type=Path, default=ROOT / "tests" / "data" / "golden_denoiser.bin")
+    parser.add_argument("--name", default="", help="kept in the file; default: hours of training audio")
+    arguments = parser.parse_args()
+    with reported_briefly():
+        network = checkpoint.load_average(arguments.checkpoint)
+        hours = checkpoint.load(arguments.checkpoint)[2]["frames"] / 360000
+        name = arguments.name or f"trained on {hours:.0f} h of mixed audio"
+        arguments.golden.parent.mkdir(parents=True, exist_ok=True)
+        checksum, difference = export(network, arguments.model, arguments.golden, name)
+        print(f"{arguments.model}: {name}, checksum {checksum:08x}; library and plain computation differ by "
+              f"at most {difference:.1e} over {CHECK_FRAMES} frames")
+
+
+if __name__ == "__main__":
+    main()

@@ -1,0 +1,49 @@
+"""What the frame pipeline does to the network's values, as differentiable operations.
+
+Raw gain: band values interpolated to bins and divided by the band width. With far-end signal it is
+squared and gated. Then fixed make-up gains per bin group. The bins of the lowest group are removed.
+"""
+
+import numpy as np
+import torch
+
+from training.bands import expansion
+from training.library import SHAPE
+
+FAR_END_ENERGY = 0.01  # reference energy above which the far-end rule holds
+FAR_END_GATE = 0.1  # squared gains below it become 0
+QUIET_SUM = 2.57  # raw gains of bins 0..127 that sum below this mark a quiet frame
+
+
+def make_up() -> np.ndarray:
+    gains = np.full(SHAPE.bins, 3.0, np.float32)
+    gains[:4] = 0.0
+    gains[4:8] = 1.5
+    return gains
+
+
+class GainRule:
+    def __init__(self, device="cpu"):
+        self.expansion = torch.from_numpy(expansion().T.astype(np.float32)).to(device)
+        self.make_up = torch.from_numpy(make_up()).to(device)
+        raw = self.expansion.sum(0)  # every band value at 1
+        squared = raw * raw
+        self._ceiling = torch.stack([
+            (raw * self.make_up).clamp_max(1.0),
+            (squared * (squared >= FAR_END_GATE) * self.make_up).clamp_max(1.0)])
+
+    def raw(self, values: torch.Tensor) -> torch.Tensor:
+        """Band values (..., bands) -> gains (..., bins) before reshaping."""
+        return values @ self.expansion
+
+    def applied(self, raw: torch.Tensor, far_end: torch.Tensor) -> torch.Tensor:
+        """Gains that the spectrum is multiplied with; `far_end` (...) is the rule of each frame.
+        The gate is invisible to the gradient, so that a closed bin can open again."""
+        squared = raw * raw
+        closed = torch.where(squared < FAR_END_GATE, squared, torch.zeros_like(squared))
+        gated = squared - closed.detach()
+        return torch.where(far_end.unsqueeze(-1), gated, raw) * self.make_up
+
+    def ceiling(self, far_end: torch.Tensor) -> torch.Tensor:
+        """The highest gain, at most 1, that the rule can apply per bin."""
+        return self._ceiling[far_end.long()]

@@ -1,0 +1,123 @@
+"""What can be put between microphones and listener: the engine with some model, the network in
+PyTorch, and the alternatives to compare with.
+
+A processor is called with a scene and returns microphone 1 enhanced, aligned with the input. Its
+delay is measured once, on speech."""
+
+import ctypes
+import os
+from pathlib import Path
+
+import numpy as np
+import scipy.signal
+import torch
+
+from training import conditions, library, make_neutral_model, model_file
+from training.errors import TrainingError
+from training.gain_rule import FAR_END_ENERGY, GainRule
+from training.library import SHAPE
+from training.scenes import Scene
+
+MAX_DELAY = 3200  # samples
+
+
+class Processor:
+    def __init__(self, name: str, function):
+        """`function(scene, echo)` -> output; `echo` says whether the scene has far-end signal."""
+        self.name, self._function, self._delay = name, function, 0
+
+    def measure_delay(self, scene: Scene) -> None:
+        self._delay = 0
+        output = self(scene)
+        correlation = scipy.signal.correlate(output, scene.microphones[1], method="fft")
+        zero = len(output) - 1
+        self._delay = int(np.argmax(correlation[zero:zero + MAX_DELAY]))
+
+    def __call__(self, scene: Scene) -> np.ndarray:
+        pad = np.zeros(self._delay + -self._delay % SHAPE.hop, np.float32)
+        microphones = np.stack([np.concatenate([m, pad]) for m in scene.microphones])
+        padded = Scene(microphones, np.concatenate([scene.reference, pad]), scene.target, scene.plan)
+        output = self._function(padded, bool(np.any(scene.reference)))
+        return output[self._delay:][:len(scene.reference)]
+
+
+def unprocessed() -> Processor:
+    return Processor("unprocessed", lambda scene, echo: scene.microphones[1])
+
+
+def engine(name: str, model: bytes | None, **mode) -> Processor:
+    return Processor(name, lambda scene, echo: library.engine(model, *scene.microphones,
+                                                              scene.reference, **mode))
+
+
+def network(name: str, net, quantised: bool = True) -> Processor:
+    """The engine's path with the network in PyTorch, with or without its rounding."""
+    rule = GainRule()
+
+    def run(scene, echo):
+        front = library.front_end(*scene.microphones, scene.reference)
+        with torch.no_grad():
+            net.set_quantised(quantised)
+            values, _ = net(torch.from_numpy(front.features)[None], net.initial_state(1),
+                            from_start=True)
+            far_end = torch.from_numpy(front.energy[SHAPE.lookahead:] > FAR_END_ENERGY)[None]
+            gain = rule.applied(rule.raw(values), far_end)[0].numpy()
+        spectra = np.concatenate([np.zeros((SHAPE.lookahead, SHAPE.bins)),
+                                  front.microphones[:len(gain), 1] * gain])
+        return library.synthesise(spectra)
+
+    return Processor(name, run)
+
+
+def written(tables: dict, folder: Path, name: str) -> bytes:
+    path = folder / f"{name}.bin"
+    model_file.write_model(path, name, tables)
+    return path.read_bytes()
+
+
+def neutral(folder: Path) -> Processor:
+    return engine("neutral model", written(make_neutral_model.neutral_model(), folder, "neutral"))
+
+
+def classical(folder: Path) -> Processor:
+    """The noise estimator and suppressor alone: closed gains, the delayed microphone in full."""
+    tables = make_neutral_model.neutral_model()
+    tables["fc2_bias"] = np.full_like(tables["fc2_bias"], -80.0)
+    config = np.zeros(43, np.int32)
+    config[1] = 10  # ns_residual_db: a mix level of 1
+    model = written(tables, folder, "closed")
+    # The mix carries the pipeline's make-up gain of 3.
+    return Processor("classical suppressor", lambda scene, echo: library.engine(
+        model, *scene.microphones, scene.reference, nn_only=False, use_ns=True,
+        config=config.tobytes()) / np.float32(3))
+
+
+def peers() -> list[Processor]:
+    default = Path(__file__).parents[1] / "build" / "training" / "native" / "libse_peers.so"
+    try:
+        native = ctypes.CDLL(os.environ.get("SE_PEERS_LIBRARY", str(default)))
+    except OSError as error:
+        raise TrainingError(f"cannot load the peers ({error}); install libspeexdsp-dev and "
+                            "libwebrtc-audio-processing-dev and build with SE_BUILD_TRAINING=ON, or "
+                            "use --no-peers") from error
+
+    def processor(name, function):
+        def run(scene, echo):
+            mic = np.ascontiguousarray(scene.microphones[1], np.float32)
+            ref = np.ascontiguousarray(scene.reference, np.float32)
+            out = np.zeros_like(mic)
+            pointers = [ctypes.c_void_p(a.ctypes.data) for a in (mic, ref, out)]
+            if function(*pointers[:2], len(mic) // SHAPE.hop, int(echo), pointers[2]):
+                raise TrainingError(f"{name} cannot be set up")
+            return out
+        return Processor(name, run)
+
+    return [processor("SpeexDSP", native.se_peer_speexdsp),
+            processor("WebRTC audio processing", native.se_peer_webrtc)]
+
+
+def measure_delays(processors: list[Processor], cache: Path) -> None:
+    clean = next(c for c in conditions.CONDITIONS if c.name == "clean")
+    scene = conditions.held_out_scenes(cache, clean, 1)[0]
+    for processor in processors:
+        processor.measure_delay(scene)

@@ -1,0 +1,96 @@
+"""Streams of training windows: scenes through the library's front end, cut into windows of T frames
+whose recurrent state is carried from one window to the next (truncated back-propagation)."""
+
+import dataclasses
+
+import numpy as np
+import torch
+
+from training import library, scenes
+from training.gain_rule import FAR_END_ENERGY
+from training.library import SHAPE
+from training.loss import EXPONENT
+
+
+@dataclasses.dataclass
+class Example:
+    """A scene as the network and the loss see it. Frame t of the magnitudes belongs to features
+    t .. t + 2 * lookahead."""
+
+    features: np.ndarray  # (frames + 2 * lookahead, channels, bands)
+    mixture: np.ndarray  # (frames, bins) compressed magnitude of microphone 1, echo-reduced
+    target: np.ndarray  # (frames, bins) the same of the target
+    cosine: np.ndarray  # (frames, bins) of the angle between the two
+    far_end: np.ndarray  # (frames,) bool, the rule that the pipeline applies to the frame
+
+
+def make_example(scene: scenes.Scene) -> Example:
+    front = library.front_end(scene.microphones[0], scene.microphones[1], scene.reference)
+    spectra, features = front.microphones[:, 1], front.features
+    lag = SHAPE.lookahead
+    frames = len(spectra) - lag
+    padded = np.concatenate([np.zeros((lag, *features.shape[1:]), np.float32), features])
+    target = library.analyse(scene.target)[:frames]
+    level = scenes.active_level(scene.target, SHAPE.sample_rate)
+    if level <= 1e-7:
+        level = scenes.rms(scene.microphones[1])
+    # Mean bin power of white noise of 1.0 rms under the squared window.
+    scale = np.float32(1 / (max(level, 1e-6) * np.sqrt(0.375 * SHAPE.frame)))
+    mixture = spectra[:frames] * scale
+    target = target * scale
+    magnitude, wanted = np.abs(mixture), np.abs(target)
+    cosine = (mixture.real * target.real + mixture.imag * target.imag) / (
+        magnitude * wanted + np.float32(1e-9))
+    exponent = np.float32(EXPONENT)
+    return Example(padded, magnitude ** exponent, wanted ** exponent, cosine, front.energy[lag:] > FAR_END_ENERGY)
+
+
+class Streams:
+    """`batch` endless streams. About `reuse` of the scenes are ones seen before, at a new level: the
+    features scale with the square root of the level."""
+
+    KEEP_STATE = 0.3  # of the scene changes happen in a running engine
+
+    def __init__(self, mixer: scenes.Mixer, batch: int, window: int, reuse: float = 0.5,
+                 pool: int = 300, draw_plan=scenes.draw_plan):
+        self.mixer, self.window, self.reuse, self.pool_size = mixer, window, reuse, pool
+        self.rng = mixer.rng
+        self.draw_plan = draw_plan
+        self.pool: list[Example] = []
+        self.current = [self._next() for _ in range(batch)]
+        # Streams start at different places so that their scenes do not all change at once.
+        self.position = [int(self.rng.integers(len(e.mixture) // window)) for e in self.current]
+
+    def _next(self) -> Example:
+        if len(self.pool) >= 20 and self.rng.random() < self.reuse:
+            example = self.pool[self.rng.integers(len(self.pool))]
+            features = example.features.copy()
+            features[:, :2] *= np.float32(10 ** (self.rng.uniform(-10, 4) / 40))
+            return dataclasses.replace(example, features=features)
+        windows = int(self.rng.integers(3, 7))
+        samples = (windows * self.window + SHAPE.lookahead) * SHAPE.hop
+        example = make_example(self.mixer.scene(samples, self.draw_plan(self.rng)))
+        if len(self.pool) < self.pool_size:
+            self.pool.append(example)
+        else:
+            self.pool[self.rng.integers(self.pool_size)] = example
+        return example
+
+    def next_windows(self):
+        """(features, mixture, target, cosine, far_end) tensors and the streams (batch,) whose
+        recurrent state starts anew."""
+        fresh = np.zeros(len(self.current), bool)
+        parts = []
+        for i, example in enumerate(self.current):
+            at = self.position[i] * self.window
+            if at + self.window > len(example.mixture):
+                example = self.current[i] = self._next()
+                self.position[i] = at = 0
+                fresh[i] = self.rng.random() >= self.KEEP_STATE
+            frames = slice(at, at + self.window)
+            parts.append((example.features[at:at + self.window + 2 * SHAPE.lookahead],
+                          example.mixture[frames], example.target[frames], example.cosine[frames],
+                          example.far_end[frames]))
+            self.position[i] += 1
+        tensors = [torch.from_numpy(np.stack(arrays)) for arrays in zip(*parts)]
+        return tensors, torch.from_numpy(fresh)
