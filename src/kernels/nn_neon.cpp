@@ -38,8 +38,8 @@ struct Float32x8 {
 
 #define SE_INLINE __attribute__((always_inline))
 
-// step(0), step(1), ... step(kCount - 1), written out so that arrays indexed by them become registers.
-// (GCC unrolls nested loops too late for that.)
+// step(0), step(1), ... step(kCount - 1), written out so that arrays indexed by them become
+// registers. (GCC unrolls nested loops too late for that.)
 template <int kCount, class Step>
 SE_INLINE inline void unrolled(Step step) {
   if constexpr (kCount > 0) {
@@ -48,12 +48,13 @@ SE_INLINE inline void unrolled(Step step) {
   }
 }
 
-// Adds the products of kRowCount rows of weights, `cols` apart, with kVectors vectors of activations,
-// `q_step` apart, to sum[vector][row]. `cols` is a multiple of 8. Weights are loaded and widened once
-// for all vectors, activations loaded once for all rows.
+// Adds the products of kRowCount rows of weights, `cols` apart, with kVectors vectors of
+// activations, `q_step` apart, to sum[vector][row]. `cols` is a multiple of 8. Weights are loaded
+// and widened once for all vectors, activations loaded once for all rows.
 template <int kVectors, int kRowCount>
-SE_INLINE inline void add_products(const std::int8_t* weights, int cols, const std::int16_t* activations,
-                         int q_step, int32x4_t (&sum)[kVectors][kRowCount]) {
+SE_INLINE inline void add_products(const std::int8_t* weights, int cols,
+                                   const std::int16_t* activations, int q_step,
+                                   int32x4_t (&sum)[kVectors][kRowCount]) {
   const std::int8_t* w[kRowCount];
   const std::int16_t* q[kVectors];
   unrolled<kRowCount>([&](int r) SE_INLINE { w[r] = weights + r * cols; });
@@ -82,8 +83,8 @@ SE_INLINE inline void add_products(const std::int8_t* weights, int cols, const s
     unrolled<kVectors>([&](int v) SE_INLINE { last[v] = vld1q_s16(q[v]); });
     unrolled<kRowCount>([&](int r) SE_INLINE {
       const int16x8_t w_last = vmovl_s8(vld1_s8(w[r]));
-      unrolled<kVectors>(
-          [&](int v) SE_INLINE { sum[v][r] = multiply_add(sum[v][r], w_last, last[v]); });
+      unrolled<kVectors>([&](int v)
+                             SE_INLINE { sum[v][r] = multiply_add(sum[v][r], w_last, last[v]); });
     });
   }
 }
@@ -271,8 +272,7 @@ void gru_candidate(const GruGate& gate, const GruStep& step, const float* reset,
   for (int done = 0; done < step.hidden_size; done += kRows) {
     const int r = block_start(done, step.hidden_size, kRows);
     const Float32x8 state = state_side(gate, step, r) + load8(gate.bias_state + r);
-    store8(y + r,
-           (state * load8(reset + r) + input_side(gate, step, r)) + load8(gate.bias_in + r));
+    store8(y + r, (state * load8(reset + r) + input_side(gate, step, r)) + load8(gate.bias_in + r));
   }
 }
 
@@ -290,9 +290,9 @@ void gru_blend(const float* update, const float* candidate, const std::int16_t* 
 // The constants in the order in which tanh4 takes them.
 using T = TanhConstants;
 constexpr float kTanhSequence[] = {
-    T::kOdd[4],     T::kOdd[3],     T::kOdd[2],     T::kOdd[1],     T::kOdd[0],                   //
-    T::kLimit,      T::kRound,      -2.0f,          T::kLn2High,    T::kLn2Low,                   //
-    T::kExp[4],     T::kExp[3],     T::kExp[2],     T::kExp[1],     T::kExp[0],                   //
+    T::kOdd[4],     T::kOdd[3],     T::kOdd[2],     T::kOdd[1],     T::kOdd[0],  //
+    T::kLimit,      T::kRound,      -2.0f,          T::kLn2High,    T::kLn2Low,  //
+    T::kExp[4],     T::kExp[3],     T::kExp[2],     T::kExp[1],     T::kExp[0],  //
     T::kInverse[5], T::kInverse[4], T::kInverse[3], T::kInverse[2], T::kInverse[1], T::kInverse[0]};
 
 // Loads the next constant into all lanes.
@@ -357,7 +357,8 @@ void sigmoid_in_place(float* x, int n) {
 
 }  // namespace
 
-const NnKernels kNeonNn = {magnitude, compress,      quantise, affine,        convolve,  normalise,
-                           gru_gate,  gru_candidate, gru_blend, tanh_in_place, sigmoid_in_place};
+const NnKernels kNeonNn = {magnitude, compress,      quantise,        affine,
+                           convolve,  normalise,     gru_gate,        gru_candidate,
+                           gru_blend, tanh_in_place, sigmoid_in_place};
 
 }  // namespace se

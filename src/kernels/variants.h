@@ -3,6 +3,7 @@
 
 #include "kernels/echo_kernels.h"
 #include "kernels/nn_kernels.h"
+#include "kernels/noise_kernels.h"
 #include "kernels/sample_kernels.h"
 #include "kernels/spectral_kernels.h"
 
@@ -21,6 +22,7 @@ extern const NnKernels kAvx512Nn;
 extern const SpectralKernels kNeonSpectral;
 extern const EchoKernels kNeonEcho;
 extern const NnKernels kNeonNn;
+extern const NoiseKernels kNeonNoise;
 extern const SampleKernels kNeonSample;
 #endif
 
