@@ -134,12 +134,37 @@ inline void store8(float* x, Float32x8 v) {
   vst1q_f32(x + 4, v.high);
 }
 
-void magnitude(const zel_lcomplex* spectrum, int n, float* mag) {
-  for (; n >= 4; n -= 4, spectrum += 4, mag += 4) {
-    const float32x4_t biased = vaddq_f32(fused_power(load4(spectrum)), vdupq_n_f32(kFloor));
-    vst1q_f32(mag, square_root(biased));
+// The three rows run side by side in the lanes of one vector, bin by bin.
+void pool(const BinShares& shares, const float* x, int x_stride, float* y, int y_stride) {
+  int band = 0;
+  float32x4_t own = vdupq_n_f32(0.0f), next = own;
+  const auto store = [&](int at, float32x4_t v) {
+    vst1q_lane_f32(y + at, v, 0);
+    vst1q_lane_f32(y + at + y_stride, v, 1);
+    vst1q_lane_f32(y + at + 2 * y_stride, v, 2);
+  };
+  for (int k = 0; k < shares.bins; ++k) {
+    if (shares.band[k] != band) {
+      store(band++, own);
+      own = next;
+      next = vdupq_n_f32(0.0f);
+    }
+    float32x4_t v = vld1q_dup_f32(x + k);
+    v = vld1q_lane_f32(x + k + x_stride, v, 1);
+    v = vld1q_lane_f32(x + k + 2 * x_stride, v, 2);
+    const float32x4_t f = vld1q_dup_f32(shares.fraction + k);
+    const float32x4_t r = vld1q_dup_f32(shares.inverse_width + k);
+    next = vfmaq_f32(next, vmulq_f32(f, v), r);
+    own = vfmaq_f32(own, vsubq_f32(vdupq_n_f32(1.0f), f), vmulq_f32(v, r));
   }
-  kScalarNn.magnitude(spectrum, n, mag);
+  store(band, own);
+  store(band + 1, next);
+}
+
+// Neighbouring bins share a band or have bands next to each other, at no fixed distance: looking
+// their values up costs as much as all the rest.
+void expand(const BinShares& shares, const float* x, float* y) {
+  kScalarNn.expand(shares, x, y);
 }
 
 void compress(const float* x, int n, float* y) {
@@ -357,8 +382,8 @@ void sigmoid_in_place(float* x, int n) {
 
 }  // namespace
 
-const NnKernels kNeonNn = {magnitude, compress,      quantise,        affine,
-                           convolve,  normalise,     gru_gate,        gru_candidate,
-                           gru_blend, tanh_in_place, sigmoid_in_place};
+const NnKernels kNeonNn = {pool,          expand,    compress,      quantise,
+                           affine,        convolve,  normalise,     gru_gate,
+                           gru_candidate, gru_blend, tanh_in_place, sigmoid_in_place};
 
 }  // namespace se
