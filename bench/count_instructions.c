@@ -6,15 +6,15 @@
  *
  * writes one line "COUNT FUNCTION" per function, in no particular order. Functions are those of
  * PROGRAM's own symbol table: link it statically and do not strip it, or the libraries' share is
- * counted under "?". scripts and people use count_instructions.py, which takes two runs of different
- * length apart so that start-up cancels.
+ * counted under "?". scripts and people use count_instructions.py, which takes two runs of
+ * different length apart so that start-up cancels.
  *
  * How it counts: every translated block adds its length to the counter of the function in which it
- * starts, when it is executed. A block ends at a jump and is entered at its start only, so the total
- * is exact; a block that runs on from one function into the next is counted for the first.
+ * starts, when it is executed. A block ends at a jump and is entered at its start only, so the
+ * total is exact; a block that runs on from one function into the next is counted for the first.
  *
- * QEMU's header qemu-plugin.h is not part of the Debian package; the declarations below are those of
- * its documented interface that are used here. */
+ * QEMU's header qemu-plugin.h is not part of the Debian package; the declarations below are those
+ * of its documented interface that are used here. */
 #include <stdint.h>
 #include <stdio.h>
 #include <string.h>

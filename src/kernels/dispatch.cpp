@@ -9,8 +9,8 @@
 
 namespace se {
 
-const Kernels kScalarKernels = {"scalar", &kScalarSpectral, &kScalarEcho, &kScalarNn,
-                                &kScalarSample};
+const Kernels kScalarKernels = {"scalar",   &kScalarSpectral, &kScalarEcho,
+                                &kScalarNn, &kScalarNoise,    &kScalarSample};
 
 namespace {
 
@@ -19,10 +19,12 @@ bool runs_everywhere() {
 }
 
 #if SE_X86_KERNELS
-const Kernels kAvx2Kernels = {"avx2", &kAvx2Spectral, &kAvx2Echo, &kAvx2Nn, &kAvx2Sample};
+const Kernels kAvx2Kernels = {"avx2",   &kAvx2Spectral, &kAvx2Echo,
+                              &kAvx2Nn, &kAvx2Noise,    &kAvx2Sample};
 
 // The rooms that gain nothing from 512 bits keep their AVX2 kernels.
-const Kernels kAvx512Kernels = {"avx512", &kAvx2Spectral, &kAvx2Echo, &kAvx2Nn, &kAvx2Sample};
+const Kernels kAvx512Kernels = {"avx512", &kAvx2Spectral, &kAvx2Echo,
+                                &kAvx2Nn, &kAvx2Noise,    &kAvx2Sample};
 
 // The built-in asks the operating system as well: it must save the wide registers.
 bool runs_avx2() {
@@ -37,7 +39,8 @@ bool runs_avx512() {
 #endif
 
 #if SE_NEON_KERNELS
-const Kernels kNeonKernels = {"neon", &kNeonSpectral, &kNeonEcho, &kNeonNn, &kNeonSample};
+const Kernels kNeonKernels = {"neon",   &kNeonSpectral, &kNeonEcho,
+                              &kNeonNn, &kNeonNoise,    &kNeonSample};
 #endif
 
 struct Variant {

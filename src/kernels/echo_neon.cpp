@@ -43,10 +43,6 @@ inline Complex4 select(uint32x4_t mask, Complex4 where_set, Complex4 elsewhere) 
   return {select(mask, where_set.re, elsewhere.re), select(mask, where_set.im, elsewhere.im)};
 }
 
-inline float32x4_t zero_where(uint32x4_t mask, float32x4_t x) {
-  return vreinterpretq_f32_u32(vbicq_u32(vreinterpretq_u32_f32(x), mask));
-}
-
 // What a filter predicts for one bin, still as two pairs to be added: the taps' products with their
 // halves added down to two.
 struct TwoSums {
@@ -130,7 +126,13 @@ struct Rows<2> {
 };
 
 // What a decision does to the filters of a bin.
-enum Change : std::uint32_t { kKeep = 0, kClearAdaptive = 1, kStore = 2, kClearStored = 4, kRestore = 8 };
+enum Change : std::uint32_t {
+  kKeep = 0,
+  kClearAdaptive = 1,
+  kStore = 2,
+  kClearStored = 4,
+  kRestore = 8
+};
 
 template <int Taps>
 void change_filters(uint32x4_t changes, zel_lcomplex* adaptive, zel_lcomplex* stored) {
@@ -187,8 +189,8 @@ inline void adapt<2>(const std::int32_t* flags, Complex4 step, const zel_lcomple
   const uint32x4_t adapts = vtstq_s32(flag, flag);
   const Rows<2>::Pair r = Rows<2>::load(ref);
   const Rows<2>::Pair f = Rows<2>::load(filter);
-  Rows<2>::store(filter,
-                 {adapted(adapts, step, r.newer, f.newer), adapted(adapts, step, r.older, f.older)});
+  Rows<2>::store(
+      filter, {adapted(adapts, step, r.newer, f.newer), adapted(adapts, step, r.older, f.older)});
 }
 
 inline float32x4_t smoothed(float32x4_t s, float32x4_t share, float32x4_t x) {
@@ -240,9 +242,9 @@ inline void subtract4(const EchoBand& band, int bin) {
   decided = vorrq_u32(decided, stores);
   const uint32x4_t clears_stored = vbicq_u32(exceeds(s_stored, kDiverged, s_mic), decided);
   decided = vorrq_u32(decided, clears_stored);
-  const uint32x4_t restores = vbicq_u32(vandq_u32(exceeds(s_mic, kCancels, s_stored),
-                                                  exceeds(s_adaptive, kClearlyBetter, s_stored)),
-                                        decided);
+  const uint32x4_t restores = vbicq_u32(
+      vandq_u32(exceeds(s_mic, kCancels, s_stored), exceeds(s_adaptive, kClearlyBetter, s_stored)),
+      decided);
   decided = vorrq_u32(decided, restores);
 
   const uint32x4_t clears = vorrq_u32(clears_adaptive, clears_stored);
@@ -267,18 +269,10 @@ inline void subtract4(const EchoBand& band, int bin) {
 // What is left of a band behind its first `done` bins.
 template <int Taps>
 EchoBand rest_of(const EchoBand& band, int done) {
-  return {band.bins - done,
-          band.smoothing,
-          band.ref + done * Taps,
-          band.ref_energy + done,
-          band.adapt + done,
-          band.adaptive + done * Taps,
-          band.stored + done * Taps,
-          band.err_adaptive + done,
-          band.err_stored + done,
-          band.mic_smooth + done,
-          band.mic + done,
-          band.mic_power + done};
+  return {band.bins - done,          band.smoothing,           band.ref + done * Taps,
+          band.ref_energy + done,    band.adapt + done,        band.adaptive + done * Taps,
+          band.stored + done * Taps, band.err_adaptive + done, band.err_stored + done,
+          band.mic_smooth + done,    band.mic + done,          band.mic_power + done};
 }
 
 template <int Taps>

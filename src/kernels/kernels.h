@@ -10,6 +10,7 @@
 
 #include "kernels/echo_kernels.h"
 #include "kernels/nn_kernels.h"
+#include "kernels/noise_kernels.h"
 #include "kernels/sample_kernels.h"
 #include "kernels/spectral_kernels.h"
 
@@ -20,6 +21,7 @@ struct Kernels {
   const SpectralKernels* spectral;
   const EchoKernels* echo;
   const NnKernels* nn;
+  const NoiseKernels* noise;
   const SampleKernels* sample;
 };
 

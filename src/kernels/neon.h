@@ -4,8 +4,8 @@
 // AArch64; estimates are never used.
 //
 // A product that is not fused is vmlaq_f32 / vmlsq_f32 when it is added or subtracted right away:
-// ARMv7 rounds the product of that instruction first, and on AArch64 compilers make two of it (under
-// -ffp-contract=off).
+// ARMv7 rounds the product of that instruction first, and on AArch64 compilers make two of it
+// (under -ffp-contract=off).
 #pragma once
 
 #include <arm_neon.h>
@@ -30,6 +30,10 @@ inline float32x4_t square_root(float32x4_t a) {
 
 inline uint32x4_t greater(float32x4_t a, float32x4_t b) {
   return vcgtq_f32(a, b);
+}
+
+inline uint32x4_t at_or_above(float32x4_t a, float32x4_t b) {
+  return vcgeq_f32(a, b);
 }
 
 inline uint32x4_t is_zero(float32x4_t a) {
@@ -60,8 +64,8 @@ inline bool any(uint32x4_t mask) {
 
 #else
 
-// The scalar unit sees the lanes of q0 as s0 to s3 and those of q1 as s4 to s7. Written lane by lane
-// in C++, compilers carry every lane through a core register.
+// The scalar unit sees the lanes of q0 as s0 to s3 and those of q1 as s4 to s7. Written lane by
+// lane in C++, compilers carry every lane through a core register.
 inline float32x4_t divide(float32x4_t a, float32x4_t b) {
   register float32x4_t quotient __asm__("q0") = a;
   register float32x4_t divisor __asm__("q1") = b;
@@ -86,11 +90,17 @@ inline float32x4_t square_root(float32x4_t a) {
   return root;
 }
 
-// GCC takes the intrinsics of these two apart into lanes, because the vector unit flushes subnormals
+// GCC takes the intrinsics of these apart into lanes, because the vector unit flushes subnormals
 // and it does not know that the scalar unit does so here, too.
 inline uint32x4_t greater(float32x4_t a, float32x4_t b) {
   uint32x4_t mask;
   __asm__("vcgt.f32 %q0, %q1, %q2" : "=w"(mask) : "w"(a), "w"(b));
+  return mask;
+}
+
+inline uint32x4_t at_or_above(float32x4_t a, float32x4_t b) {
+  uint32x4_t mask;
+  __asm__("vcge.f32 %q0, %q1, %q2" : "=w"(mask) : "w"(a), "w"(b));
   return mask;
 }
 
@@ -125,6 +135,10 @@ inline bool any(uint32x4_t mask) {
 
 #endif
 
+inline float32x4_t zero_where(uint32x4_t mask, float32x4_t x) {
+  return vreinterpretq_f32_u32(vbicq_u32(vreinterpretq_u32_f32(x), mask));
+}
+
 // Steps a pointer whose last use was a load. The empty statement hides from the compiler where it
 // then stands, so that the step becomes the load's post-increment instead of an addition each time.
 template <class T>
@@ -148,8 +162,8 @@ inline float32x4_t load_partial(const float* x, int n) {
   return v;
 }
 
-// Four complex values. (The registers of vld2 and vst2 have a type of their own, float32x4x2_t, which
-// GCC keeps in memory as soon as anything is computed in it.)
+// Four complex values. (The registers of vld2 and vst2 have a type of their own, float32x4x2_t,
+// which GCC keeps in memory as soon as anything is computed in it.)
 struct Complex4 {
   float32x4_t re;
   float32x4_t im;

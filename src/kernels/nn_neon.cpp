@@ -38,8 +38,8 @@ struct Float32x8 {
 
 #define SE_INLINE __attribute__((always_inline))
 
-// step(0), step(1), ... step(kCount - 1), written out so that arrays indexed by them become registers.
-// (GCC unrolls nested loops too late for that.)
+// step(0), step(1), ... step(kCount - 1), written out so that arrays indexed by them become
+// registers. (GCC unrolls nested loops too late for that.)
 template <int kCount, class Step>
 SE_INLINE inline void unrolled(Step step) {
   if constexpr (kCount > 0) {
@@ -48,12 +48,13 @@ SE_INLINE inline void unrolled(Step step) {
   }
 }
 
-// Adds the products of kRowCount rows of weights, `cols` apart, with kVectors vectors of activations,
-// `q_step` apart, to sum[vector][row]. `cols` is a multiple of 8. Weights are loaded and widened once
-// for all vectors, activations loaded once for all rows.
+// Adds the products of kRowCount rows of weights, `cols` apart, with kVectors vectors of
+// activations, `q_step` apart, to sum[vector][row]. `cols` is a multiple of 8. Weights are loaded
+// and widened once for all vectors, activations loaded once for all rows.
 template <int kVectors, int kRowCount>
-SE_INLINE inline void add_products(const std::int8_t* weights, int cols, const std::int16_t* activations,
-                         int q_step, int32x4_t (&sum)[kVectors][kRowCount]) {
+SE_INLINE inline void add_products(const std::int8_t* weights, int cols,
+                                   const std::int16_t* activations, int q_step,
+                                   int32x4_t (&sum)[kVectors][kRowCount]) {
   const std::int8_t* w[kRowCount];
   const std::int16_t* q[kVectors];
   unrolled<kRowCount>([&](int r) SE_INLINE { w[r] = weights + r * cols; });
@@ -82,8 +83,8 @@ SE_INLINE inline void add_products(const std::int8_t* weights, int cols, const s
     unrolled<kVectors>([&](int v) SE_INLINE { last[v] = vld1q_s16(q[v]); });
     unrolled<kRowCount>([&](int r) SE_INLINE {
       const int16x8_t w_last = vmovl_s8(vld1_s8(w[r]));
-      unrolled<kVectors>(
-          [&](int v) SE_INLINE { sum[v][r] = multiply_add(sum[v][r], w_last, last[v]); });
+      unrolled<kVectors>([&](int v)
+                             SE_INLINE { sum[v][r] = multiply_add(sum[v][r], w_last, last[v]); });
     });
   }
 }
@@ -133,12 +134,37 @@ inline void store8(float* x, Float32x8 v) {
   vst1q_f32(x + 4, v.high);
 }
 
-void magnitude(const zel_lcomplex* spectrum, int n, float* mag) {
-  for (; n >= 4; n -= 4, spectrum += 4, mag += 4) {
-    const float32x4_t biased = vaddq_f32(fused_power(load4(spectrum)), vdupq_n_f32(kFloor));
-    vst1q_f32(mag, square_root(biased));
+// The three rows run side by side in the lanes of one vector, bin by bin.
+void pool(const BinShares& shares, const float* x, int x_stride, float* y, int y_stride) {
+  int band = 0;
+  float32x4_t own = vdupq_n_f32(0.0f), next = own;
+  const auto store = [&](int at, float32x4_t v) {
+    vst1q_lane_f32(y + at, v, 0);
+    vst1q_lane_f32(y + at + y_stride, v, 1);
+    vst1q_lane_f32(y + at + 2 * y_stride, v, 2);
+  };
+  for (int k = 0; k < shares.bins; ++k) {
+    if (shares.band[k] != band) {
+      store(band++, own);
+      own = next;
+      next = vdupq_n_f32(0.0f);
+    }
+    float32x4_t v = vld1q_dup_f32(x + k);
+    v = vld1q_lane_f32(x + k + x_stride, v, 1);
+    v = vld1q_lane_f32(x + k + 2 * x_stride, v, 2);
+    const float32x4_t f = vld1q_dup_f32(shares.fraction + k);
+    const float32x4_t r = vld1q_dup_f32(shares.inverse_width + k);
+    next = vfmaq_f32(next, vmulq_f32(f, v), r);
+    own = vfmaq_f32(own, vsubq_f32(vdupq_n_f32(1.0f), f), vmulq_f32(v, r));
   }
-  kScalarNn.magnitude(spectrum, n, mag);
+  store(band, own);
+  store(band + 1, next);
+}
+
+// Neighbouring bins share a band or have bands next to each other, at no fixed distance: looking
+// their values up costs as much as all the rest.
+void expand(const BinShares& shares, const float* x, float* y) {
+  kScalarNn.expand(shares, x, y);
 }
 
 void compress(const float* x, int n, float* y) {
@@ -271,8 +297,7 @@ void gru_candidate(const GruGate& gate, const GruStep& step, const float* reset,
   for (int done = 0; done < step.hidden_size; done += kRows) {
     const int r = block_start(done, step.hidden_size, kRows);
     const Float32x8 state = state_side(gate, step, r) + load8(gate.bias_state + r);
-    store8(y + r,
-           (state * load8(reset + r) + input_side(gate, step, r)) + load8(gate.bias_in + r));
+    store8(y + r, (state * load8(reset + r) + input_side(gate, step, r)) + load8(gate.bias_in + r));
   }
 }
 
@@ -290,9 +315,9 @@ void gru_blend(const float* update, const float* candidate, const std::int16_t* 
 // The constants in the order in which tanh4 takes them.
 using T = TanhConstants;
 constexpr float kTanhSequence[] = {
-    T::kOdd[4],     T::kOdd[3],     T::kOdd[2],     T::kOdd[1],     T::kOdd[0],                   //
-    T::kLimit,      T::kRound,      -2.0f,          T::kLn2High,    T::kLn2Low,                   //
-    T::kExp[4],     T::kExp[3],     T::kExp[2],     T::kExp[1],     T::kExp[0],                   //
+    T::kOdd[4],     T::kOdd[3],     T::kOdd[2],     T::kOdd[1],     T::kOdd[0],  //
+    T::kLimit,      T::kRound,      -2.0f,          T::kLn2High,    T::kLn2Low,  //
+    T::kExp[4],     T::kExp[3],     T::kExp[2],     T::kExp[1],     T::kExp[0],  //
     T::kInverse[5], T::kInverse[4], T::kInverse[3], T::kInverse[2], T::kInverse[1], T::kInverse[0]};
 
 // Loads the next constant into all lanes.
@@ -357,7 +382,8 @@ void sigmoid_in_place(float* x, int n) {
 
 }  // namespace
 
-const NnKernels kNeonNn = {magnitude, compress,      quantise, affine,        convolve,  normalise,
-                           gru_gate,  gru_candidate, gru_blend, tanh_in_place, sigmoid_in_place};
+const NnKernels kNeonNn = {pool,          expand,    compress,      quantise,
+                           affine,        convolve,  normalise,     gru_gate,
+                           gru_candidate, gru_blend, tanh_in_place, sigmoid_in_place};
 
 }  // namespace se

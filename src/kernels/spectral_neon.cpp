@@ -63,8 +63,7 @@ inline void butterfly4(Complex4* a) {
 template <bool kScaled>
 inline void store_transposed(const Complex4* leg, float32x4_t scale, zel_lcomplex* out) {
   for (int half = 0; half < 4; half += 2) {
-    float32x4x4_t pair = {
-        {leg[half].re, leg[half].im, leg[half + 1].re, leg[half + 1].im}};
+    float32x4x4_t pair = {{leg[half].re, leg[half].im, leg[half + 1].re, leg[half + 1].im}};
     if (kScaled) {
       for (float32x4_t& v : pair.val) v = vmulq_f32(v, scale);
     }
@@ -236,8 +235,7 @@ void overlap_add_envelope(const float* frame, const float* window, float* sum, f
 void divide_or_zero(const float* a, const float* b, float* out, int n) {
   for (int steps = n / 4; steps > 0; --steps, a += 4, b += 4, out += 4) {
     const float32x4_t divisor = vld1q_f32(b);
-    const uint32x4_t quotient = vreinterpretq_u32_f32(divide(vld1q_f32(a), divisor));
-    vst1q_f32(out, vreinterpretq_f32_u32(vbicq_u32(quotient, is_zero(divisor))));
+    vst1q_f32(out, zero_where(is_zero(divisor), divide(vld1q_f32(a), divisor)));
   }
   kScalarSpectral.divide_or_zero(a, b, out, n % 4);
 }
@@ -251,8 +249,7 @@ void power_spectrum(const zel_lcomplex* spectrum, float* power, int n) {
 
 void magnitude(const zel_lcomplex* spectrum, float bias, float* magnitude, int n) {
   for (int steps = n / 4; steps > 0; --steps, spectrum += 4, magnitude += 4) {
-    vst1q_f32(magnitude,
-              square_root(vaddq_f32(fused_power(load4(spectrum)), vdupq_n_f32(bias))));
+    vst1q_f32(magnitude, square_root(vaddq_f32(fused_power(load4(spectrum)), vdupq_n_f32(bias))));
   }
   kScalarSpectral.magnitude(spectrum, bias, magnitude, n % 4);
 }

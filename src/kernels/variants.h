@@ -3,6 +3,7 @@
 
 #include "kernels/echo_kernels.h"
 #include "kernels/nn_kernels.h"
+#include "kernels/noise_kernels.h"
 #include "kernels/sample_kernels.h"
 #include "kernels/spectral_kernels.h"
 
@@ -12,6 +13,7 @@ namespace se {
 extern const SpectralKernels kAvx2Spectral;
 extern const EchoKernels kAvx2Echo;
 extern const NnKernels kAvx2Nn;
+extern const NoiseKernels kAvx2Noise;
 extern const SampleKernels kAvx2Sample;
 
 extern const NnKernels kAvx512Nn;
@@ -21,6 +23,7 @@ extern const NnKernels kAvx512Nn;
 extern const SpectralKernels kNeonSpectral;
 extern const EchoKernels kNeonEcho;
 extern const NnKernels kNeonNn;
+extern const NoiseKernels kNeonNoise;
 extern const SampleKernels kNeonSample;
 #endif
 

@@ -15,6 +15,7 @@
 #include <cstring>
 
 #include "common/lane_sum.h"
+#include "kernels/kernels.h"
 #include "ns/noise_estimator_state.h"
 
 namespace {
@@ -76,42 +77,18 @@ void push_history(NoiseEstimator& s, const float* power) {
   s.history_pos = (s.history_pos + 1) % s.history_len;
 }
 
-// Adds the ring up from its oldest frame to its newest.
+// Averages the ring from its oldest frame to its newest.
 void average_history(const NoiseEstimator& s) {
-  std::memcpy(s.avg_power, history_slot(s, s.history_pos), spectrum_bytes(s));
-  for (int32_t i = 1; i < s.history_len; ++i) {
-    const float* frame = history_slot(s, (s.history_pos + i) % s.history_len);
-    for (int32_t k = 0; k < s.num_bins; ++k) s.avg_power[k] += frame[k];
+  const float* frames[kShortSpanMs];
+  for (int32_t i = 0; i < s.history_len; ++i) {
+    frames[i] = history_slot(s, (s.history_pos + i) % s.history_len);
   }
-  const float scale = 1.0f / static_cast<float>(s.history_len);
-  for (int32_t k = 0; k < s.num_bins; ++k) s.avg_power[k] *= scale;
-}
-
-void track_minima(const NoiseEstimator& s) {
-  const auto window = static_cast<float>(s.window_frames);
-  const auto half_window = static_cast<float>(s.window_frames / 2);
-  for (int32_t k = 0; k < s.num_bins; ++k) {
-    const float avg = s.avg_power[k];
-    const bool falls = avg < s.min_power[k];
-    float min = falls ? avg : s.min_power[k];
-    float candidate = falls ? kNoMinimum : s.candidate_min[k];
-    float age = falls ? 0.0f : s.min_age[k] + 1.0f;
-
-    candidate = age >= half_window && avg < candidate ? avg : candidate;
-
-    const bool outlived = age >= window;
-    min = outlived ? candidate : min;
-    candidate = outlived ? kNoMinimum : candidate;
-    age = outlived ? half_window : age;
-
-    s.min_power[k] = min;
-    s.candidate_min[k] = candidate;
-    s.min_age[k] = age;
-  }
+  se::kernels().noise->mean_of_frames(frames, s.history_len, s.avg_power, s.num_bins);
 }
 
 // Lets the estimate follow one frame, unless the frame is too quiet to tell noise from nothing.
 void follow(NoiseEstimator& s, const float* power) {
+  const se::NoiseKernels& kernel = *se::kernels().noise;
   const float frame_mean = mean(s, power);
   if (!(frame_mean >= s.silence_level && frame_mean <= FLT_MAX)) return;
   push_history(s, power);
@@ -120,11 +97,11 @@ void follow(NoiseEstimator& s, const float* power) {
   } else {
     average_history(s);
     if (mean(s, s.avg_power) < s.noise_floor) return;
-    track_minima(s);
+    kernel.track_minima(s.avg_power, {s.min_power, s.candidate_min, s.min_age},
+                        static_cast<float>(s.window_frames / 2),
+                        static_cast<float>(s.window_frames), kNoMinimum, s.num_bins);
   }
-  for (int32_t k = 0; k < s.num_bins; ++k) {
-    s.smooth_noise[k] += kSmoothing * (s.min_power[k] - s.smooth_noise[k]);
-  }
+  kernel.follow(s.min_power, kSmoothing, s.smooth_noise, s.num_bins);
 }
 
 }  // namespace
@@ -172,8 +149,6 @@ void noise_estimate_process(NoiseEstimator* state, const float* power, float* no
   NoiseEstimator& s = *state;
   ++s.frame_count;
   follow(s, power);
-  for (int32_t k = 0; k < s.num_bins; ++k) {
-    const float estimate = s.smooth_noise[k] * s.overestimate;
-    noise[k] = estimate > s.noise_floor ? estimate : s.noise_floor;
-  }
+  se::kernels().noise->scale_above(s.smooth_noise, s.overestimate, s.noise_floor, noise,
+                                   s.num_bins);
 }

@@ -11,13 +11,13 @@
 #include <cstring>
 
 #include "common/lane_sum.h"
+#include "kernels/kernels.h"
 #include "ns/noise_suppressor_state.h"
 
 namespace {
 
 constexpr float kAlphaMin = 0.98f;   // per 10 ms
 constexpr float kAlphaMax = 0.988f;  // per 10 ms
-constexpr float kTiny = 1e-20f;      // keeps ratios finite without noise
 
 int32_t valid_num_bins(int32_t num_bins) {
   return num_bins < 0 ? 0 : num_bins;
@@ -50,48 +50,23 @@ void bin_powers(const NoiseSuppressor& s, const zel_lcomplex* in) {
   }
 }
 
-// Returns the mean of the a-posteriori ratios.
-float a_posteriori_ratios(const NoiseSuppressor& s, const float* noise) {
-  for (int32_t k = 0; k < s.num_bins; ++k) {
-    const float ratio = s.power[k] / (noise[k] + kTiny) - 1.0f;
-    s.post_snr[k] = ratio < 0.0f ? 0.0f : ratio;
-  }
-  return se::lane_sum(s.post_snr, s.num_bins) / static_cast<float>(s.num_bins);
-}
-
 float smoothing_constant(const NoiseSuppressor& s, float frame_ratio) {
   if (frame_ratio < 1.0f) return s.alpha_max;
   const float alpha = 1.0f + (s.alpha_max - 1.0f) * frame_ratio;
   return alpha < s.alpha_min ? s.alpha_min : alpha;
 }
 
-void wiener_gains(const NoiseSuppressor& s, const float* noise, float alpha) {
-  for (int32_t k = 0; k < s.num_bins; ++k) {
-    const float prior_snr =
-        alpha * s.prev_speech[k] / (noise[k] + kTiny) + (1.0f - alpha) * s.post_snr[k];
-    s.gain[k] = prior_snr / (prior_snr + 1.0f);
-  }
-}
-
-void apply(const NoiseSuppressor& s, int32_t k, float smoothed_gain, const zel_lcomplex* in,
-           zel_lcomplex* out) {
-  const float g = smoothed_gain > s.gain_floor ? smoothed_gain : s.gain_floor;
-  s.prev_speech[k] = g * g * s.power[k];
-  out[k] = {in[k].re * g, in[k].im * g};
-}
-
+// The scratch area of the a-posteriori ratios, done with by then, takes the smoothed gains.
 void smooth_and_apply(const NoiseSuppressor& s, const zel_lcomplex* in, zel_lcomplex* out) {
-  const float* gain = s.gain;
-  const int32_t last = s.num_bins - 1;
-  if (last == 0) {  // no neighbours
-    apply(s, 0, gain[0], in, out);
-    return;
+  const se::Kernels& kernel = se::kernels();
+  float* const gain = s.post_snr;
+  if (s.num_bins > 1) {
+    kernel.noise->smooth_gain(s.gain, s.gain_floor, gain, s.num_bins);
+  } else {  // no neighbours
+    gain[0] = s.gain[0] > s.gain_floor ? s.gain[0] : s.gain_floor;
   }
-  apply(s, 0, 0.75f * gain[0] + 0.25f * gain[1], in, out);
-  for (int32_t k = 1; k < last; ++k) {
-    apply(s, k, 0.25f * gain[k - 1] + 0.5f * gain[k] + 0.25f * gain[k + 1], in, out);
-  }
-  apply(s, last, 0.75f * gain[last] + 0.25f * gain[last - 1], in, out);
+  kernel.noise->kept_power(gain, s.power, s.prev_speech, s.num_bins);
+  kernel.spectral->apply_gain(in, gain, out, s.num_bins);
 }
 
 }  // namespace
@@ -136,8 +111,11 @@ void noise_suppress_process(NoiseSuppressor* state, const float* noise, const ze
   if (s.frame_count == 0) {
     std::memcpy(s.prev_speech, s.power, static_cast<size_t>(s.num_bins) * sizeof(float));
   } else {
-    const float frame_ratio = a_posteriori_ratios(s, noise);
-    wiener_gains(s, noise, smoothing_constant(s, frame_ratio));
+    const se::NoiseKernels& kernel = *se::kernels().noise;
+    kernel.excess_ratio(s.power, noise, s.post_snr, s.num_bins);
+    const float frame_ratio = se::lane_sum(s.post_snr, s.num_bins) / static_cast<float>(s.num_bins);
+    kernel.wiener_gain(s.prev_speech, noise, s.post_snr, smoothing_constant(s, frame_ratio), s.gain,
+                       s.num_bins);
     smooth_and_apply(s, in, out);
   }
   ++s.frame_count;

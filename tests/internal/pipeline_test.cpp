@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "engine/se_instance.h"
+#include "kernels/kernels.h"
 #include "nn/denoiser.h"
 #include "random_model.h"
 #include "test_signal.h"
@@ -178,9 +179,10 @@ TEST(Pipeline, EqualsTheModulesPutTogetherByHand) {
 }
 
 // The hash of ten seconds through the whole engine with everything on. It does not depend on the
-// compiled-in parameters: the model is random. Equal for every CPU, compiler and optimisation
-// level; print it anew with --gtest_filter=*Golden* when the arithmetic changes on purpose.
-TEST(Pipeline, GoldenHashOfTenSeconds) {
+// compiled-in parameters: the model is random. Equal for every CPU, kernel variant, compiler and
+// optimisation level; print it anew with --gtest_filter=*Golden* when the arithmetic changes on
+// purpose.
+std::uint64_t hash_of_ten_seconds() {
   NnProcessConfig config = {};
   config.residual_db = 14;
   config.ns_residual_db = 26;
@@ -212,7 +214,17 @@ TEST(Pipeline, GoldenHashOfTenSeconds) {
   }
   se_destroy(engine);
   EXPECT_GT(loudest, 0.1f);
-  EXPECT_EQ(hash, 0xf05eb904d098a823u) << "0x" << std::hex << hash;
+  return hash;
+}
+
+TEST(Pipeline, GoldenHashOfTenSeconds) {
+  const char* const at_load = se::kernels().name;
+  for (int i = 0; const se::Kernels* variant = se::available_kernels(i); ++i) {
+    se::use_kernels(variant->name);
+    const std::uint64_t hash = hash_of_ten_seconds();
+    EXPECT_EQ(hash, 0xf05eb904d098a823u) << variant->name << " 0x" << std::hex << hash;
+  }
+  se::use_kernels(at_load);
 }
 
 }  // namespace
