@@ -13,6 +13,7 @@ namespace se {
 extern const SpectralKernels kAvx2Spectral;
 extern const EchoKernels kAvx2Echo;
 extern const NnKernels kAvx2Nn;
+extern const NoiseKernels kAvx2Noise;
 extern const SampleKernels kAvx2Sample;
 
 extern const NnKernels kAvx512Nn;

@@ -45,6 +45,17 @@ class Values {
     for (float& x : v) x = real(range);
     return v;
   }
+  // The same with zeros for subnormals. (Asking for the class of a subnormal gives that of a zero
+  // in the mode that the library sets.)
+  std::vector<float> normal_reals(int n, Range range) {
+    std::vector<float> v = reals(n, range);
+    for (float& x : v) {
+      std::uint32_t bits;
+      std::memcpy(&bits, &x, sizeof bits);
+      if ((bits & 0x7f800000u) == 0) x = 0.0f;
+    }
+    return v;
+  }
   std::vector<zel_lcomplex> complexes(int n, Range range) {
     std::vector<zel_lcomplex> v(static_cast<std::size_t>(n));
     for (zel_lcomplex& x : v) x = {real(range), real(range)};
@@ -192,6 +203,33 @@ TEST(Kernels, ElementWise) {
       k.nn->gru_blend(x, y, arrays.place(s), n, arrays.place(c));
       k.nn->tanh(x, n);
       k.nn->sigmoid(y, n);
+    };
+  });
+}
+
+// Powers come from arithmetic, which leaves no subnormals; what choosing between a subnormal and
+// another value gives depends on the instruction.
+TEST(Kernels, Noise) {
+  for_lengths("noise", [](Values& v, int n, Range range) -> Call {
+    std::vector<std::vector<float>> frames;
+    for (int i = 0; i < 6; ++i) frames.push_back(v.normal_reals(n, range));
+    const auto a = v.normal_reals(n, range), b = v.normal_reals(n, range),
+               c = v.normal_reals(n, range);
+    std::vector<float> ages = a;
+    for (float& age : ages) age = static_cast<float>(v.pick(12));
+    const int count = 1 + v.pick(6);
+    return [=](const Kernels& k, Arrays& arrays) {
+      const float* placed[6];
+      for (std::size_t i = 0; i < 6; ++i) placed[i] = arrays.place(frames[i]);
+      float *x = arrays.place(a), *y = arrays.place(b), *ratio = arrays.place(c);
+      k.noise->mean_of_frames(placed, count, arrays.place(a), n);
+      k.noise->track_minima(x, {y, arrays.place(c), arrays.place(ages)}, 6.0f, 11.0f, 1e10f, n);
+      k.noise->follow(x, 0.25f, arrays.place(b), n);
+      k.noise->scale_above(x, 4.0f, 0.1f, arrays.place(c), n);
+      k.noise->excess_ratio(x, y, ratio, n);
+      k.noise->wiener_gain(x, y, ratio, 0.98f, arrays.place(c), n);
+      if (n >= 2) k.noise->smooth_gain(x, 0.2f, arrays.place(c), n);
+      k.noise->kept_power(x, y, arrays.place(c), n);
     };
   });
 }
