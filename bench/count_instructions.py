@@ -6,7 +6,7 @@
 runs `PROGRAM FROM ARG ...` and `PROGRAM TO ARG ...` with the plugin count_instructions.c (compiled
 on first use, next to the counts, in a temporary folder) and prints the difference per frame: in all
 and for every function that makes up at least a thousandth. Start-up, and whatever else both runs do,
-cancels. PROGRAM takes the number of frames as its first argument (run_frames.cpp is such a program)
+cancels. PROGRAM takes the number of frames as its first argument (frame_driver.cpp is such a program)
 and should be linked statically and not stripped; the environment, SPEECHENHANCE_KERNELS for one, is
 passed on.
 """

@@ -134,37 +134,62 @@ inline void store8(float* x, Float32x8 v) {
   vst1q_f32(x + 4, v.high);
 }
 
-// The three rows run side by side in the lanes of one vector, bin by bin.
+// The three rows lie side by side in the lanes, the fourth counts nowhere. A band is complete when
+// the bins of the next one start.
 void pool(const BinShares& shares, const float* x, int x_stride, float* y, int y_stride) {
-  int band = 0;
-  float32x4_t own = vdupq_n_f32(0.0f), next = own;
-  const auto store = [&](int at, float32x4_t v) {
-    vst1q_lane_f32(y + at, v, 0);
-    vst1q_lane_f32(y + at + y_stride, v, 1);
-    vst1q_lane_f32(y + at + 2 * y_stride, v, 2);
+  float32x4_t own = vdupq_n_f32(0.0f);
+  float32x4_t next = own;
+  const auto store = [y_stride](float* to, float32x4_t v) {
+    vst1q_lane_f32(to, v, 0);
+    vst1q_lane_f32(to + y_stride, v, 1);
+    vst1q_lane_f32(to + 2 * y_stride, v, 2);
   };
-  for (int k = 0; k < shares.bins; ++k) {
+  int band = 0;
+  const auto add_bin = [&](int k, float32x4_t v) {
     if (shares.band[k] != band) {
-      store(band++, own);
+      ++band;
+      store(y++, own);
       own = next;
       next = vdupq_n_f32(0.0f);
     }
-    float32x4_t v = vld1q_dup_f32(x + k);
-    v = vld1q_lane_f32(x + k + x_stride, v, 1);
-    v = vld1q_lane_f32(x + k + 2 * x_stride, v, 2);
     const float32x4_t f = vld1q_dup_f32(shares.fraction + k);
     const float32x4_t r = vld1q_dup_f32(shares.inverse_width + k);
     next = vfmaq_f32(next, vmulq_f32(f, v), r);
     own = vfmaq_f32(own, vsubq_f32(vdupq_n_f32(1.0f), f), vmulq_f32(v, r));
+  };
+  int k = 0;
+  for (; k + 4 <= shares.bins; k += 4, x += 4) {
+    const float32x4_t c = vld1q_f32(x + 2 * x_stride);
+    const float32x4x2_t ab = vtrnq_f32(vld1q_f32(x), vld1q_f32(x + x_stride));
+    const float32x4x2_t cc = vtrnq_f32(c, c);
+    add_bin(k, vcombine_f32(vget_low_f32(ab.val[0]), vget_low_f32(cc.val[0])));
+    add_bin(k + 1, vcombine_f32(vget_low_f32(ab.val[1]), vget_low_f32(cc.val[1])));
+    add_bin(k + 2, vcombine_f32(vget_high_f32(ab.val[0]), vget_high_f32(cc.val[0])));
+    add_bin(k + 3, vcombine_f32(vget_high_f32(ab.val[1]), vget_high_f32(cc.val[1])));
   }
-  store(band, own);
-  store(band + 1, next);
+  for (; k < shares.bins; ++k, ++x) {
+    float32x4_t v = vdupq_n_f32(0.0f);
+    v = vld1q_lane_f32(x, v, 0);
+    v = vld1q_lane_f32(x + x_stride, v, 1);
+    add_bin(k, vld1q_lane_f32(x + 2 * x_stride, v, 2));
+  }
+  store(y, own);
+  store(y + 1, next);
 }
 
-// Neighbouring bins share a band or have bands next to each other, at no fixed distance: looking
-// their values up costs as much as all the rest.
 void expand(const BinShares& shares, const float* x, float* y) {
-  kScalarNn.expand(shares, x, y);
+  BinShares at = shares;
+  for (int steps = shares.bins / 4; steps > 0; --steps, y += 4) {
+    const auto band_and_next = [&](int i) { return vld1_f32(x + at.band[i]); };
+    const float32x4x2_t values = vuzpq_f32(vcombine_f32(band_and_next(0), band_and_next(1)),
+                                           vcombine_f32(band_and_next(2), band_and_next(3)));
+    const float32x4_t f = vld1q_f32(at.fraction);
+    const float32x4_t share = vsubq_f32(vdupq_n_f32(1.0f), f);
+    const float32x4_t value = vfmaq_f32(vmulq_f32(values.val[1], f), values.val[0], share);
+    vst1q_f32(y, vmulq_f32(value, vld1q_f32(at.inverse_width)));
+    at = {at.bins - 4, at.band + 4, at.fraction + 4, at.inverse_width + 4};
+  }
+  kScalarNn.expand(at, x, y);
 }
 
 void compress(const float* x, int n, float* y) {

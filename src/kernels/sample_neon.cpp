@@ -24,19 +24,17 @@ void float_to_s16(const float* in, std::int16_t* out, int n) {
   kScalarSample.float_to_s16(in, out, n % 4);
 }
 
-// Maxima of non-negative floats are those of their bits. A NaN's bits lie above infinity's: it is
-// taken as 0.
 float peak(const float* x, int n) {
-  const uint32x4_t infinity = vdupq_n_u32(0x7f800000u);
-  uint32x4_t largest = vdupq_n_u32(0);
+  float32x4_t largest = vdupq_n_f32(0.0f);
   for (int left = n; left > 0; left -= 4, x += 4) {
-    const float32x4_t v = left >= 4 ? vld1q_f32(x) : load_partial(x, left);
-    const uint32x4_t magnitude = vreinterpretq_u32_f32(vabsq_f32(v));
-    largest = vmaxq_u32(largest, vandq_u32(magnitude, vcleq_u32(magnitude, infinity)));
+    const float32x4_t magnitude = vabsq_f32(left >= 4 ? vld1q_f32(x) : load_partial(x, left));
+    const uint32x4_t a_number = at_or_above(magnitude, magnitude);
+    largest = vmaxq_f32(
+        largest, vreinterpretq_f32_u32(vandq_u32(vreinterpretq_u32_f32(magnitude), a_number)));
   }
-  uint32x2_t pair = vmax_u32(vget_low_u32(largest), vget_high_u32(largest));
-  pair = vpmax_u32(pair, pair);
-  return vget_lane_f32(vreinterpret_f32_u32(pair), 0);
+  float32x2_t pair = vmax_f32(vget_low_f32(largest), vget_high_f32(largest));
+  pair = vpmax_f32(pair, pair);
+  return vget_lane_f32(pair, 0);
 }
 
 // Indices are exact in single precision, so that stepping them by 4 is the same as converting them.
