@@ -231,8 +231,13 @@ def section_limit(r):
             ratios = [f"{r.times[f'full/{v}'].median / time.median:.2f}" for v in r.variants]
             rows.append((name.split("/")[1], time.text(2), f"{r.stream_bytes / time.median / 1000:.0f}", *ratios))
     lines += table(("multiply-add", "µs", "GB/s", *(f"{v} frame / limit" for v in r.variants)), rows)
+    products = CONV_PRODUCTS + DENSE_PRODUCTS
+    alone = products / r.stream_bytes * r.times[r.limits["int16"]].median
     return lines + ["", "`bytes` multiplies the weights as they lie, by 8-bit values: the plain limit. `int16` widens "
-                    "them to 16 bits first, as exact products with the denoiser's 16-bit activations need it."]
+                    "them to 16 bits first, as exact products with the denoiser's 16-bit activations need it. The "
+                    f"convolutions use their weights at many positions, so that a frame takes "
+                    f"{products / r.stream_bytes:.2f} products per weight: at the rate of `int16` {alone:.1f} µs, "
+                    f"before anything else of the pipeline runs."]
 
 
 def section_scale(r, folder):

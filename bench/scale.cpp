@@ -116,7 +116,7 @@ int main(int argc, char** argv) {
     const std::size_t bytes = (allocated_bytes() - bytes_before) / engines.size();
     for (std::size_t f = 0; f < 8; ++f) round_of(engines, 0, 1, f, scene);
     const int rounds = std::max(5, std::min(most_rounds, kMostFrames / count));
-    for (const std::size_t threads : {1, 2}) {
+    for (const std::size_t threads : {std::size_t{1}, std::size_t{2}}) {
       const Timing timing = time_rounds(engines, threads, rounds, scene);
       std::fprintf(
           output,

@@ -152,12 +152,12 @@ Scene::Scene(int frames, std::uint32_t seed) : frames_(frames) {
     // The far end talks for three seconds of every five.
     const float played = i % 80000 < 48000 ? far.next() : 0.0f;
     const float voice = near.next();
-    rumble = 0.98f * rumble + 0.002f * noise.next();
+    rumble = 0.98f * rumble + 0.01f * noise.next();
     ref_[i] = played;
     float* const block = mics_.data() + i / kBlock * 2 * kBlock + i % kBlock;
     for (int c = 0; c < 2; ++c) {
       block[c * kBlock] = near_room[c].next(voice) + 0.7f * far_room[c].next(played) + rumble +
-                          0.002f * noise.next();
+                          0.008f * noise.next();
     }
     mic1_[kTransformLen + i] = block[kBlock];
     mic_pcm_[i] = to_pcm(block[kBlock]);

@@ -21,9 +21,10 @@ std::int32_t sum_of(const std::int32_t* lanes, int count) {
 
 #if defined(__x86_64__)
 
-#pragma GCC push_options
-#pragma GCC target("avx512f,avx512bw,avx512vl,avx512vnni")
-std::int32_t bytes_avx512(const WeightTable& table) {
+#define SE_AVX512 __attribute__((target("avx512f,avx512bw,avx512vl,avx512vnni")))
+#define SE_AVX2 __attribute__((target("avx2")))
+
+SE_AVX512 std::int32_t bytes_avx512(const WeightTable& table) {
   const __m512i pattern = _mm512_set1_epi32(0x03010201);
   __m512i s0 = {}, s1 = {}, s2 = {}, s3 = {};
   for (int i = 0; i + 256 <= table.bytes; i += 256) {
@@ -39,11 +40,11 @@ std::int32_t bytes_avx512(const WeightTable& table) {
   return sum_of(lanes, 16);
 }
 
-inline __m512i widened_512(const std::int8_t* p) {
+SE_AVX512 inline __m512i widened_512(const std::int8_t* p) {
   return _mm512_cvtepi8_epi16(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(p)));
 }
 
-std::int32_t int16_avx512(const WeightTable& table) {
+SE_AVX512 std::int32_t int16_avx512(const WeightTable& table) {
   const __m512i pattern = _mm512_set1_epi32(0x00030201);
   __m512i s0 = {}, s1 = {}, s2 = {}, s3 = {};
   for (int i = 0; i + 128 <= table.bytes; i += 128) {
@@ -58,21 +59,17 @@ std::int32_t int16_avx512(const WeightTable& table) {
   _mm512_storeu_si512(lanes, sums);
   return sum_of(lanes, 16);
 }
-#pragma GCC pop_options
-
-#pragma GCC push_options
-#pragma GCC target("avx2")
-inline __m256i byte_products(__m256i pattern, const std::int8_t* p) {
+SE_AVX2 inline __m256i byte_products(__m256i pattern, const std::int8_t* p) {
   const __m256i weights = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p));
   return _mm256_madd_epi16(_mm256_maddubs_epi16(pattern, weights), _mm256_set1_epi16(1));
 }
 
-inline __m256i int16_products(__m256i pattern, const std::int8_t* p) {
+SE_AVX2 inline __m256i int16_products(__m256i pattern, const std::int8_t* p) {
   const __m128i weights = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
   return _mm256_madd_epi16(pattern, _mm256_cvtepi8_epi16(weights));
 }
 
-std::int32_t bytes_avx2(const WeightTable& table) {
+SE_AVX2 std::int32_t bytes_avx2(const WeightTable& table) {
   const __m256i pattern = _mm256_set1_epi32(0x03010201);
   __m256i s0 = {}, s1 = {};
   for (int i = 0; i + 64 <= table.bytes; i += 64) {
@@ -84,7 +81,7 @@ std::int32_t bytes_avx2(const WeightTable& table) {
   return sum_of(lanes, 8);
 }
 
-std::int32_t int16_avx2(const WeightTable& table) {
+SE_AVX2 std::int32_t int16_avx2(const WeightTable& table) {
   const __m256i pattern = _mm256_set1_epi32(0x00030201);
   __m256i s0 = {}, s1 = {};
   for (int i = 0; i + 32 <= table.bytes; i += 32) {
@@ -95,8 +92,6 @@ std::int32_t int16_avx2(const WeightTable& table) {
   _mm256_storeu_si256(reinterpret_cast<__m256i*>(lanes), _mm256_add_epi32(s0, s1));
   return sum_of(lanes, 8);
 }
-#pragma GCC pop_options
-
 #elif defined(__ARM_NEON)
 
 std::int32_t int16_neon(const WeightTable& table) {

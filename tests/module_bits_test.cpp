@@ -5,6 +5,7 @@
 #include <cstring>
 #include <vector>
 
+#include "bit_hash.h"
 #include "guarded_region.h"
 #include "random_signal.h"
 #include "speechenhance/aec.h"
@@ -14,21 +15,6 @@
 namespace {
 
 constexpr size_t kBins = 257;
-
-class Fnv1a {
- public:
-  template <class T>
-  void add(const std::vector<T>& values) {
-    const auto* bytes = reinterpret_cast<const unsigned char*>(values.data());
-    for (size_t i = 0; i < values.size() * sizeof(T); ++i) {
-      hash_ = (hash_ ^ bytes[i]) * 1099511628211u;
-    }
-  }
-  std::uint64_t value() const { return hash_; }
-
- private:
-  std::uint64_t hash_ = 14695981039346656037u;
-};
 
 std::vector<zel_lcomplex> random_spectrum(RandomSignal& random, float scale) {
   std::vector<zel_lcomplex> x(kBins);
@@ -62,7 +48,7 @@ TEST(ModuleBits, AreTheSameEverywhere) {
   AgcCore* agc = agc_core_init(agc_mem.data(), nullptr, 22.75f);
   LimiterStruct* limiter = limiter_init(limiter_mem.data());
 
-  Fnv1a aec_hash, noise_hash, agc_hash, limiter_hash;
+  BitHash aec_hash, noise_hash, agc_hash, limiter_hash;
   RandomSignal random(2024);
   std::vector<zel_lcomplex> suppressed(kBins);
   std::vector<float> noise(kBins);

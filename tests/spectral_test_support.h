@@ -1,5 +1,5 @@
-// Shared by the tests of the transforms: memory with guards, repeatable signals, and the transform
-// by its definition in double precision.
+// Shared by the tests of the transforms: random spectra, and the transform by its definition in
+// double precision.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -10,67 +10,40 @@
 #include <cstdint>
 #include <vector>
 
+#include "guarded_region.h"
+#include "random_signal.h"
 #include "speechenhance/types.h"
 
 namespace spectral_test {
 
-// `size` zeroed bytes at `misalignment` bytes past a 16-byte boundary, between guard bytes.
-class GuardedMemory {
- public:
-  explicit GuardedMemory(std::size_t size, std::size_t misalignment = 0)
-      : size_(size), bytes_(size + 2 * kGuard + 32, kPattern) {
-    const auto address = reinterpret_cast<std::uintptr_t>(bytes_.data()) + kGuard;
-    offset_ = kGuard + (16 - address % 16) % 16 + misalignment;
-    for (std::size_t i = 0; i < size; ++i) bytes_[offset_ + i] = 0;
-  }
-
-  void* get() { return bytes_.data() + offset_; }
-
-  bool holds(const void* p) const {
-    const auto* byte = static_cast<const unsigned char*>(p);
-    return byte >= bytes_.data() + offset_ && byte < bytes_.data() + offset_ + size_;
-  }
-
-  bool guards_intact() const {
-    for (std::size_t i = 0; i < bytes_.size(); ++i) {
-      if ((i < offset_ || i >= offset_ + size_) && bytes_[i] != kPattern) return false;
-    }
-    return true;
-  }
-
- private:
-  static constexpr std::size_t kGuard = 64;
-  static constexpr unsigned char kPattern = 0xA5;
-  std::size_t size_;
-  std::size_t offset_;
-  std::vector<unsigned char> bytes_;
-};
-
 // Numbers in [-1, 1) that are the same on every machine.
 class Noise {
  public:
-  explicit Noise(std::uint32_t seed) : state_(seed) {}
-
-  float next() {
-    state_ = state_ * 1664525u + 1013904223u;
-    return static_cast<float>(static_cast<std::int32_t>(state_) >> 8) / 8388608.0f;
-  }
+  explicit Noise(std::uint64_t seed) : random_(seed) {}
 
   std::vector<float> reals(int n) {
     std::vector<float> values(static_cast<std::size_t>(n));
-    for (float& v : values) v = next();
+    for (float& v : values) v = random_.uniform();
     return values;
   }
 
   std::vector<zel_lcomplex> complexes(int n) {
     std::vector<zel_lcomplex> values(static_cast<std::size_t>(n));
-    for (zel_lcomplex& v : values) v = {next(), next()};
+    for (zel_lcomplex& v : values) {
+      v.re = random_.uniform();
+      v.im = random_.uniform();
+    }
     return values;
   }
 
  private:
-  std::uint32_t state_;
+  RandomSignal random_;
 };
+
+// An opaque record, for GuardedRegion::holds.
+inline const std::uint8_t* bytes_of(const void* record) {
+  return static_cast<const std::uint8_t*>(record);
+}
 
 using Complexes = std::vector<std::complex<double>>;
 
@@ -117,23 +90,5 @@ inline double largest_difference(const Complexes& a, const Complexes& b) {
 constexpr std::size_t grown(std::size_t published, std::size_t growth_with_8_byte_pointers) {
   return sizeof(void*) == 4 ? published : published + growth_with_8_byte_pointers;
 }
-
-// FNV-1a over the bytes of floats.
-class BitHash {
- public:
-  void add(const void* data, std::size_t size) {
-    for (std::size_t i = 0; i < size; ++i) {
-      hash_ = (hash_ ^ static_cast<const unsigned char*>(data)[i]) * 1099511628211u;
-    }
-  }
-  template <class T>
-  void add(const std::vector<T>& values) {
-    add(values.data(), values.size() * sizeof(T));
-  }
-  std::uint64_t value() const { return hash_; }
-
- private:
-  std::uint64_t hash_ = 14695981039346656037u;
-};
 
 }  // namespace spectral_test

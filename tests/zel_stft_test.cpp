@@ -16,7 +16,7 @@ struct Stft {
         bins(static_cast<std::size_t>(n / 2 + 1)),
         mem(zel_stft_query_mem(n, synthesis), misalignment),
         scratch(zel_stft_query_scratch(n), misalignment),
-        state(zel_stft_init(mem.get(), scratch.get(), window, n, hop_size, synthesis)) {}
+        state(zel_stft_init(mem.data(), scratch.data(), window, n, hop_size, synthesis)) {}
 
   std::vector<zel_lcomplex> analyse(const float* samples) {
     std::vector<zel_lcomplex> spectrum(bins);
@@ -25,19 +25,19 @@ struct Stft {
   }
 
   std::vector<float> synthesise(const std::vector<zel_lcomplex>& spectrum, bool normalised = true) {
-    GuardedMemory out(static_cast<std::size_t>(hop) * sizeof(float));
-    auto* samples = static_cast<float*>(out.get());
+    GuardedRegion out(static_cast<std::size_t>(hop) * sizeof(float));
+    auto* samples = reinterpret_cast<float*>(out.data());
     EXPECT_EQ(normalised ? zel_stft_synthesis_envelop(state, spectrum.data(), samples)
                          : zel_stft_synthesis(state, spectrum.data(), samples),
               0);
-    EXPECT_TRUE(mem.guards_intact() && scratch.guards_intact() && out.guards_intact());
+    EXPECT_TRUE(mem.intact() && scratch.intact() && out.intact());
     return {samples, samples + hop};
   }
 
   int hop;
   std::size_t bins;
-  GuardedMemory mem;
-  GuardedMemory scratch;
+  GuardedRegion mem;
+  GuardedRegion scratch;
   stft_state* state;
 };
 
@@ -90,14 +90,14 @@ TEST(Window, IsThePeriodicHannWindowToSixDecimals) {
   EXPECT_NEAR(sum, 255.999994, 5e-7);
   EXPECT_NEAR(squares, 191.999994, 5e-7);
 
-  GuardedMemory copy(512 * sizeof(float));
-  auto* out = static_cast<float*>(copy.get());
+  GuardedRegion copy(512 * sizeof(float));
+  auto* out = reinterpret_cast<float*>(copy.data());
   zel_stft_generate_win(0, out);
   zel_stft_generate_win(-3, out);
   EXPECT_EQ(out[1], 0.0f);
   zel_stft_generate_win(512, out);
   EXPECT_EQ(std::memcmp(out, p_win_tmp, 512 * sizeof(float)), 0);
-  EXPECT_TRUE(copy.guards_intact());
+  EXPECT_TRUE(copy.intact());
 }
 
 // The twiddles of six decimals leave an error 122 dB below the signal: for full-scale white noise
@@ -198,7 +198,7 @@ TEST(Stft, ResetForgetsThePast) {
 TEST(Stft, AnalysisChangesOnlyItsHistoryAndTheScratch) {
   Stft stft(false, 512, 160, p_win_tmp);
   const std::size_t size = zel_stft_query_mem(512, 0);
-  const auto* bytes = static_cast<const unsigned char*>(stft.mem.get());
+  const auto* bytes = static_cast<const unsigned char*>(stft.mem.data());
   const std::vector<unsigned char> before(bytes, bytes + size);
   const std::vector<float> x = Noise(10).reals(160);
   stft.analyse(x.data());
@@ -234,7 +234,7 @@ TEST(Stft, OddAndTinyLengthsStayInTheirMemory) {
           EXPECT_EQ(std::isfinite(spectrum[0].re), true);
         }
       }
-      EXPECT_TRUE(analysis.mem.guards_intact() && analysis.scratch.guards_intact());
+      EXPECT_TRUE(analysis.mem.intact() && analysis.scratch.intact());
     }
   }
 }
@@ -248,11 +248,12 @@ TEST(Stft, MemoryFollowsThePublishedFigures) {
   for (std::size_t misalignment = 0; misalignment < 17; ++misalignment) {
     Stft analysis(false, 512, 160, p_win_tmp, misalignment);
     Stft synthesis(true, 512, 160, p_win_tmp, misalignment);
-    EXPECT_TRUE(analysis.mem.holds(analysis.state) && synthesis.mem.holds(synthesis.state));
+    EXPECT_TRUE(analysis.mem.holds(bytes_of(analysis.state), 1, 4) &&
+                synthesis.mem.holds(bytes_of(synthesis.state), 1, 4));
     const std::vector<float> x = Noise(11).reals(160 * 6);
     const std::vector<float> y = chain(analysis, synthesis, x);
     EXPECT_NEAR(y[352 + 100], x[100], 3e-6);
-    EXPECT_TRUE(analysis.mem.guards_intact() && analysis.scratch.guards_intact());
+    EXPECT_TRUE(analysis.mem.intact() && analysis.scratch.intact());
   }
   EXPECT_EQ(zel_stft_destroy(nullptr), 0);
 }

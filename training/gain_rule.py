@@ -12,7 +12,7 @@ from training.library import SHAPE
 
 FAR_END_ENERGY = 0.01  # reference energy above which the far-end rule holds
 FAR_END_GATE = 0.1  # squared gains below it become 0
-QUIET_SUM = 2.57  # raw gains of bins 0..127 that sum below this mark a quiet frame
+LEAK = 0.25  # of the gate in training, where speech is lost
 
 
 def make_up() -> np.ndarray:
@@ -36,13 +36,18 @@ class GainRule:
         """Band values (..., bands) -> gains (..., bins) before reshaping."""
         return values @ self.expansion
 
-    def applied(self, raw: torch.Tensor, far_end: torch.Tensor) -> torch.Tensor:
+    def applied(self, raw: torch.Tensor, far_end: torch.Tensor,
+                speech: torch.Tensor | None = None) -> torch.Tensor:
         """Gains that the spectrum is multiplied with; `far_end` (...) is the rule of each frame.
-        The gate is invisible to the gradient, so that a closed bin can open again."""
+
+        For training, `speech` (..., bins) marks bins that hold speech: there the gate lets a quarter
+        through, so that a loss whose slope vanishes at zero can open it again. The gradient passes
+        straight through the gate everywhere."""
         squared = raw * raw
-        closed = torch.where(squared < FAR_END_GATE, squared, torch.zeros_like(squared))
-        gated = squared - closed.detach()
-        return torch.where(far_end.unsqueeze(-1), gated, raw) * self.make_up
+        closed = torch.where(squared < FAR_END_GATE, squared, torch.zeros_like(squared)).detach()
+        if speech is not None:
+            closed = closed * (1 - LEAK * speech)
+        return torch.where(far_end.unsqueeze(-1), squared - closed, raw) * self.make_up
 
     def ceiling(self, far_end: torch.Tensor) -> torch.Tensor:
         """The highest gain, at most 1, that the rule can apply per bin."""

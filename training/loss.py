@@ -30,6 +30,7 @@ class Weights:
 EXPONENT = 0.3
 FLOOR = 2e-3  # of the gain, keeps the compressed gain's slope finite
 AUDIBLE = 1e-5  # power of a third octave, against 1 for the mean bin of a talker
+HOLDS_SPEECH = 0.1 ** EXPONENT  # of the mixture, for a bin that the far-end gate should not close
 SEGMENT = 38  # frames of an envelope segment, 384 ms
 
 
@@ -89,7 +90,7 @@ class Loss:
         """values (B, T, bands); mixture, target (B, T, bins) compressed magnitudes, normalised per
         scene; cosine (B, T, bins) of the angle between them; far_end (B, T) -> loss, parts."""
         w = self.weights
-        gain = self.rule.applied(self.rule.raw(values), far_end)
+        gain = self.rule.applied(self.rule.raw(values), far_end, target > HOLDS_SPEECH * mixture)
         wanted = target * self.rule.ceiling(far_end) ** EXPONENT
         spectral = _SpectralError.apply(gain, mixture, wanted, cosine, self.bins, w)
 

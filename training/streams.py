@@ -5,8 +5,10 @@ import dataclasses
 
 import numpy as np
 import torch
+import torch.multiprocessing as mp
 
 from training import library, scenes
+from training.errors import TrainingError
 from training.gain_rule import FAR_END_ENERGY
 from training.library import SHAPE
 from training.loss import EXPONENT
@@ -94,3 +96,33 @@ class Streams:
             self.position[i] += 1
         tensors = [torch.from_numpy(np.stack(arrays)) for arrays in zip(*parts)]
         return tensors, torch.from_numpy(fresh)
+
+
+class Renderers:
+    """The same from processes of their own, for a machine whose training device is not its CPU: each
+    renders its share of the streams a few windows ahead."""
+
+    AHEAD = 3  # windows per process
+
+    def __init__(self, make_streams, processes: int, batch: int):
+        """`make_streams(number, batch)` -> Streams; called in the new process, so it must be a
+        function of a module."""
+        if batch % processes:
+            raise TrainingError(f"{batch} streams do not divide among {processes} renderers")
+        context = mp.get_context("spawn")
+        self.queues = [context.Queue(self.AHEAD) for _ in range(processes)]
+        for number, queue in enumerate(self.queues):
+            context.Process(target=_render, daemon=True,
+                            args=(queue, make_streams, number, batch // processes)).start()
+
+    def next_windows(self):
+        parts = [queue.get(timeout=300) for queue in self.queues]
+        tensors = [torch.cat(arrays) for arrays in zip(*(p[0] for p in parts))]
+        return tensors, torch.cat([p[1] for p in parts])
+
+
+def _render(queue, make_streams, number: int, batch: int) -> None:
+    torch.set_num_threads(1)
+    streams = make_streams(number, batch)
+    while True:
+        queue.put(streams.next_windows())

@@ -7,6 +7,7 @@ that uses small machines far better than several threads in one process."""
 import argparse
 import ctypes
 import dataclasses
+import functools
 import json
 import math
 import time
@@ -22,7 +23,7 @@ from training.library import SHAPE
 from training.loss import SEGMENT, Loss, Weights
 from training.network import Denoiser
 from training.scenes import Mixer
-from training.streams import Streams
+from training.streams import Renderers, Streams
 
 GRADIENT_LIMIT = 1.0
 NORMALISATION_RATE = 3.0  # learning rate of the normalisation scales over the others'
@@ -41,6 +42,8 @@ def parse() -> argparse.Namespace:
     parser.add_argument("--batch", type=int, default=16, help="streams per process")
     parser.add_argument("--window", type=int, default=128, help="frames per step")
     parser.add_argument("--processes", type=int, default=2)
+    parser.add_argument("--renderers", type=int, default=0,
+                        help="processes that render scenes (with --device cuda: about the CPU's cores)")
     parser.add_argument("--average-every", type=int, default=8, help="steps between averaging")
     parser.add_argument("--reuse", type=float, default=0.5, help="share of scenes seen before")
     parser.add_argument("--save-every", type=float, default=120, help="seconds")
@@ -61,28 +64,36 @@ def starting_point(arguments) -> tuple[dict, dict, dict]:
         return weights, {k: v.clone() for k, v in weights.items()}, counters
     torch.manual_seed(arguments.seed or 0)
     network = Denoiser()
-    streams = Streams(Mixer(Library(arguments.cache, False), SHAPE.sample_rate, 0), 16, 128)
+    streams = open_streams(arguments.cache, [0], arguments.window, 0.0, 0, 16)
     network.calibrate(torch.cat([streams.next_windows()[0][0] for _ in range(4)]))
     weights = network.state_dict()
     return weights, {k: v.clone() for k, v in weights.items()}, counters
 
 
-class Averager:
-    """Averages the parameters of all processes through shared memory."""
+class Team:
+    """Processes that train together: averages their parameters through shared memory."""
+
+    PATIENCE = 300  # seconds to wait for the others
 
     def __init__(self, processes: int, size: int):
         self.rows = torch.zeros(processes, size).share_memory_()
+        self.finished = torch.zeros(1).share_memory_()
         self.barrier = mp.get_context("spawn").Barrier(processes)
 
-    def __call__(self, rank: int, parameters: list[torch.Tensor]) -> None:
+    def average(self, rank: int, parameters: list[torch.Tensor], finished: bool) -> bool:
+        """Returns whether rank 0 has finished, the same answer in every process."""
         self.rows[rank] = torch.cat([p.detach().cpu().reshape(-1) for p in parameters])
-        self.barrier.wait(timeout=300)
+        if rank == 0:
+            self.finished[0] = float(finished)
+        self.barrier.wait(timeout=self.PATIENCE)
         mean, at = self.rows.mean(0), 0
         with torch.no_grad():
             for p in parameters:
                 p.copy_(mean[at:at + p.numel()].reshape(p.shape))
                 at += p.numel()
-        self.barrier.wait(timeout=300)
+        finished = bool(self.finished[0])
+        self.barrier.wait(timeout=self.PATIENCE)
+        return finished
 
 
 def learning_rate(arguments, elapsed: float, steps: int) -> float:
@@ -92,6 +103,12 @@ def learning_rate(arguments, elapsed: float, steps: int) -> float:
         rate = arguments.final_rate + (rate - arguments.final_rate) * (
             0.5 + 0.5 * math.cos(math.pi * progress))
     return rate * min(1.0, (steps + 1) / WARM_UP_STEPS)
+
+
+def open_streams(cache: Path, seed: list[int], window: int, reuse: float, number: int,
+                 batch: int) -> Streams:
+    mixer = Mixer(Library(cache, False), SHAPE.sample_rate, [*seed, number])
+    return Streams(mixer, batch, window, reuse)
 
 
 def keep_memory() -> None:
@@ -106,85 +123,98 @@ def keep_memory() -> None:
     libc.mallopt(mmap_threshold, 2 ** 30)
 
 
-def run(rank: int, arguments, start, averager: Averager | None) -> None:
+class Trainer:
+    """One process: its network, optimiser and streams."""
+
+    def __init__(self, rank: int, arguments, start):
+        weights, average, self.counters = start
+        self.rank, self.arguments = rank, arguments
+        self.device = torch.device(arguments.device)
+        self.network = Denoiser().to(self.device)
+        self.network.load_state_dict(weights)
+        self.average = {k: v.to(self.device) for k, v in average.items()}
+        self.loss = Loss(Weights(**{f.name: getattr(arguments, f.name)
+                                    for f in dataclasses.fields(Weights)}), self.device)
+        scales = [p for n, p in self.network.named_parameters() if "gamma" in n or "beta" in n]
+        rest = [p for n, p in self.network.named_parameters() if "gamma" not in n and "beta" not in n]
+        self.optimiser = torch.optim.Adam([{"params": rest, "factor": 1.0},
+                                           {"params": scales, "factor": NORMALISATION_RATE}], lr=0.0,
+                                          betas=(0.9, 0.98))
+        self.parameters = list(self.network.parameters())
+        seed = arguments.seed if arguments.seed is not None else self.counters["steps"]
+        make_streams = functools.partial(open_streams, arguments.cache, [seed, rank],
+                                         arguments.window, arguments.reuse)
+        self.streams = (Renderers(make_streams, arguments.renderers, arguments.batch)
+                        if arguments.renderers else make_streams(0, arguments.batch))
+        self.state = self.network.initial_state(arguments.batch).to(self.device)
+        self.steps = self.reported_steps = 0
+        self.sums: dict[str, float] = {}
+        self.started = self.reported = time.monotonic()
+
+    def step(self) -> None:
+        tensors, fresh = self.streams.next_windows()
+        features, mixture, target, cosine, far_end = (t.to(self.device) for t in tensors)
+        self.state[:, :, fresh.to(self.device)] = 0
+        values, self.state = self.network(features, self.state)
+        loss, parts = self.loss(values, mixture, target, cosine, far_end)
+        if not torch.isfinite(loss):
+            raise TrainingError(f"the loss became {loss.item()} after {self.steps} steps; "
+                                f"{self.arguments.checkpoint} holds the last good state")
+        rate = learning_rate(self.arguments, time.monotonic() - self.started, self.steps)
+        for group in self.optimiser.param_groups:
+            group["lr"] = rate * group["factor"]
+        self.optimiser.zero_grad()
+        loss.backward()
+        torch.nn.utils.clip_grad_norm_(self.parameters, GRADIENT_LIMIT)
+        self.optimiser.step()
+        self.network.constrain()
+        self.steps += 1
+        for name, value in {"loss": loss, **parts}.items():
+            self.sums[name] = self.sums.get(name, 0.0) + value.item()
+
+    def follow(self, steps: int) -> None:
+        """Moves the averaged weights, which are the ones to evaluate and export; they look back over
+        about 300 steps, over fewer at the start of a run."""
+        keep = min(0.997, 1 - 1 / (2 + self.steps / 4)) ** steps
+        with torch.no_grad():
+            for name, value in self.network.state_dict().items():
+                self.average[name].lerp_(value, 1 - keep)
+
+    def save(self) -> None:
+        """Leaves a checkpoint and a line of progress behind."""
+        arguments, now = self.arguments, time.monotonic()
+        frames = arguments.batch * arguments.window
+        totals = {"steps": self.counters["steps"] + self.steps,
+                  "frames": self.counters["frames"] + self.steps * frames * arguments.processes,
+                  "seconds": self.counters["seconds"] + now - self.started}
+        checkpoint.save(arguments.checkpoint, self.network.state_dict(), self.average, totals)
+        count = self.steps - self.reported_steps
+        line = {"time": time.strftime("%H:%M:%S"), **totals,
+                "hours_of_audio": round(totals["frames"] * SHAPE.hop / SHAPE.sample_rate / 3600, 2),
+                "frames_per_second_and_process": round(count * frames / (now - self.reported)),
+                **{k: round(v / count, 5) for k, v in self.sums.items()}}
+        print(json.dumps(line), flush=True)
+        with open(arguments.checkpoint.with_suffix(".log"), "a") as log:
+            log.write(json.dumps(line) + "\n")
+        self.reported, self.reported_steps, self.sums = now, self.steps, {}
+
+
+def run(rank: int, arguments, start, team: Team | None) -> None:
     torch.set_num_threads(1)
     keep_memory()
-    weights, average, counters = start
-    device = torch.device(arguments.device)
-    network = Denoiser().to(device)
-    network.load_state_dict(weights)
-    average = {k: v.to(device) for k, v in average.items()}
-    loss_function = Loss(Weights(**{f.name: getattr(arguments, f.name)
-                                    for f in dataclasses.fields(Weights)}), device)
-    scales = [p for n, p in network.named_parameters() if "gamma" in n or "beta" in n]
-    rest = [p for n, p in network.named_parameters() if "gamma" not in n and "beta" not in n]
-    optimiser = torch.optim.Adam([{"params": rest, "factor": 1.0},
-                                  {"params": scales, "factor": NORMALISATION_RATE}], lr=0.0,
-                                 betas=(0.9, 0.98))
-    seed = arguments.seed if arguments.seed is not None else counters["steps"]
-    mixer = Mixer(Library(arguments.cache, False), SHAPE.sample_rate, [seed, rank])
-    streams = Streams(mixer, arguments.batch, arguments.window, arguments.reuse)
-    state = network.initial_state(arguments.batch).to(device)
-    parameters = list(network.parameters())
-    started = saved = reported = time.monotonic()
-    sums: dict[str, float] = {}
-    steps = 0
-    while True:
+    trainer = Trainer(rank, arguments, start)
+    finished = False
+    while not finished:
+        for _ in range(arguments.average_every):
+            trainer.step()
         now = time.monotonic()
-        done = torch.tensor(float(now - started > 60 * arguments.minutes))
-        tensors, fresh = streams.next_windows()
-        features, mixture, target, cosine, far_end = (t.to(device) for t in tensors)
-        state[:, :, fresh.to(device)] = 0
-        values, state = network(features, state)
-        loss, parts = loss_function(values, mixture, target, cosine, far_end)
-        if not torch.isfinite(loss):
-            raise TrainingError(f"the loss became {loss.item()} after {steps} steps; "
-                                f"{arguments.checkpoint} holds the last good state")
-        for group in optimiser.param_groups:
-            group["lr"] = learning_rate(arguments, now - started, steps) * group["factor"]
-        optimiser.zero_grad()
-        loss.backward()
-        torch.nn.utils.clip_grad_norm_(parameters, GRADIENT_LIMIT)
-        optimiser.step()
-        network.constrain()
-        steps += 1
-        for name, value in {"loss": loss, **parts}.items():
-            sums[name] = sums.get(name, 0.0) + value.item()
-        if steps % arguments.average_every:
-            continue
-        if averager:
-            averager(rank, parameters)
+        finished = now - trainer.started > 60 * arguments.minutes
+        if team:
+            finished = team.average(rank, trainer.parameters, finished)
         if rank == 0:
-            # The average follows over about 300 steps, faster at the start of a run.
-            keep = min(0.997, 1 - 1 / (2 + steps / 4)) ** arguments.average_every
-            with torch.no_grad():
-                for name, value in network.state_dict().items():
-                    average[name].lerp_(value, 1 - keep)
-        if rank == 0 and (now - saved > arguments.save_every or done):
-            totals = {"steps": counters["steps"] + steps,
-                      "frames": counters["frames"] + steps * arguments.batch * arguments.window *
-                      arguments.processes,
-                      "seconds": counters["seconds"] + now - started}
-            checkpoint.save(arguments.checkpoint, network.state_dict(), average, totals)
-            count = steps - getattr(run, "reported_steps", 0)
-            run.reported_steps = steps
-            rate = count * arguments.batch * arguments.window / (now - reported)
-            line = {"time": time.strftime("%H:%M:%S"), **totals,
-                    "hours_of_audio": round(totals["frames"] / 360000, 2),
-                    "frames_per_second_and_process": round(rate),
-                    **{k: round(v / count, 5) for k, v in sums.items()}}
-            print(json.dumps(line), flush=True)
-            with open(arguments.checkpoint.with_suffix(".log"), "a") as log:
-                log.write(json.dumps(line) + "\n")
-            saved = reported = now
-            sums = {}
-        if averager:  # all processes leave in the same round: the one whose clock decides is rank 0
-            averager.rows[0, 0] = done if rank == 0 else averager.rows[0, 0]
-            averager.barrier.wait(timeout=300)
-            done = averager.rows[0, 0].clone()
-            averager.barrier.wait(timeout=300)
-        if done:
-            return
+            trainer.follow(arguments.average_every)
+            if finished or now - trainer.reported > arguments.save_every:
+                trainer.save()
 
 
 def main() -> None:
@@ -192,15 +222,17 @@ def main() -> None:
     with reported_briefly():
         if arguments.window < SEGMENT:
             raise TrainingError(f"--window must be at least {SEGMENT} frames")
-        start = starting_point(arguments)
         if arguments.device != "cpu" and not torch.cuda.is_available():
             raise TrainingError("no CUDA device; use --device cpu")
-        size = sum(p.numel() for p in Denoiser().parameters())
+        start = starting_point(arguments)
         if arguments.processes == 1:
             run(0, arguments, start, None)
-        else:
-            averager = Averager(arguments.processes, size)
-            mp.spawn(run, (arguments, start, averager), arguments.processes)
+            return
+        team = Team(arguments.processes, sum(p.numel() for p in Denoiser().parameters()))
+        try:
+            mp.spawn(run, (arguments, start, team), arguments.processes)
+        except mp.ProcessRaisedException as error:
+            raise TrainingError(str(error).strip().splitlines()[-1]) from error
 
 
 if __name__ == "__main__":
