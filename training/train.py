@@ -61,6 +61,7 @@ def starting_point(arguments) -> tuple[dict, dict, dict]:
     counters = {"steps": 0, "frames": 0, "seconds": 0.0}
     if arguments.start_from:
         weights = checkpoint.import_masters(arguments.start_from)
+        counters["warm start"] = True
         return weights, {k: v.clone() for k, v in weights.items()}, counters
     torch.manual_seed(arguments.seed or 0)
     network = Denoiser()
@@ -184,7 +185,7 @@ class Trainer:
         """Leaves a checkpoint and a line of progress behind."""
         arguments, now = self.arguments, time.monotonic()
         frames = arguments.batch * arguments.window
-        totals = {"steps": self.counters["steps"] + self.steps,
+        totals = {**self.counters, "steps": self.counters["steps"] + self.steps,
                   "frames": self.counters["frames"] + self.steps * frames * arguments.processes,
                   "seconds": self.counters["seconds"] + now - self.started}
         checkpoint.save(arguments.checkpoint, self.network.state_dict(), self.average, totals)
