@@ -45,7 +45,7 @@ def parse() -> argparse.Namespace:
     parser.add_argument("--renderers", type=int, default=0,
                         help="processes that render scenes (with --device cuda: about the CPU's cores)")
     parser.add_argument("--average-every", type=int, default=8, help="steps between averaging")
-    parser.add_argument("--reuse", type=float, default=0.5, help="share of scenes seen before")
+    parser.add_argument("--reuse", type=float, default=0.65, help="share of scenes seen before")
     parser.add_argument("--save-every", type=float, default=120, help="seconds")
     parser.add_argument("--device", default="cpu", help="cpu or cuda")
     parser.add_argument("--seed", type=int, default=None, help="default: goes on from the checkpoint")
