@@ -23,8 +23,8 @@ const Kernels kAvx2Kernels = {"avx2",   &kAvx2Spectral, &kAvx2Echo,
                               &kAvx2Nn, &kAvx2Noise,    &kAvx2Sample};
 
 // The rooms that gain nothing from 512 bits keep their AVX2 kernels.
-const Kernels kAvx512Kernels = {"avx512", &kAvx2Spectral, &kAvx2Echo,
-                                &kAvx2Nn, &kAvx2Noise,    &kAvx2Sample};
+const Kernels kAvx512Kernels = {"avx512",   &kAvx2Spectral, &kAvx2Echo,
+                                &kAvx512Nn, &kAvx2Noise,    &kAvx2Sample};
 
 // The built-in asks the operating system as well: it must save the wide registers.
 bool runs_avx2() {

@@ -9,16 +9,12 @@
 // Activations: eight values per vector, the operations of the scalar code in their order.
 #include "kernels/nn_avx2.h"
 
-#include "kernels/avx2.h"
+#include "kernels/nn_x86.h"
 #include "kernels/tanh.h"
 #include "kernels/variants.h"
 
 namespace se {
 namespace {
-
-__m256 fill(float x) {
-  return _mm256_set1_ps(x);
-}
 
 __m256i widen16(const std::int8_t* w) {
   return _mm256_cvtepi8_epi16(_mm_loadu_si128(reinterpret_cast<const __m128i*>(w)));
@@ -63,127 +59,37 @@ __m256i load_first(const std::int16_t* q, int count) {
   return _mm256_and_si256(load16(q), load16(kMask + 16 - count));
 }
 
-// The length of a row as a constant: loads then come from one address and loops unroll. Known<0>
-// stands for any length.
-template <int kLength>
-struct Known {
-  static constexpr int or_else(int length) { return kLength > 0 ? kLength : length; }
-};
-
-// The product of one row. For rows and columns that are left over: apart, so that it is not
-// unrolled into every place that could use it.
-__attribute__((noinline)) std::int32_t one_product(const std::int8_t* w, const std::int16_t* q,
-                                                   std::ptrdiff_t length) {
-  std::int32_t sum = 0;
-  for (std::ptrdiff_t i = 0; i < length; ++i) sum += w[i] * q[i];
-  return sum;
-}
-
 // Products of eight rows of weights with one vector. The sums start with what the length has beyond
 // a multiple of sixteen (or sixteen), the rest follows sixteen by sixteen.
-template <int kLength>
-__m256i products(Whole, Known<kLength> known, const std::int8_t* w, const std::int16_t* q,
-                 int length) {
-  const std::ptrdiff_t cols = known.or_else(length);
-  if (cols < 16) {
-    alignas(32) std::int32_t sum[8];
-    for (int r = 0; r < 8; ++r) sum[r] = one_product(w + r * cols, q, cols);
-    return _mm256_load_si256(reinterpret_cast<const __m256i*>(sum));
-  }
-  const std::ptrdiff_t head = (cols - 1) % 16 + 1;
-  Sums s0 = {}, s1 = s0, s2 = s0, s3 = s0, s4 = s0, s5 = s0, s6 = s0, s7 = s0;
-  const auto add_products = [&](const std::int8_t* first, __m256i x) {
-    add_product(s0, widen16(first), x);
-    add_product(s1, widen16(first + cols), x);
-    add_product(s2, widen16(first + 2 * cols), x);
-    add_product(s3, widen16(first + 3 * cols), x);
-    add_product(s4, widen16(first + 4 * cols), x);
-    add_product(s5, widen16(first + 5 * cols), x);
-    add_product(s6, widen16(first + 6 * cols), x);
-    add_product(s7, widen16(first + 7 * cols), x);
-    keep_order(s0, s1, s2, s3, s4, s5, s6, s7);
-  };
-  add_products(w, load_first(q, static_cast<int>(head)));
+struct Products {
+  template <int kLength>
+  static __m256i eight_rows(Known<kLength> known, const std::int8_t* w, const std::int16_t* q,
+                            int length) {
+    const std::ptrdiff_t cols = known.or_else(length);
+    if (cols < 16) {
+      alignas(32) std::int32_t sum[8];
+      for (int r = 0; r < 8; ++r) sum[r] = one_product(w + r * cols, q, cols);
+      return _mm256_load_si256(reinterpret_cast<const __m256i*>(sum));
+    }
+    const std::ptrdiff_t head = (cols - 1) % 16 + 1;
+    Sums s0 = {}, s1 = s0, s2 = s0, s3 = s0, s4 = s0, s5 = s0, s6 = s0, s7 = s0;
+    const auto add_products = [&](const std::int8_t* first, __m256i x) {
+      add_product(s0, widen16(first), x);
+      add_product(s1, widen16(first + cols), x);
+      add_product(s2, widen16(first + 2 * cols), x);
+      add_product(s3, widen16(first + 3 * cols), x);
+      add_product(s4, widen16(first + 4 * cols), x);
+      add_product(s5, widen16(first + 5 * cols), x);
+      add_product(s6, widen16(first + 6 * cols), x);
+      add_product(s7, widen16(first + 7 * cols), x);
+      keep_order(s0, s1, s2, s3, s4, s5, s6, s7);
+    };
+    add_products(w, load_first(q, static_cast<int>(head)));
 #pragma GCC unroll 24
-  for (std::ptrdiff_t i = head; i < cols; i += 16) add_products(w + i, load16(q + i));
-  return lane_sums(s0, s1, s2, s3, s4, s5, s6, s7);
-}
-
-// The product of one row, in the first lane.
-template <int kLength>
-__m256i products(First, Known<kLength>, const std::int8_t* w, const std::int16_t* q, int length) {
-  return _mm256_zextsi128_si256(_mm_cvtsi32_si128(one_product(w, q, length)));
-}
-
-// body(r, lanes) for eight rows at a time and then, one by one, for the rows left over.
-template <class Body>
-void by_eight_rows(int rows, Body body) {
-  int r = 0;
-  for (; r + 8 <= rows; r += 8) body(r, Whole());
-  for (; r < rows; ++r) body(r, First(1));
-}
-
-template <int kCols>
-void affine(Known<kCols> known, const IntegerLayer& layer, const std::int16_t* q, float* y) {
-  const std::ptrdiff_t cols = layer.row_len;
-  const __m256 unit = fill(layer.unit);
-  by_eight_rows(layer.rows, [&](int r, auto lanes) {
-    const __m256i sum = products(lanes, known, layer.weights + r * cols, q, layer.row_len);
-    const __m256 scale = _mm256_mul_ps(lanes.load(layer.scale + r), unit);
-    lanes.store(y + r, _mm256_add_ps(_mm256_mul_ps(_mm256_cvtepi32_ps(sum), scale),
-                                     lanes.load(layer.bias + r)));
-  });
-}
-
-void affine(const IntegerLayer& layer, const std::int16_t* q, float* y) {
-  if (layer.row_len == 400) return affine(Known<400>(), layer, q, y);  // the denoiser's head
-  affine(Known<0>(), layer, q, y);
-}
-
-// body(r, lanes, in, state) with both products of the rows of a gate, scaled.
-template <int kInput, int kHidden, class Body>
-void by_gate_rows(Known<kInput> input_size, Known<kHidden> hidden_size, const GruGate& gate,
-                  const GruStep& step, Body body) {
-  const __m256 unit = fill(0x1p-19f);  // weight / 2^8 times activation / 2^11
-  const std::ptrdiff_t in_cols = step.input_size, state_cols = step.hidden_size;
-  by_eight_rows(step.hidden_size, [&](int r, auto lanes) {
-    const __m256i in =
-        products(lanes, input_size, gate.weight_in + r * in_cols, step.input, step.input_size);
-    const __m256i state = products(lanes, hidden_size, gate.weight_state + r * state_cols,
-                                   step.state, step.hidden_size);
-    body(r, lanes, _mm256_mul_ps(_mm256_cvtepi32_ps(in), unit),
-         _mm256_mul_ps(_mm256_cvtepi32_ps(state), unit));
-  });
-}
-
-// The sizes of the denoiser's layers, and then any other.
-template <class Body>
-void by_gate_rows(const GruGate& gate, const GruStep& step, Body body) {
-  if (step.input_size == 128 && step.hidden_size == 200) {
-    by_gate_rows(Known<128>(), Known<200>(), gate, step, body);
-  } else if (step.input_size == 200 && step.hidden_size == 200) {
-    by_gate_rows(Known<200>(), Known<200>(), gate, step, body);
-  } else {
-    by_gate_rows(Known<0>(), Known<0>(), gate, step, body);
+    for (std::ptrdiff_t i = head; i < cols; i += 16) add_products(w + i, load16(q + i));
+    return lane_sums(s0, s1, s2, s3, s4, s5, s6, s7);
   }
-}
-
-void gru_gate(const GruGate& gate, const GruStep& step, float* y) {
-  by_gate_rows(gate, step, [&](int r, auto lanes, __m256 in, __m256 state) {
-    __m256 v = _mm256_add_ps(in, lanes.load(gate.bias_in + r));
-    v = _mm256_add_ps(v, state);
-    lanes.store(y + r, _mm256_add_ps(v, lanes.load(gate.bias_state + r)));
-  });
-}
-
-void gru_candidate(const GruGate& gate, const GruStep& step, const float* reset, float* y) {
-  by_gate_rows(gate, step, [&](int r, auto lanes, __m256 in, __m256 state) {
-    __m256 v = _mm256_add_ps(state, lanes.load(gate.bias_state + r));
-    v = _mm256_mul_ps(v, lanes.load(reset + r));
-    v = _mm256_add_ps(v, in);
-    lanes.store(y + r, _mm256_add_ps(v, lanes.load(gate.bias_in + r)));
-  });
-}
+};
 
 // ---- Convolution --------------------------------------------------------------------------------
 
@@ -265,42 +171,13 @@ __m256i eight_positions(const Rows& rows, int row, const ConvInput& in, int offs
   return lane_sums(s0, s1, s2, s3, s4, s5, s6, s7);
 }
 
-// Turns eight vectors of positions, one per row, into eight vectors of rows, one per position.
-void transpose(__m256i* v) {
-  __m256i a[8], b[8];
-  for (int i = 0; i < 4; ++i) {
-    a[2 * i] = _mm256_unpacklo_epi32(v[2 * i], v[2 * i + 1]);
-    a[2 * i + 1] = _mm256_unpackhi_epi32(v[2 * i], v[2 * i + 1]);
-  }
-  for (int half = 0; half < 8; half += 4) {
-    for (int i = 0; i < 2; ++i) {
-      b[half + 2 * i] = _mm256_unpacklo_epi64(a[half + i], a[half + 2 + i]);
-      b[half + 2 * i + 1] = _mm256_unpackhi_epi64(a[half + i], a[half + 2 + i]);
-    }
-  }
-  for (int i = 0; i < 4; ++i) {
-    v[i] = _mm256_permute2x128_si256(b[i], b[i + 4], 0x20);
-    v[i + 4] = _mm256_permute2x128_si256(b[i], b[i + 4], 0x31);
-  }
-}
-
 template <class Shape, class Rows>
 void convolve_rows(const IntegerLayer& layer, const ConvInput& in, float* y) {
   for (int first = 0; first < layer.rows; first += 8) {
     const Rows rows(layer, in, first);
-    const __m256 scale = _mm256_mul_ps(_mm256_loadu_ps(layer.scale + first), fill(layer.unit));
-    const __m256 bias = _mm256_loadu_ps(layer.bias + first);
-    for (int position = 0; position < in.positions; position += 8) {
-      __m256i sums[8];
-      for (int row = 0; row < 8; ++row) {
-        sums[row] = eight_positions<Shape>(rows, row, in, position * in.step);
-      }
-      transpose(sums);
-      for (int p = 0; p < 8; ++p) {
-        const __m256 v = _mm256_add_ps(_mm256_mul_ps(_mm256_cvtepi32_ps(sums[p]), scale), bias);
-        _mm256_storeu_ps(y + (position + p) * layer.rows + first, v);
-      }
-    }
+    convolve_eight_rows(layer, in, first, y, [&](int row, int position) {
+      return eight_positions<Shape>(rows, row, in, position * in.step);
+    });
   }
 }
 
@@ -506,8 +383,9 @@ void sigmoid(float* x, int n) {
 
 }  // namespace avx2
 
-const NnKernels kAvx2Nn = {avx2::pool,    avx2::expand,    avx2::compress,  avx2::quantise,
-                           affine,        convolve,        avx2::normalise, gru_gate,
-                           gru_candidate, avx2::gru_blend, avx2::tanh,      avx2::sigmoid};
+const NnKernels kAvx2Nn = {avx2::pool,      avx2::expand,       avx2::compress,
+                           avx2::quantise,  affine<Products>,   convolve,
+                           avx2::normalise, gru_gate<Products>, gru_candidate<Products>,
+                           avx2::gru_blend, avx2::tanh,         avx2::sigmoid};
 
 }  // namespace se
