@@ -55,6 +55,8 @@ template <int kVectors, int kRowCount>
 SE_INLINE inline void add_products(const std::int8_t* weights, int cols,
                                    const std::int16_t* activations, int q_step,
                                    int32x4_t (&sum)[kVectors][kRowCount]) {
+  // With one vector, two rows in turn: cores that execute in order then wait less for each.
+  constexpr int kTogether = kVectors == 1 ? 2 : 1;
   const std::int8_t* w[kRowCount];
   const std::int16_t* q[kVectors];
   unrolled<kRowCount>([&](int r) SE_INLINE { w[r] = weights + r * cols; });
@@ -67,14 +69,19 @@ SE_INLINE inline void add_products(const std::int8_t* weights, int cols,
       high[v] = vld1q_s16(q[v]);
       step(q[v], 8);
     });
-    unrolled<kRowCount>([&](int r) SE_INLINE {
-      const int8x16_t bytes = vld1q_s8(w[r]);
-      w[r] += 16;
-      const int16x8_t w_low = widen_low(bytes);
-      const int16x8_t w_high = widen_high(bytes);
+    unrolled<kRowCount / kTogether>([&](int group) SE_INLINE {
+      int16x8_t w_low[kTogether], w_high[kTogether];
+      unrolled<kTogether>([&](int i) SE_INLINE {
+        const int8x16_t bytes = vld1q_s8(w[group * kTogether + i]);
+        w[group * kTogether + i] += 16;
+        w_low[i] = widen_low(bytes);
+        w_high[i] = widen_high(bytes);
+      });
       unrolled<kVectors>([&](int v) SE_INLINE {
-        sum[v][r] = multiply_add(sum[v][r], w_low, low[v]);
-        sum[v][r] = multiply_add(sum[v][r], w_high, high[v]);
+        int32x4_t* const s = sum[v] + group * kTogether;
+        unrolled<kTogether>([&](int i) SE_INLINE { s[i] = multiply_add(s[i], w_low[i], low[v]); });
+        unrolled<kTogether>([&](int i)
+                                SE_INLINE { s[i] = multiply_add(s[i], w_high[i], high[v]); });
       });
     });
   }
@@ -340,10 +347,12 @@ void gru_blend(const float* update, const float* candidate, const std::int16_t* 
 // The constants in the order in which tanh4 takes them.
 using T = TanhConstants;
 constexpr float kTanhSequence[] = {
-    T::kOdd[4],     T::kOdd[3],     T::kOdd[2],     T::kOdd[1],     T::kOdd[0],  //
-    T::kLimit,      T::kRound,      -2.0f,          T::kLn2High,    T::kLn2Low,  //
-    T::kExp[4],     T::kExp[3],     T::kExp[2],     T::kExp[1],     T::kExp[0],  //
-    T::kInverse[5], T::kInverse[4], T::kInverse[3], T::kInverse[2], T::kInverse[1], T::kInverse[0]};
+    T::kOdd[4],     T::kOdd[3],     T::kOdd[2],        T::kOdd[1],     T::kOdd[0],  //
+    T::kLimit,      T::kRound,      T::kMinus2OverLn2,                              //
+    -2.0f,          T::kLn2High,    T::kLn2Low,                                     //
+    T::kExp[4],     T::kExp[3],     T::kExp[2],        T::kExp[1],     T::kExp[0],  //
+    T::kInverse[5], T::kInverse[4], T::kInverse[3],    T::kInverse[2], T::kInverse[1],
+    T::kInverse[0], T::kSplit};
 
 // Loads the next constant into all lanes.
 inline float32x4_t next(const float*& c) {
@@ -369,7 +378,7 @@ inline float32x4_t tanh4(float32x4_t x) {
 
   const float32x4_t b = vminq_f32(a, next(c));  // NaN stays
   const float32x4_t round = next(c);
-  const float32x4_t shifted = vmlaq_f32(round, b, vdupq_n_f32(T::kMinus2OverLn2));
+  const float32x4_t shifted = vmlaq_f32(round, b, next(c));
   const float32x4_t n = vsubq_f32(shifted, round);
   float32x4_t r = vmulq_f32(b, next(c));
   r = vmlsq_f32(r, n, next(c));
@@ -386,8 +395,7 @@ inline float32x4_t tanh4(float32x4_t x) {
   const float32x4_t far = vsubq_f32(one, vmlaq_f32(t2, t2, vmulq_f32(t, q)));
 
   // For values without sign, floats and their bits have the same order.
-  const uint32x4_t is_near =
-      vcltq_u32(vreinterpretq_u32_f32(a), vreinterpretq_u32_f32(vdupq_n_f32(T::kSplit)));
+  const uint32x4_t is_near = vcltq_u32(vreinterpretq_u32_f32(a), vreinterpretq_u32_f32(next(c)));
   return vbslq_f32(vdupq_n_u32(kSignBit), x, vbslq_f32(is_near, near, far));
 }
 
