@@ -191,8 +191,8 @@ __m256 polynomial(const float (&c)[N], __m256 x) {
   return p;
 }
 
-// The sequence of kernels/tanh.h.
-__m256 tanh8(__m256 x) {
+// The sequence of kernels/tanh.h. Always inlined: its constants are loaded once per loop then.
+__attribute__((always_inline)) inline __m256 tanh8(__m256 x) {
   using C = TanhConstants;
   const __m256 sign = _mm256_and_ps(x, fill(-0.0f));
   const __m256 a = _mm256_xor_ps(x, sign);
