@@ -108,25 +108,16 @@ def as_markdown(results: dict, count: int) -> str:
     return "\n".join(lines) + "\n"
 
 
-def plot(results: dict, folder: Path) -> None:
-    import matplotlib
-    matplotlib.use("Agg")
-    import matplotlib.pyplot as plt
+def pictures(results: dict, processor, scenes: dict, folder: Path) -> None:
+    from training import plots  # here, so that scores need no matplotlib
 
-    figure, axes = plt.subplots(2, 2, figsize=(10, 7), sharex=True)
-    panels = (("si-sdr gain", "SI-SDR gain (dB)"), ("stoi gain", "STOI gain"),
-              ("lsd", "log-spectral distance (dB)"), ("segsnr", "segmental SNR (dB)"))
-    for axis, (key, title) in zip(axes.flat, panels):
-        for name, row in results.items():
-            axis.plot(SNRS, [row[f"snr {s}"][key] for s in SNRS], marker="o", markersize=3,
-                      label=name)
-        axis.set_title(title, fontsize=10)
-        axis.grid(alpha=0.3)
-    for axis in axes[1]:
-        axis.set_xlabel("input SNR (dB)")
-    axes[0, 0].legend(fontsize=7)
-    figure.tight_layout()
-    figure.savefig(folder / "scores.png", dpi=110)
+    plots.scores(results, folder / "scores.png")
+    rows = []
+    for name in ("snr 0", "double talk", "clean, quiet"):
+        scene = scenes[name][0]
+        rows.append((name, {"microphone": scene.microphones[1], "enhanced": processor(scene),
+                            "target": scene.target}))
+    plots.spectrograms(rows, folder / "scenes.png")
 
 
 def lineup(arguments, folder: Path) -> list:
@@ -166,9 +157,10 @@ def main() -> None:
         results = {p.name: scores(p, scenes) for p in line}
         if arguments.out:
             arguments.out.mkdir(parents=True, exist_ok=True)
-            (arguments.out / "scores.json").write_text(json.dumps(results, indent=1) + "\n")
+            (arguments.out / "scores.json").write_text(json.dumps(
+                {"scenes per condition": arguments.count, "processors": results}, indent=1) + "\n")
             (arguments.out / "scores.md").write_text(as_markdown(results, arguments.count))
-            plot(results, arguments.out)
+            pictures(results, line[0], scenes, arguments.out)
         if arguments.checkpoint:
             print(time.strftime("%H:%M:%S"), checkpoint.load(arguments.checkpoint)[2])
         for what, value, reached in targets(results):

@@ -1,7 +1,7 @@
-"""python3 -m training.export --checkpoint FILE [--model models/denoiser.bin] [--golden FILE]
+"""python3 -m training.export --checkpoint FILE [--scores FOLDER]
 
 Writes the model file that the library compiles in, from a checkpoint's averaged weights, and the
-golden vectors that the library's tests run. Before anything is replaced, the library runs the new
+golden vectors that the library's tests run, and with --scores the model card. Before anything is replaced, the library runs the new
 model and must agree with a plain computation from its tables."""
 
 import argparse
@@ -113,14 +113,22 @@ def main() -> None:
     parser.add_argument("--checkpoint", type=Path, required=True)
     parser.add_argument("--model", type=Path, default=ROOT / "models" / "denoiser.bin")
     parser.add_argument("--golden", type=Path, default=ROOT / "tests" / "data" / "golden_denoiser.bin")
+    parser.add_argument("--scores", type=Path, help="folder of training.evaluate's results for the "
+                        "card; without it no card is written")
     parser.add_argument("--name", default="", help="kept in the file; default: hours of training audio")
     arguments = parser.parse_args()
     with reported_briefly():
         network = checkpoint.load_average(arguments.checkpoint)
-        hours = checkpoint.load(arguments.checkpoint)[2]["frames"] / 360000
+        counters = checkpoint.load(arguments.checkpoint)[2]
+        hours = counters["frames"] / 360000
         name = arguments.name or f"trained on {hours:.0f} h of mixed audio"
         arguments.golden.parent.mkdir(parents=True, exist_ok=True)
         checksum, difference = export(network, arguments.model, arguments.golden, name)
+        if arguments.scores:
+            from training import card  # here, so that an export needs no matplotlib
+
+            card.write(arguments.model.parent, arguments.scores, name, checksum, counters,
+                       arguments.checkpoint.with_suffix(".log"))
         print(f"{arguments.model}: {name}, checksum {checksum:08x}; library and plain computation differ by "
               f"at most {difference:.1e} over {CHECK_FRAMES} frames")
 

@@ -21,9 +21,9 @@ from training.library import SHAPE
 class Weights:
     magnitude: float = 0.5
     complex: float = 0.5
-    attenuated: float = 2.0  # extra on magnitude errors that take speech away
+    attenuated: float = 3.0  # extra on magnitude errors that take speech away
     ratio: float = 0.01  # per dB
-    envelope: float = 0.6
+    envelope: float = 1.0
     silence: float = 0.15
 
 

@@ -118,7 +118,11 @@ def attenuation(enhanced: np.ndarray, clean: np.ndarray) -> dict[tuple[int, int]
     return result
 
 
+SILENT_DB = 60.0
+
+
 def level_drop(output: np.ndarray, source: np.ndarray) -> float:
-    """dB between the mean powers of two signals."""
-    return decibels(np.mean(source.astype(np.float64) ** 2) /
-                    (np.mean(output.astype(np.float64) ** 2) + 1e-14))
+    """dB between the mean powers of two signals; counted up to 60 dB, so that a scene that became
+    perfectly silent does not outweigh one that did not."""
+    return min(SILENT_DB, decibels(np.mean(source.astype(np.float64) ** 2) /
+                                   (np.mean(output.astype(np.float64) ** 2) + 1e-14)))

@@ -56,7 +56,7 @@ def draw_plan(rng: np.random.Generator) -> Plan:
         noise = rng.choice(["none", "real", "synthetic"], p=[0.4, 0.4, 0.2])
         snr = rng.uniform(5, 45)
     else:
-        kind = rng.choice(["noisy", "nearly clean", "noise", "clean"], p=[0.58, 0.20, 0.17, 0.05])
+        kind = rng.choice(["noisy", "nearly clean", "noise", "clean"], p=[0.49, 0.27, 0.18, 0.06])
         talks = kind != "noise"
         noise = rng.choice(["real", "mixed", "synthetic", "babble"], p=[0.58, 0.17, 0.15, 0.10])
         snr = rng.uniform(25, 50) if kind == "nearly clean" else rng.uniform(-8, 30)

@@ -8,10 +8,14 @@ import torch
 import torch.multiprocessing as mp
 
 from training import library, scenes
+from training.bands import band_start
 from training.errors import TrainingError
 from training.gain_rule import FAR_END_ENERGY
 from training.library import SHAPE
 from training.loss import EXPONENT
+
+
+BAND_START = band_start()
 
 
 @dataclasses.dataclass
@@ -48,13 +52,13 @@ def make_example(scene: scenes.Scene) -> Example:
 
 
 class Streams:
-    """`batch` endless streams. About `reuse` of the scenes are ones seen before, at a new level: the
-    features scale with the square root of the level."""
+    """`batch` endless streams. Once the pool is full, about `reuse` of the scenes are ones seen
+    before, at a new level and with another microphone response."""
 
     KEEP_STATE = 0.3  # of the scene changes happen in a running engine
 
     def __init__(self, mixer: scenes.Mixer, batch: int, window: int, reuse: float = 0.5,
-                 pool: int = 300, draw_plan=scenes.draw_plan):
+                 pool: int = 400, draw_plan=scenes.draw_plan):
         self.mixer, self.window, self.reuse, self.pool_size = mixer, window, reuse, pool
         self.rng = mixer.rng
         self.draw_plan = draw_plan
@@ -64,11 +68,8 @@ class Streams:
         self.position = [int(self.rng.integers(len(e.mixture) // window)) for e in self.current]
 
     def _next(self) -> Example:
-        if len(self.pool) >= 20 and self.rng.random() < self.reuse:
-            example = self.pool[self.rng.integers(len(self.pool))]
-            features = example.features.copy()
-            features[:, :2] *= np.float32(10 ** (self.rng.uniform(-10, 4) / 40))
-            return dataclasses.replace(example, features=features)
+        if len(self.pool) == self.pool_size and self.rng.random() < self.reuse:
+            return self._varied(self.pool[self.rng.integers(len(self.pool))])
         windows = int(self.rng.integers(3, 7))
         samples = (windows * self.window + SHAPE.lookahead) * SHAPE.hop
         example = make_example(self.mixer.scene(samples, self.draw_plan(self.rng)))
@@ -77,6 +78,17 @@ class Streams:
         else:
             self.pool[self.rng.integers(self.pool_size)] = example
         return example
+
+    def _varied(self, example: Example) -> Example:
+        """Features are square roots of magnitudes; the normalised spectra follow the response only."""
+        level = self.rng.uniform(-10, 4)
+        points = np.linspace(0, SHAPE.bins, 9)
+        response = np.interp(np.arange(SHAPE.bins), points, self.rng.uniform(-4, 4, len(points)))
+        features = example.features.copy()
+        features[:, :2] *= (10 ** ((level + response[BAND_START]) / 40)).astype(np.float32)
+        change = (10 ** (response * EXPONENT / 20)).astype(np.float32)
+        return dataclasses.replace(example, features=features, mixture=example.mixture * change,
+                                   target=example.target * change)
 
     def next_windows(self):
         """(features, mixture, target, cosine, far_end) tensors and the streams (batch,) whose

@@ -45,7 +45,7 @@ def parse() -> argparse.Namespace:
     parser.add_argument("--renderers", type=int, default=0,
                         help="processes that render scenes (with --device cuda: about the CPU's cores)")
     parser.add_argument("--average-every", type=int, default=8, help="steps between averaging")
-    parser.add_argument("--reuse", type=float, default=0.5, help="share of scenes seen before")
+    parser.add_argument("--reuse", type=float, default=0.65, help="share of scenes seen before")
     parser.add_argument("--save-every", type=float, default=120, help="seconds")
     parser.add_argument("--device", default="cpu", help="cpu or cuda")
     parser.add_argument("--seed", type=int, default=None, help="default: goes on from the checkpoint")
@@ -61,6 +61,7 @@ def starting_point(arguments) -> tuple[dict, dict, dict]:
     counters = {"steps": 0, "frames": 0, "seconds": 0.0}
     if arguments.start_from:
         weights = checkpoint.import_masters(arguments.start_from)
+        counters["warm start"] = True
         return weights, {k: v.clone() for k, v in weights.items()}, counters
     torch.manual_seed(arguments.seed or 0)
     network = Denoiser()
@@ -184,7 +185,7 @@ class Trainer:
         """Leaves a checkpoint and a line of progress behind."""
         arguments, now = self.arguments, time.monotonic()
         frames = arguments.batch * arguments.window
-        totals = {"steps": self.counters["steps"] + self.steps,
+        totals = {**self.counters, "steps": self.counters["steps"] + self.steps,
                   "frames": self.counters["frames"] + self.steps * frames * arguments.processes,
                   "seconds": self.counters["seconds"] + now - self.started}
         checkpoint.save(arguments.checkpoint, self.network.state_dict(), self.average, totals)

@@ -1,6 +1,6 @@
-// WAV files, after the layout of Microsoft's "Multimedia Programming Interface and Data
-// Specifications 1.0" (RIFF) and WAVEFORMATEXTENSIBLE. The header is put together and taken apart
-// byte by byte, so nothing depends on the byte order or on the padding of records.
+// WAV files, after the RIFF layout of IBM and Microsoft (1991) and its later extensible format
+// chunk. The header is put together and taken apart byte by byte, so nothing depends on the byte
+// order or on the padding of records.
 
 #define _FILE_OFFSET_BITS 64  // also files of 2 GiB and more on 32-bit systems
 

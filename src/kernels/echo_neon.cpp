@@ -112,7 +112,8 @@ struct Rows<2> {
   }
 
   static void store(zel_lcomplex* rows, Pair p) {
-    vst4q_f32(floats(rows), float32x4x4_t{{p.newer.re, p.newer.im, p.older.re, p.older.im}});
+    const float32x4x4_t interleaved = {{p.newer.re, p.newer.im, p.older.re, p.older.im}};
+    vst4q_f32(floats(rows), interleaved);
   }
 
   static Predictions predict(const zel_lcomplex* ref, const zel_lcomplex* adaptive,

@@ -183,7 +183,8 @@ inline Complex4 load4(const zel_lcomplex* x) {
 }
 
 inline void store4(zel_lcomplex* x, Complex4 v) {
-  vst2q_f32(floats(x), float32x4x2_t{{v.re, v.im}});
+  const float32x4x2_t interleaved = {{v.re, v.im}};
+  vst2q_f32(floats(x), interleaved);
 }
 
 // |x|^2 with the squared real part fused onto the squared imaginary part.

@@ -143,7 +143,9 @@ class ResampledSource : public FrameSource {
 
   static std::uint64_t resampled_length(const Format& format, int rate) {
     const double frames = static_cast<double>(format.length) * rate / format.rate;
-    return format.length == 0 ? 0 : std::max<std::uint64_t>(1, std::llround(frames));
+    return format.length == 0
+               ? 0
+               : std::max<std::uint64_t>(1, static_cast<std::uint64_t>(std::llround(frames)));
   }
 
   void refill() {
