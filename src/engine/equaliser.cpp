@@ -9,7 +9,6 @@
 #include "engine/equaliser.h"
 
 #include <cmath>
-#include <cstdint>
 
 #include "common/decibel.h"
 
@@ -69,20 +68,20 @@ void apply_high_shelf(zel_lcomplex* spectrum, const ShelfBand& band) {
 
 // One side of a peak: `count` bins from `first` upwards, of which bin `first + i` lies
 // `distance + i * direction` bins from the centre.
-void apply_slope(zel_lcomplex* spectrum, std::int64_t first, std::int64_t count,
-                 std::int64_t distance, int direction, float level, float step) {
-  std::int64_t i = first < 0 ? -first : 0;
-  for (; i < count && first + i < kNumBins; ++i) {
+void apply_slope(zel_lcomplex* spectrum, int first, int count, int distance, int direction,
+                 float level, float step) {
+  const int end = count < kNumBins - first ? count : kNumBins - first;
+  for (int i = first < 0 ? -first : 0; i < end; ++i) {
     const auto from_centre = static_cast<float>(distance + i * direction);
     scale(spectrum[first + i], std::fma(-from_centre, step, level));
   }
 }
 
 void apply_peak(zel_lcomplex* spectrum, const PeakBand& band) {
-  const std::int64_t centre = band.center_hz / kHzPerBin;
-  const std::int64_t width = band.center_hz / (std::int64_t{kHzPerBin} * band.q);
-  const std::int64_t rising = width / 2;
-  const std::int64_t falling = width - rising;
+  const int centre = band.center_hz / kHzPerBin;  // below 2^27, as everything from here on
+  const int width = centre / band.q;
+  const int rising = width / 2;
+  const int falling = width - rising;
   const float level = amplitude_from_db(band.gain_db);
   if (rising > 0) {
     const float step = (level - 1.0f) / static_cast<float>(rising);
