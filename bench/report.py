@@ -131,8 +131,8 @@ def section_targets(r):
 def section_frame(r, folder):
     lines = ["## One frame of 10 ms", "",
              "Time of the thread's CPU in µs: median and quartiles over repetitions that run in random order, so that "
-             "a busy machine slows all contenders alike. Instructions: Callgrind, which knows x86 up to AVX2. Every "
-             "frame is new: a synthetic talker in noise at two microphones, with a second talker on the loudspeaker.",
+             "a busy machine slows all contenders alike. Instructions: Callgrind, which knows x86 up to AVX2, and "
+             "single steps of the CPU beyond. Every frame is new: a synthetic talker in noise at two microphones, with a second talker on the loudspeaker.",
              ""]
     rows, entries = [], []
     for variant in r.variants:
