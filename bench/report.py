@@ -3,11 +3,12 @@
 
     report.py RESULTS_FOLDER DOCUMENT.md
 
-Reads engine.json (Google Benchmark), counts.json, scale.json, jobs.json, sizes.json, tanh.json and
-machine.json; the plots go into a folder named like the document.
+Reads engine.json (Google Benchmark), kernels.txt (kernels_bench), counts.json, scale.json, jobs.json,
+sizes.json, tanh.json and machine.json; the plots go into a folder named like the document.
 """
 
 import json
+import re
 import statistics
 import sys
 from pathlib import Path
@@ -62,6 +63,12 @@ class Results:
         for name, values in repetitions.items():
             self.times[name] = Spread(values)
         self.repetitions = max(map(len, repetitions.values()))
+        self.kernels = {}  # nanoseconds by kernel and variant
+        for line in (folder / "kernels.txt").read_text().splitlines():
+            times = re.findall(r"(\w+) +([\d.]+) ns", line)
+            if times:
+                name = line[: line.index(times[0][0] + " ")].strip()
+                self.kernels[name] = {variant: float(time) for variant, time in times}
         self.counts = load("counts.json")
         self.scale = load("scale.json")
         self.jobs = load("jobs.json")
@@ -204,6 +211,15 @@ def section_stages(r, folder):
     return lines
 
 
+def section_kernels(r):
+    others = [v for v in r.variants if v != "scalar"]
+    lines = ["## Kernels", "", "Every kernel at the sizes of the engine, fastest of some repetitions in ns, and the gain "
+             "over the scalar variant. Compilers turn some scalar kernels into SSE2 by themselves.", ""]
+    rows = [(name, f"{times['scalar']:.1f}", *(cell for v in others for cell in (
+        f"{times[v]:.1f}", f"{times['scalar'] / times[v]:.2f} ×"))) for name, times in r.kernels.items()]
+    return lines + table(("", "scalar", *(cell for v in others for cell in (v, "gain"))), rows)
+
+
 def section_transform(r):
     flops = 2 * real_transform_flops(512) + 512
     lines = ["## The 512-point real transform", "",
@@ -323,7 +339,7 @@ def main():
              f"Written by `scripts/bench{m['options']}`; {r.repetitions} repetitions. Machine: {m['cpu']}, {m['cores']} "
              f"cores, {m['l2']} second-level cache; {m['os']}; {m['compiler']}, the flags of "
              f"a release build. The machine was shared: look at ratios before times.", ""]
-    for part in (section_targets(r), section_frame(r, folder), section_stages(r, folder), section_transform(r),
+    for part in (section_targets(r), section_frame(r, folder), section_stages(r, folder), section_transform(r), section_kernels(r),
                  section_limit(r), section_scale(r, folder), section_size(r), section_same_bits(r)):
         lines += part + [""]
     document.write_text("\n".join(lines[:-1]) + "\n")
