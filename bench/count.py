@@ -1,11 +1,12 @@
 #!/usr/bin/python3
 """Counts instructions per frame and compares the output of all variants and architectures.
 
-    count.py [--frames N] OUTPUT.json NATIVE_BUILD [--armhf BUILD] [--aarch64 BUILD]
+    count.py [--frames N] [--steps N] OUTPUT.json NATIVE_BUILD [--armhf BUILD] [--aarch64 BUILD]
 
-On x86-64 Callgrind counts, which knows instructions up to AVX2; for ARM a plugin of qemu-user. The
-JSON holds, by architecture and variant: instructions per frame of every contender, on x86-64 the
-share of every stage, for ARM the functions that cost most, and a hash of the output.
+On x86-64 Callgrind counts, which knows instructions up to AVX2; variants beyond run N frames in single
+steps, which is slow. For ARM a plugin of qemu-user counts. The JSON holds, by architecture and variant:
+instructions per frame of every contender, on x86-64 the share of every stage, for ARM the functions that
+cost most, and a hash of the output.
 """
 
 import argparse
@@ -21,7 +22,7 @@ from count_instructions import instructions_per_frame
 OURS = ("denoise", "full", "rfft512")
 PEERS = ("speexdsp", "webrtc", "fftw3f")
 VARIANTS = {"x86-64": ("scalar", "avx2", "avx512"), "armv7": ("scalar", "neon"), "aarch64": ("scalar", "neon")}
-COUNTABLE = ("scalar", "avx2", "neon")
+CALLGRIND_KNOWS = ("scalar", "avx2")
 
 # Stages of a frame and the functions whose inclusive cost they are. The stages of the denoiser lie
 # inside nn_process_api; what is left of it is its rest.
@@ -92,19 +93,25 @@ def output_hashes(command, variant, frames):
     return hashes
 
 
-def count_native(build, frames):
+def single_steps(build, variant, contender, frames):
+    """Instructions per frame."""
+    command = [str(Path(build) / "bench" / "step_frames"), str(frames), contender]
+    return float(subprocess.run(command, env=environment(variant), check=True, capture_output=True,
+                                text=True).stdout.split()[1])
+
+
+def count_native(build, frames, steps):
     result = {}
     for variant in VARIANTS["x86-64"]:
         entry = {"hash": output_hashes([driver(build)], variant, frames)}
         if not entry["hash"]:
             continue
-        if variant in COUNTABLE:
-            entry["instructions"] = {}
-            for contender in OURS:
-                total, by_function = callgrind(build, variant, contender, frames)
-                entry["instructions"][contender] = total
-                if contender == "full":
-                    entry["shares"] = shares(total, by_function)
+        if variant in CALLGRIND_KNOWS:
+            counted = {contender: callgrind(build, variant, contender, frames) for contender in OURS}
+            entry["instructions"] = {contender: total for contender, (total, _) in counted.items()}
+            entry["shares"] = shares(*counted["full"])
+        elif steps:
+            entry["instructions"] = {contender: single_steps(build, variant, contender, steps) for contender in OURS}
         result[variant] = entry
     result["peers"] = {"instructions": {p: callgrind(build, "", p, frames)[0] for p in PEERS}}
     return result
@@ -128,12 +135,13 @@ def count_emulated(qemu, architecture, build, frames):
 def main():
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("--frames", type=int, default=300)
+    parser.add_argument("--steps", type=int, default=3, help="0: none")
     parser.add_argument("--armhf")
     parser.add_argument("--aarch64")
     parser.add_argument("output", type=Path)
     parser.add_argument("native")
     args = parser.parse_args()
-    result = {"frames": args.frames, "x86-64": count_native(args.native, args.frames)}
+    result = {"frames": args.frames, "x86-64": count_native(args.native, args.frames, args.steps)}
     if args.armhf:
         result["armv7"] = count_emulated("qemu-arm", "armv7", args.armhf, args.frames)
     if args.aarch64:

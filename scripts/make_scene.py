@@ -124,4 +124,5 @@ def main():
     write(folder / "voice.wav", [scale * voice[1]])
 
 
-main()
+if __name__ == "__main__":
+    main()

@@ -84,11 +84,12 @@ class GruPairLoop(torch.autograd.Function):
     def backward(ctx, grad_states):
         x, w_ih, w_hh, states, gates, recurrent = ctx.saved_tensors
         _, steps, batch, inputs = x.shape
+        grad_states = grad_states.contiguous()  # bound to a name: it must outlive the call below
         grad_x = torch.empty_like(x)
         grad_in = torch.empty_like(gates, dtype=torch.bfloat16)
         grad_rec = torch.empty_like(grad_in)
         native.se_training_gru_backward(steps, batch, inputs,
-                                        *_pointers(grad_states.contiguous(), w_ih, w_hh, states,
+                                        *_pointers(grad_states, w_ih, w_hh, states,
                                                    gates, recurrent, grad_x, grad_in, grad_rec))
 
         def weight_gradient(gradient, values):

@@ -60,7 +60,8 @@ __m256 add_neighbours(__m256 a, __m256 b) {
 
 // What the filters of four bins make of the reference.
 template <int Taps>
-__m256 echo_of_four(const zel_lcomplex* ref, const zel_lcomplex* filter) {
+__attribute__((always_inline)) inline __m256 echo_of_four(const zel_lcomplex* ref,
+                                                          const zel_lcomplex* filter) {
   if constexpr (Taps == 2) {
     const __m256 even_first =
         add_neighbours(products(ref, filter), products(ref + 4, filter + 4));  // bins 0 2 1 3
@@ -82,7 +83,8 @@ struct Bins {
 };
 
 template <int Taps>
-Bins residuals(const Bins& mic, const zel_lcomplex* ref, const zel_lcomplex* filter) {
+__attribute__((always_inline)) inline Bins residuals(const Bins& mic, const zel_lcomplex* ref,
+                                                     const zel_lcomplex* filter) {
   return {_mm256_sub_ps(mic.low, echo_of_four<Taps>(ref, filter)),
           _mm256_sub_ps(mic.high, echo_of_four<Taps>(ref + 4 * Taps, filter + 4 * Taps))};
 }
@@ -184,7 +186,7 @@ void adapt(int which, const Bins& err, const float* ref_energy, const zel_lcompl
 }
 
 template <int Taps>
-void subtract_group(const EchoBand& band) {
+__attribute__((always_inline)) inline void subtract_group(const EchoBand& band) {
   const Bins mic = {load4(band.mic), load4(band.mic + 4)};
   const __m256 mic_power = _mm256_loadu_ps(band.mic_power);
   const __m256 smoothing = fill(band.smoothing);
@@ -251,7 +253,7 @@ void subtract_group(const EchoBand& band) {
 }
 
 // The band without its first `bins` bins.
-EchoBand skip(EchoBand band, int bins, int taps) {
+inline EchoBand skip(EchoBand band, int bins, int taps) {
   band.bins -= bins;
   band.ref += bins * taps;
   band.ref_energy += bins;
@@ -266,10 +268,12 @@ EchoBand skip(EchoBand band, int bins, int taps) {
   return band;
 }
 
+// Runs all whole groups. Returns what is left of the band.
 template <int Taps>
-EchoBand subtract_groups(EchoBand band) {
-  for (; band.bins >= kGroup; band = skip(band, kGroup, Taps)) subtract_group<Taps>(band);
-  return band;
+EchoBand subtract_groups(const EchoBand& band) {
+  int bin = 0;
+  for (; bin + kGroup <= band.bins; bin += kGroup) subtract_group<Taps>(skip(band, bin, Taps));
+  return skip(band, bin, Taps);
 }
 
 void subtract_8(const EchoBand& band) {

@@ -181,31 +181,6 @@ void convolve_rows(const IntegerLayer& layer, const ConvInput& in, float* y) {
   }
 }
 
-void convolve(const IntegerLayer& layer, const ConvInput& in, float* y) {
-  const int window = round_up_16(in.window);
-  const bool padded = window != in.window;
-  const bool fits = layer.rows % 8 == 0 && in.positions % 8 == 0 &&
-                    (!padded || (in.frame_count * window <= kMaxPadded &&
-                                 (in.positions - 1) * in.step + window <= in.frame_len));
-  if (!fits) {
-    kScalarNn.convolve(layer, in, y);
-    return;
-  }
-  // The shapes of the denoiser's layers, and then any other.
-  const auto is = [&](int sixteens, int step) {
-    return window == 16 * sixteens && in.step == step;
-  };
-  if (padded) {
-    if (is(1, 6)) return convolve_rows<Shape<1, 6>, PaddedRows>(layer, in, y);
-    if (is(2, 16)) return convolve_rows<Shape<2, 16>, PaddedRows>(layer, in, y);
-    return convolve_rows<Shape<0, 0>, PaddedRows>(layer, in, y);
-  }
-  if (is(3, 32)) return convolve_rows<Shape<3, 32>, PlainRows>(layer, in, y);
-  if (is(6, 32)) return convolve_rows<Shape<6, 32>, PlainRows>(layer, in, y);
-  if (is(12, 64)) return convolve_rows<Shape<12, 64>, PlainRows>(layer, in, y);
-  convolve_rows<Shape<0, 0>, PlainRows>(layer, in, y);
-}
-
 // ---- Activations --------------------------------------------------------------------------------
 
 // c[0] + c[1] x + c[2] x^2 + ... by Horner's scheme, nothing fused.
@@ -216,8 +191,8 @@ __m256 polynomial(const float (&c)[N], __m256 x) {
   return p;
 }
 
-// The sequence of kernels/tanh.h.
-__m256 tanh8(__m256 x) {
+// The sequence of kernels/tanh.h. Always inlined: its constants are loaded once per loop then.
+__attribute__((always_inline)) inline __m256 tanh8(__m256 x) {
   using C = TanhConstants;
   const __m256 sign = _mm256_and_ps(x, fill(-0.0f));
   const __m256 a = _mm256_xor_ps(x, sign);
@@ -248,9 +223,46 @@ __m256 tanh8(__m256 x) {
   return _mm256_or_ps(_mm256_blendv_ps(far, near, is_near), sign);
 }
 
+void tanh(float* x, int n) {
+  by_eights(n, [&](int i, auto lanes) { lanes.store(x + i, tanh8(lanes.load(x + i))); });
+}
+
+void sigmoid(float* x, int n) {
+  const __m256 half = fill(0.5f);
+  by_eights(n, [&](int i, auto lanes) {
+    const __m256 t = tanh8(_mm256_mul_ps(half, lanes.load(x + i)));
+    lanes.store(x + i, _mm256_mul_ps(half, _mm256_add_ps(t, fill(1.0f))));
+  });
+}
+
 }  // namespace
 
 namespace avx2 {
+
+void convolve(const IntegerLayer& layer, const ConvInput& in, float* y) {
+  const int window = round_up_16(in.window);
+  const bool padded = window != in.window;
+  const bool fits = layer.rows % 8 == 0 && in.positions % 8 == 0 &&
+                    (!padded || (in.frame_count * window <= kMaxPadded &&
+                                 (in.positions - 1) * in.step + window <= in.frame_len));
+  if (!fits) {
+    kScalarNn.convolve(layer, in, y);
+    return;
+  }
+  // The shapes of the denoiser's layers, and then any other.
+  const auto is = [&](int sixteens, int step) {
+    return window == 16 * sixteens && in.step == step;
+  };
+  if (padded) {
+    if (is(1, 6)) return convolve_rows<Shape<1, 6>, PaddedRows>(layer, in, y);
+    if (is(2, 16)) return convolve_rows<Shape<2, 16>, PaddedRows>(layer, in, y);
+    return convolve_rows<Shape<0, 0>, PaddedRows>(layer, in, y);
+  }
+  if (is(3, 32)) return convolve_rows<Shape<3, 32>, PlainRows>(layer, in, y);
+  if (is(6, 32)) return convolve_rows<Shape<6, 32>, PlainRows>(layer, in, y);
+  if (is(12, 64)) return convolve_rows<Shape<12, 64>, PlainRows>(layer, in, y);
+  convolve_rows<Shape<0, 0>, PlainRows>(layer, in, y);
+}
 
 // The three rows run side by side in the lanes of one vector, bin by bin.
 void pool(const BinShares& shares, const float* x, int x_stride, float* y, int y_stride) {
@@ -369,23 +381,11 @@ void gru_blend(const float* update, const float* candidate, const std::int16_t* 
   });
 }
 
-void tanh(float* x, int n) {
-  by_eights(n, [&](int i, auto lanes) { lanes.store(x + i, tanh8(lanes.load(x + i))); });
-}
-
-void sigmoid(float* x, int n) {
-  const __m256 half = fill(0.5f);
-  by_eights(n, [&](int i, auto lanes) {
-    const __m256 t = tanh8(_mm256_mul_ps(half, lanes.load(x + i)));
-    lanes.store(x + i, _mm256_mul_ps(half, _mm256_add_ps(t, fill(1.0f))));
-  });
-}
-
 }  // namespace avx2
 
-const NnKernels kAvx2Nn = {avx2::pool,      avx2::expand,       avx2::compress,
-                           avx2::quantise,  affine<Products>,   convolve,
-                           avx2::normalise, gru_gate<Products>, gru_candidate<Products>,
-                           avx2::gru_blend, avx2::tanh,         avx2::sigmoid};
+const NnKernels kAvx2Nn = {
+    avx2::pool,     avx2::expand,    avx2::compress,     avx2::quantise,          affine<Products>,
+    avx2::convolve, avx2::normalise, gru_gate<Products>, gru_candidate<Products>, avx2::gru_blend,
+    tanh,           sigmoid};
 
 }  // namespace se

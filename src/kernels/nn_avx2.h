@@ -9,10 +9,9 @@ void pool(const BinShares& shares, const float* x, int x_stride, float* y, int y
 void expand(const BinShares& shares, const float* x, float* y);
 void compress(const float* x, int n, float* y);
 void quantise(const float* x, int n, float scale, std::int16_t* q);
+void convolve(const IntegerLayer& layer, const ConvInput& in, float* y);
 void normalise(const float* x, const float* mul, const float* add, int n, float* y);
 void gru_blend(const float* update, const float* candidate, const std::int16_t* state, int n,
                float* y);
-void tanh(float* x, int n);
-void sigmoid(float* x, int n);
 
 }  // namespace se::avx2
