@@ -2,7 +2,8 @@
 //
 // Integer products: eight rows at a time, sixteen columns per step, so that the activations are
 // loaded once for eight rows. Per row and step one load of weights, two widenings and four
-// multiply-adds; the lanes of a row are added up once at its end.
+// multiply-adds; the lanes of a row are added up once at its end. Convolutions take four rows and
+// two or four positions at a time, so that the widening serves several positions, too.
 #include "kernels/neon.h"
 #include "kernels/tanh.h"
 #include "kernels/variants.h"
@@ -38,13 +39,13 @@ struct Float32x8 {
 
 #define SE_INLINE __attribute__((always_inline))
 
-// step(0), step(1), ... step(kCount - 1), written out so that arrays indexed by them become
+// body(0), body(1), ... body(kCount - 1), written out so that arrays indexed by them become
 // registers. (GCC unrolls nested loops too late for that.)
-template <int kCount, class Step>
-SE_INLINE inline void unrolled(Step step) {
+template <int kCount, class Body>
+SE_INLINE inline void unrolled(Body body) {
   if constexpr (kCount > 0) {
-    unrolled<kCount - 1>(step);
-    step(kCount - 1);
+    unrolled<kCount - 1>(body);
+    body(kCount - 1);
   }
 }
 
