@@ -112,6 +112,8 @@ std::vector<std::pair<std::string, Call>> calls() {
       {"power_spectrum 257", [=](const Kernels& k) { k.spectral->power_spectrum(x, a, kBins); }},
       {"magnitude 514", [=](const Kernels& k) { k.spectral->magnitude(x, 1e-8f, a, 2 * kBins); }},
       {"apply_gain 257", [=](const Kernels& k) { k.spectral->apply_gain(x, a, y, kBins); }},
+      {"apply_slope 32",
+       [=](const Kernels& k) { k.spectral->apply_slope(z, 1.0f, 1.0f, 1e-9f, 1.0f, 32); }},
       {"mix 257", [=](const Kernels& k) { k.spectral->mix(x, z, 0.3f, y, kBins); }},
       {"sum 256", [=](const Kernels& k) { benchmark::DoNotOptimize(k.spectral->sum(a, 256)); }},
       {"subtract_8, 29 bins", echo(29, 8)},

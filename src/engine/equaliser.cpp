@@ -11,6 +11,7 @@
 #include <cmath>
 
 #include "common/decibel.h"
+#include "kernels/kernels.h"
 
 namespace se {
 namespace {
@@ -21,11 +22,6 @@ constexpr float kBinPerHz = 0.0322580636f;  // 1/31
 constexpr int kRamp = 8;                    // bins over which a shelf falls
 constexpr float kRampStep = 0.125f;
 
-void scale(zel_lcomplex& bin, float gain) {
-  bin.re *= gain;
-  bin.im *= gain;
-}
-
 // The corner of a shelf, clamped to -kNumBins..kNumBins so that no setting leaves the integer
 // range; a corner that is not a number becomes 0.
 int corner_bin(float freq_hz) {
@@ -33,6 +29,25 @@ int corner_bin(float freq_hz) {
   if (!(bin > -static_cast<float>(kNumBins))) return bin != bin ? 0 : -kNumBins;
   if (bin > static_cast<float>(kNumBins)) return kNumBins;
   return static_cast<int>(bin);
+}
+
+// Multiplies `count` bins from `first` upwards, as far as they are bins of the spectrum, by `level`
+// plus `step` times the whole number `start + i * direction` for bin first + i. Fused.
+void apply_slope(zel_lcomplex* spectrum, int first, int count, int start, int direction, float step,
+                 float level) {
+  if (first < 0) {
+    start -= first * direction;
+    count += first;
+    first = 0;
+  }
+  if (first + count > kNumBins) count = kNumBins - first;
+  // Far from any audible centre the numbers are no longer exact: then each bin rounds its own.
+  constexpr int kExact = 1 << 23;
+  const int run = start > -kExact && start < kExact ? count : 1;
+  for (int i = 0; i < count; i += run) {
+    kernels().spectral->apply_slope(spectrum + first + i, static_cast<float>(start + i * direction),
+                                    static_cast<float>(direction), step, level, run);
+  }
 }
 
 // Gain of a shelf at `distance` bins inside its corner: 1 at the corner, `level` from `kRamp` on,
@@ -46,35 +61,29 @@ float shelf_gain(int distance, float level, float step) {
   return gain > 1.0f ? 1.0f : gain;
 }
 
+// The ramp of a shelf, bin by bin away from its corner, and the flat part, `flat` to `flat_end`.
+void apply_shelf(zel_lcomplex* spectrum, float atten_db, int corner, int direction, int flat,
+                 int flat_end) {
+  const float level = amplitude_from_db(-atten_db);
+  const float step = -(kRampStep * (1.0f - level));
+  for (int distance = 0; distance < kRamp; ++distance) {
+    const int bin = corner + distance * direction;
+    if (bin < 0 || bin >= kNumBins) continue;
+    apply_slope(spectrum, bin, 1, 0, 0, 0.0f, shelf_gain(distance, level, step));
+  }
+  apply_slope(spectrum, flat, flat_end - flat, 0, 0, 0.0f, shelf_gain(kRamp, level, step));
+}
+
 void apply_low_shelf(zel_lcomplex* spectrum, const ShelfBand& band) {
   const int corner = corner_bin(band.freq_hz);
   if (corner <= kRamp) return;
-  const float level = amplitude_from_db(-band.atten_db);
-  const float step = -(kRampStep * (1.0f - level));
-  for (int j = 0; j <= corner && j < kNumBins; ++j) {
-    scale(spectrum[j], shelf_gain(corner - j, level, step));
-  }
+  apply_shelf(spectrum, band.atten_db, corner, -1, 0, corner - kRamp + 1);
 }
 
 void apply_high_shelf(zel_lcomplex* spectrum, const ShelfBand& band) {
   const int corner = corner_bin(band.freq_hz);
   if (kNumBins - corner <= kRamp) return;
-  const float level = amplitude_from_db(-band.atten_db);
-  const float step = -(kRampStep * (1.0f - level));
-  for (int j = corner < 0 ? 0 : corner; j < kNumBins; ++j) {
-    scale(spectrum[j], shelf_gain(j - corner, level, step));
-  }
-}
-
-// One side of a peak: `count` bins from `first` upwards, of which bin `first + i` lies
-// `distance + i * direction` bins from the centre.
-void apply_slope(zel_lcomplex* spectrum, int first, int count, int distance, int direction,
-                 float level, float step) {
-  const int end = count < kNumBins - first ? count : kNumBins - first;
-  for (int i = first < 0 ? -first : 0; i < end; ++i) {
-    const auto from_centre = static_cast<float>(distance + i * direction);
-    scale(spectrum[first + i], std::fma(-from_centre, step, level));
-  }
+  apply_shelf(spectrum, band.atten_db, corner, 1, corner + kRamp, kNumBins);
 }
 
 void apply_peak(zel_lcomplex* spectrum, const PeakBand& band) {
@@ -85,11 +94,11 @@ void apply_peak(zel_lcomplex* spectrum, const PeakBand& band) {
   const float level = amplitude_from_db(band.gain_db);
   if (rising > 0) {
     const float step = (level - 1.0f) / static_cast<float>(rising);
-    apply_slope(spectrum, centre - rising, rising, rising, -1, level, step);
+    apply_slope(spectrum, centre - rising, rising, -rising, 1, step, level);
   }
   if (falling > 0) {
     const float step = (level - 1.0f) / static_cast<float>(falling);
-    apply_slope(spectrum, centre, falling, 0, 1, level, step);
+    apply_slope(spectrum, centre, falling, 0, -1, step, level);
   }
 }
 

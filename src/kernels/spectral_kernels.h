@@ -69,6 +69,11 @@ struct SpectralKernels {
   // out[k] = in[k] * gain[k] for both components.
   void (*apply_gain)(const zel_lcomplex* in, const float* gain, zel_lcomplex* out, int n);
 
+  // spectrum[k] *= fma(first + k * direction, step, level) for both components; first + k *
+  // direction is an integer below 2^24.
+  void (*apply_slope)(zel_lcomplex* spectrum, float first, float direction, float step, float level,
+                      int n);
+
   // out[k] = fma(level, 3 * dry[k], wet[k]) for both components: the unprocessed signal at the gain
   // of a fully open bin (3), mixed back at a level.
   void (*mix)(const zel_lcomplex* wet, const zel_lcomplex* dry, float level, zel_lcomplex* out,

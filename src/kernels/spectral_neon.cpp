@@ -261,6 +261,21 @@ void apply_gain(const zel_lcomplex* in, const float* gain, zel_lcomplex* out, in
   kScalarSpectral.apply_gain(in, gain, out, n % 4);
 }
 
+// Whole numbers are exact in single precision, so that stepping by 4 is the same as multiplying.
+void apply_slope(zel_lcomplex* spectrum, float first, float direction, float step, float level,
+                 int n) {
+  const float indices[4] = {0.0f, 1.0f, 2.0f, 3.0f};
+  float32x4_t at = vmlaq_f32(vdupq_n_f32(first), vld1q_f32(indices), vdupq_n_f32(direction));
+  for (int steps = n / 4; steps > 0; --steps, spectrum += 4) {
+    const float32x4_t gain = vfmaq_f32(vdupq_n_f32(level), at, vdupq_n_f32(step));
+    store4(spectrum, load4(spectrum) * gain);
+    at = vaddq_f32(at, vdupq_n_f32(4.0f * direction));
+  }
+  const int done = n & ~3;
+  kScalarSpectral.apply_slope(spectrum, first + static_cast<float>(done) * direction, direction,
+                              step, level, n - done);
+}
+
 void mix(const zel_lcomplex* wet, const zel_lcomplex* dry, float level, zel_lcomplex* out, int n) {
   const float32x4_t levels = vdupq_n_f32(level);
   const float32x4_t open_gain = vdupq_n_f32(3.0f);
@@ -305,6 +320,7 @@ const SpectralKernels kNeonSpectral = {
     power_spectrum,
     magnitude,
     apply_gain,
+    apply_slope,
     mix,
     sum,
     sum_of_squares,

@@ -102,6 +102,14 @@ void apply_gain(const zel_lcomplex* in, const float* gain, zel_lcomplex* out, in
   for (int k = 0; k < n; ++k) out[k] = in[k] * gain[k];
 }
 
+void apply_slope(zel_lcomplex* spectrum, float first, float direction, float step, float level,
+                 int n) {
+  for (int k = 0; k < n; ++k) {
+    const float gain = std::fma(first + static_cast<float>(k) * direction, step, level);
+    spectrum[k] = spectrum[k] * gain;
+  }
+}
+
 void mix(const zel_lcomplex* wet, const zel_lcomplex* dry, float level, zel_lcomplex* out, int n) {
   for (int k = 0; k < n; ++k) {
     const zel_lcomplex open = dry[k] * 3.0f;
@@ -143,6 +151,7 @@ const SpectralKernels kScalarSpectral = {
     power_spectrum,
     magnitude,
     apply_gain,
+    apply_slope,
     mix,
     sum,
     sum_of_squares,

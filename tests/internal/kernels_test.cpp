@@ -168,6 +168,14 @@ TEST(Kernels, ElementWise) {
       k.spectral->mix(y, x, level, y, n);
     };
   });
+  for_lengths("slopes", [](Values& v, int n, Range range) -> Call {
+    const auto a = v.complexes(n, range);
+    const float first = static_cast<float>(v.pick(600) - 300), step = v.real(Range::kAudio);
+    const float direction = static_cast<float>(v.pick(3) - 1), level = v.real(Range::kAudio);
+    return [=](const Kernels& k, Arrays& arrays) {
+      k.spectral->apply_slope(arrays.place(a), first, direction, step, level, n);
+    };
+  });
   for_lengths("sums and peaks", [](Values& v, int n, Range range) -> Call {
     const auto a = v.reals(n, range);
     return [=](const Kernels& k, Arrays& arrays) {
