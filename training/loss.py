@@ -24,7 +24,7 @@ class Weights:
     attenuated: float = 3.0  # extra on magnitude errors that take speech away
     ratio: float = 0.01  # per dB
     envelope: float = 1.0
-    silence: float = 0.15
+    silence: float = 0.3
 
 
 EXPONENT = 0.3

@@ -49,7 +49,7 @@ def draw_plan(rng: np.random.Generator) -> Plan:
     far_end = rng.random() < 0.42
     echo = -np.inf
     if far_end:
-        kind = rng.choice(["far", "double", "unheard"], p=[0.2, 0.7, 0.1])
+        kind = rng.choice(["far", "double", "unheard"], p=[0.33, 0.58, 0.09])
         talks = kind != "far"
         if kind != "unheard":
             echo = rng.uniform(-18, 18)
