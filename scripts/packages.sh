@@ -2,9 +2,9 @@
 # are missing, with sudo where the user is not root.
 
 packages_build="g++ cmake ninja-build pkg-config libsndfile1-dev libsamplerate0-dev libcli11-dev nlohmann-json3-dev libcairo2-dev"
-packages_demo="espeak-ng sox python3-numpy python3-scipy fonts-dejavu-core"
+packages_demo="espeak-ng python3-numpy python3-scipy fonts-dejavu-core"
 packages_bench="libbenchmark-dev libspeexdsp-dev libwebrtc-audio-processing-dev libfftw3-dev valgrind qemu-user g++-arm-linux-gnueabihf g++-aarch64-linux-gnu binutils python3-numpy python3-matplotlib"
-packages_test="googletest clang libclang-rt-14-dev binutils g++-arm-linux-gnueabihf g++-aarch64-linux-gnu qemu-user python3-numpy python3-scipy python3-soundfile python3-matplotlib python3-torch libopenblas0-pthread sox espeak-ng fonts-dejavu-core"
+packages_test="googletest clang libclang-rt-14-dev binutils g++-arm-linux-gnueabihf g++-aarch64-linux-gnu qemu-user python3-numpy python3-scipy python3-soundfile python3-matplotlib python3-torch libopenblas0-pthread fonts-dejavu-core"
 
 install_packages() {
   missing=""

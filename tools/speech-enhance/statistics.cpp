@@ -22,8 +22,10 @@ double power_db(double power) {
   return 10 * std::log10(power);
 }
 
+// A level or a difference of levels; a side that is digitally silent makes it infinite.
 std::string decibels(double value, const char* unit) {
-  if (!std::isfinite(value)) return "-";
+  if (std::isnan(value)) return "-";
+  if (std::isinf(value)) return value < 0 ? "silence" : "to silence";
   char text[32];
   std::snprintf(text, sizeof text, "%.1f %s", value, unit);
   return text;
