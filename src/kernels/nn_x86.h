@@ -1,9 +1,8 @@
 // What the integer layers of both x86 variants share: everything but the products themselves.
 //
-// A variant brings a class `Products` with
-//   static __m256i eight_rows(Known<kLength>, const std::int8_t* w, const std::int16_t* q, int
-//   length)
-// the products of eight rows of `length` weights with one vector. Everything here has internal
+// A variant brings a class `Products` with a static function template
+//   __m256i eight_rows(Known<kLength>, const std::int8_t* w, const std::int16_t* q, int length)
+// for the products of eight rows of `length` weights with one vector. Everything here has internal
 // linkage (see avx2.h).
 #pragma once
 
@@ -31,9 +30,9 @@ struct Known {
 __attribute__((noinline, unused)) std::int32_t one_product(const std::int8_t* w,
                                                            const std::int16_t* q,
                                                            std::ptrdiff_t length) {
-  std::int32_t sum = 0;
-  for (std::ptrdiff_t i = 0; i < length; ++i) sum += w[i] * q[i];
-  return sum;
+  std::uint32_t sum = 0;  // wraps, as the lanes of vectors do
+  for (std::ptrdiff_t i = 0; i < length; ++i) sum += static_cast<std::uint32_t>(w[i] * q[i]);
+  return static_cast<std::int32_t>(sum);
 }
 
 // The products of all eight rows, or of the first one in the first lane.
@@ -71,8 +70,8 @@ void affine_rows(Known<kCols> known, const IntegerLayer& layer, const std::int16
 
 template <class Products>
 void affine(const IntegerLayer& layer, const std::int16_t* q, float* y) {
-  if (layer.row_len == 400)
-    return affine_rows<Products>(Known<400>(), layer, q, y);  // the denoiser's head
+  constexpr int kHeadInput = 400;  // of the denoiser
+  if (layer.row_len == kHeadInput) return affine_rows<Products>(Known<kHeadInput>(), layer, q, y);
   affine_rows<Products>(Known<0>(), layer, q, y);
 }
 
