@@ -28,7 +28,8 @@ def plan(**changes) -> Plan:
 CONDITIONS = (
     *(Condition(f"snr {snr}", plan(snr=float(snr)), 1.0) for snr in SNRS),
     Condition("noise only", plan(talks=False, level=-38.0), 1.0),
-    Condition("clean", plan(snr=40.0), 1.0),
+    Condition("clean", plan(snr=40.0, dry=True), 1.0),
+    Condition("clean in a room", plan(snr=40.0), 1.0),
     Condition("clean, quiet", plan(snr=40.0, level=-50.0), 1.0),
     Condition("far end only", plan(talks=False, noise="none", far_end=True, echo=0.0), 2.0),
     Condition("double talk", plan(far_end=True, echo=0.0, snr=40.0), 2.0),

@@ -35,6 +35,7 @@ class Plan:
     dead_microphone: bool
     digital_silence: bool
     path_change: bool
+    dry: bool = False  # no room at all
 
 
 @dataclasses.dataclass
@@ -177,7 +178,7 @@ class Mixer:
     def scene(self, n: int, plan: Plan | None = None) -> Scene:
         plan = plan or draw_plan(self.rng)
         rng = self.rng
-        room = rooms.Room.draw(rng, self.rate)
+        room = rooms.Room.draw(rng, self.rate, plan.dry)
         size = scipy.fft.next_fast_len(n + room.length, real=True)
         f = np.arange(size // 2 + 1, dtype=np.float32) * np.float32(self.rate / size)
 

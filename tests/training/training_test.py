@@ -170,16 +170,14 @@ class SceneTest(WithData):
     def test_levels_are_what_the_plan_says(self):
         mixer = scenes.Mixer(audio.Library(self.cache, False), RATE, 7)
         for snr in (-5.0, 10.0, 30.0):
-            plan = conditions.plan(snr=snr, level=-30.0)
+            plan = conditions.plan(snr=snr, level=-30.0, dry=True)
             both = mixer.scene(4 * RATE, plan)
             self.assertTrue(np.isfinite(both.microphones).all())
             noise = both.microphones[1] - both.target
             level = 20 * np.log10(scenes.active_level(both.target, RATE))
-            # Early part of the talker against the talker with all reflections.
-            self.assertAlmostEqual(level, -30.0, delta=4.0)
-            if snr < 0:  # otherwise late reflections dominate the difference
-                self.assertAlmostEqual(level - 20 * np.log10(scenes.rms(noise)), snr, delta=4.0)
-            self.assertFalse(np.any(both.reference))
+            self.assertAlmostEqual(level, -30.0, delta=0.5)
+            self.assertAlmostEqual(level - 20 * np.log10(scenes.rms(noise)), snr, delta=0.5)
+            self.assertLess(np.abs(both.reference).max(), 1e-3)  # a line that plays nothing
 
     def test_what_must_be_silent_is(self):
         mixer = scenes.Mixer(audio.Library(self.cache, False), RATE, 8)
