@@ -4,7 +4,7 @@ import dataclasses
 
 import numpy as np
 
-from training.audio import Library
+from training.audio import ClipLibrary
 from training.library import SHAPE
 from training.scenes import Mixer, Plan, Scene
 
@@ -21,7 +21,7 @@ class Condition:
 
 def plan(**changes) -> Plan:
     base = dict(talks=True, noise="real", far_end=False, snr=40.0, echo=-np.inf, level=-32.0,
-                clip=False, dead_microphone=False, digital_silence=False, path_change=False)
+                clip=False, dead_microphone=False, digital_silence=False, path_change=False, mild_loudspeaker=True)
     return Plan(**(base | changes))
 
 
@@ -37,8 +37,7 @@ CONDITIONS = (
 
 
 def held_out_scenes(cache, condition: Condition, count: int) -> list[Scene]:
-    library = Library(cache, held_out=True)
+    library = ClipLibrary(cache, held_out=True)
     seed = [20, *condition.name.encode()]
     mixer = Mixer(library, SHAPE.sample_rate, seed)
-    mixer.mild_loudspeaker = True
     return [mixer.scene(SECONDS * SHAPE.sample_rate, condition.plan) for _ in range(count)]
