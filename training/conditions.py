@@ -21,7 +21,8 @@ class Condition:
 
 def plan(**changes) -> Plan:
     base = dict(talks=True, noise="real", far_end=False, snr=40.0, echo=-np.inf, level=-32.0,
-                clip=False, dead_microphone=False, digital_silence=False, path_change=False, mild_loudspeaker=True)
+                clip=False, dead_microphone=False, digital_silence=False, path_change=False,
+                mild_loudspeaker=True)
     return Plan(**(base | changes))
 
 
