@@ -91,7 +91,7 @@ def build_cache(audio: Path, cache: Path, rate: int, progress=print) -> None:
     os.replace(cache / "clips.tmp.json", cache / "clips.json")
 
 
-class Library:
+class ClipLibrary:
     """Clips of one side of the split, by folder and talker."""
 
     def __init__(self, cache: Path, held_out: bool):

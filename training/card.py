@@ -53,7 +53,7 @@ can reach it, STOI and the rest against the plain clean signal.
 
 ![Scores over input SNR](scores/scores.png)
 
-All numbers: `scores/scores.md`.
+All numbers, those of the tool's presets among them: `scores/scores.md`.
 
 ## What to expect
 

@@ -4,7 +4,7 @@ import dataclasses
 
 import numpy as np
 
-from training.audio import Library
+from training.audio import ClipLibrary
 from training.library import SHAPE
 from training.scenes import Mixer, Plan, Scene
 
@@ -21,14 +21,16 @@ class Condition:
 
 def plan(**changes) -> Plan:
     base = dict(talks=True, noise="real", far_end=False, snr=40.0, echo=-np.inf, level=-32.0,
-                clip=False, dead_microphone=False, digital_silence=False, path_change=False)
+                clip=False, dead_microphone=False, digital_silence=False, path_change=False,
+                mild_loudspeaker=True)
     return Plan(**(base | changes))
 
 
 CONDITIONS = (
     *(Condition(f"snr {snr}", plan(snr=float(snr)), 1.0) for snr in SNRS),
     Condition("noise only", plan(talks=False, level=-38.0), 1.0),
-    Condition("clean", plan(snr=40.0), 1.0),
+    Condition("clean", plan(snr=40.0, dry=True), 1.0),
+    Condition("clean in a room", plan(snr=40.0), 1.0),
     Condition("clean, quiet", plan(snr=40.0, level=-50.0), 1.0),
     Condition("far end only", plan(talks=False, noise="none", far_end=True, echo=0.0), 2.0),
     Condition("double talk", plan(far_end=True, echo=0.0, snr=40.0), 2.0),
@@ -36,8 +38,7 @@ CONDITIONS = (
 
 
 def held_out_scenes(cache, condition: Condition, count: int) -> list[Scene]:
-    library = Library(cache, held_out=True)
+    library = ClipLibrary(cache, held_out=True)
     seed = [20, *condition.name.encode()]
     mixer = Mixer(library, SHAPE.sample_rate, seed)
-    mixer.mild_loudspeaker = True
     return [mixer.scene(SECONDS * SHAPE.sample_rate, condition.plan) for _ in range(count)]

@@ -20,7 +20,8 @@ def scores(results: dict, path: Path) -> None:
     figure, axes = plt.subplots(2, 2, figsize=(9, 6.5), sharex=True)
     for axis, (key, title) in zip(axes.flat, PANELS):
         for name, row in results.items():
-            if name != "float network":  # lies on the engine's curve
+            # The float network lies on the engine's curve; presets are for the table.
+            if name != "float network" and not name.startswith("preset"):
                 axis.plot(SNRS, [row[f"snr {s}"][key] for s in SNRS], marker="o", markersize=3,
                           linewidth=2.5 if name == "engine" else 1, label=name)
         axis.set_title(title, fontsize=10)

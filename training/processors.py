@@ -5,7 +5,9 @@ A processor is called with a scene and returns microphone 1 enhanced, aligned wi
 delay is measured once, on speech."""
 
 import ctypes
+import json
 import os
+import struct
 from pathlib import Path
 
 import numpy as np
@@ -48,6 +50,30 @@ def unprocessed() -> Processor:
 def engine(name: str, model: bytes | None, **mode) -> Processor:
     return Processor(name, lambda scene, echo: library.engine(model, *scene.microphones,
                                                               scene.reference, **mode))
+
+
+def preset(path: Path, model: bytes | None) -> Processor:
+    """The engine with one of the tool's preset files."""
+    try:
+        settings = json.loads(path.read_text())
+    except (OSError, ValueError) as error:
+        raise TrainingError(f"cannot read the preset {path}: {error}") from error
+    limiter = settings.get("limiter")
+    shelves = [settings.get(name) for name in ("low_shelf", "high_shelf")]
+    peaks = [(p["center_hz"], p["gain_db"], p["q"]) for p in settings.get("peaks", [])]
+    peaks += [(0, 0.0, 0)] * (10 - len(peaks))
+    # NnProcessConfig: 43 fields of 32 bits.
+    config = struct.pack("<iiiffii", settings.get("residual_db", 30),
+                         settings.get("ns_residual_db", 40), limiter is not None,
+                         limiter["ceiling"] if limiter else 0, limiter["gain_db"] if limiter else 0,
+                         0, 0)
+    for shelf in shelves:
+        config += struct.pack("<iff", shelf is not None, *((shelf["freq_hz"], shelf["atten_db"])
+                                                           if shelf else (0, 0)))
+    config += b"".join(struct.pack("<ifi", *peak) for peak in peaks)
+    mode = settings.get("mode", "denoise")
+    return engine(f"preset {path.stem}", model, nn_only=mode == "denoise",
+                  use_ns=mode == "suppress", config=config)
 
 
 def network(name: str, net, quantised: bool = True) -> Processor:

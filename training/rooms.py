@@ -25,8 +25,8 @@ class Room:
     length: int  # samples of a response
 
     @staticmethod
-    def draw(rng: np.random.Generator, sample_rate: int) -> "Room":
-        t60 = 0.0 if rng.random() < 0.12 else rng.uniform(0.1, 0.7)
+    def draw(rng: np.random.Generator, sample_rate: int, dry: bool = False) -> "Room":
+        t60 = 0.0 if rng.random() < 0.12 or dry else rng.uniform(0.1, 0.7)
         spacing = 0.0 if rng.random() < 0.35 else rng.uniform(0.02, 0.15)
         return Room(t60, spacing, int(min(0.75 * t60, 0.45) * sample_rate) + 1024)
 

@@ -13,7 +13,7 @@ import scipy.fft
 import scipy.signal
 
 from training import rooms
-from training.audio import Clip, Library
+from training.audio import Clip, ClipLibrary
 
 EARLY_MS = 40.0
 FOLDER_WEIGHTS = {"commands": 0.33, "keywords": 0.22, "community": 0.08, "german": 0.27,
@@ -35,6 +35,8 @@ class Plan:
     dead_microphone: bool
     digital_silence: bool
     path_change: bool
+    dry: bool = False  # no room at all
+    mild_loudspeaker: bool = False  # little distortion, always the same amount
 
 
 @dataclasses.dataclass
@@ -73,13 +75,12 @@ def draw_plan(rng: np.random.Generator) -> Plan:
 class Mixer:
     """Draws and renders scenes from one side of the split; one generator per process."""
 
-    def __init__(self, library: Library, sample_rate: int, seed):
+    def __init__(self, library: ClipLibrary, sample_rate: int, seed):
         self.library = library
         self.rate = sample_rate
         self.rng = np.random.default_rng(seed)
         known = [f for f in library.talkers if f in FOLDER_WEIGHTS] or list(library.talkers)
         weights = np.array([FOLDER_WEIGHTS.get(f, 1.0) for f in known])
-        self.mild_loudspeaker = False  # little distortion and no path changes, for evaluation
         self.folders, self.folder_weights = known, weights / weights.sum()
 
     # --- sources -------------------------------------------------------------------------------
@@ -177,7 +178,7 @@ class Mixer:
     def scene(self, n: int, plan: Plan | None = None) -> Scene:
         plan = plan or draw_plan(self.rng)
         rng = self.rng
-        room = rooms.Room.draw(rng, self.rate)
+        room = rooms.Room.draw(rng, self.rate, plan.dry)
         size = scipy.fft.next_fast_len(n + room.length, real=True)
         f = np.arange(size // 2 + 1, dtype=np.float32) * np.float32(self.rate / size)
 
@@ -266,7 +267,7 @@ class Mixer:
         if not np.isfinite(plan.echo):
             return reference, np.zeros((2, n), np.float32)
         drive = np.float32(rng.uniform(0.3, 4.0) if rng.random() < 0.7 else 0.01)
-        if self.mild_loudspeaker:
+        if plan.mild_loudspeaker:
             drive = np.float32(1.0)
         peak = np.abs(reference).max() + 1e-9
         driven = reference / peak * drive

@@ -17,7 +17,7 @@ import torch
 import torch.multiprocessing as mp
 
 from training import checkpoint
-from training.audio import Library
+from training.audio import ClipLibrary
 from training.errors import TrainingError, reported_briefly
 from training.library import SHAPE
 from training.loss import SEGMENT, Loss, Weights
@@ -108,7 +108,7 @@ def learning_rate(arguments, elapsed: float, steps: int) -> float:
 
 def open_streams(cache: Path, seed: list[int], window: int, reuse: float, number: int,
                  batch: int) -> Streams:
-    mixer = Mixer(Library(cache, False), SHAPE.sample_rate, [*seed, number])
+    mixer = Mixer(ClipLibrary(cache, False), SHAPE.sample_rate, [*seed, number])
     return Streams(mixer, batch, window, reuse)
 
 

@@ -168,21 +168,19 @@ class LossTest(unittest.TestCase):
 
 class SceneTest(WithData):
     def test_levels_are_what_the_plan_says(self):
-        mixer = scenes.Mixer(audio.Library(self.cache, False), RATE, 7)
+        mixer = scenes.Mixer(audio.ClipLibrary(self.cache, False), RATE, 7)
         for snr in (-5.0, 10.0, 30.0):
-            plan = conditions.plan(snr=snr, level=-30.0)
+            plan = conditions.plan(snr=snr, level=-30.0, dry=True)
             both = mixer.scene(4 * RATE, plan)
             self.assertTrue(np.isfinite(both.microphones).all())
             noise = both.microphones[1] - both.target
             level = 20 * np.log10(scenes.active_level(both.target, RATE))
-            # Early part of the talker against the talker with all reflections.
-            self.assertAlmostEqual(level, -30.0, delta=4.0)
-            if snr < 0:  # otherwise late reflections dominate the difference
-                self.assertAlmostEqual(level - 20 * np.log10(scenes.rms(noise)), snr, delta=4.0)
-            self.assertFalse(np.any(both.reference))
+            self.assertAlmostEqual(level, -30.0, delta=0.5)
+            self.assertAlmostEqual(level - 20 * np.log10(scenes.rms(noise)), snr, delta=0.5)
+            self.assertLess(np.abs(both.reference).max(), 1e-3)  # a line that plays nothing
 
     def test_what_must_be_silent_is(self):
-        mixer = scenes.Mixer(audio.Library(self.cache, False), RATE, 8)
+        mixer = scenes.Mixer(audio.ClipLibrary(self.cache, False), RATE, 8)
         far = mixer.scene(2 * RATE, conditions.plan(talks=False, noise="none", far_end=True, echo=0.0))
         self.assertFalse(np.any(far.target))
         self.assertTrue(np.any(far.reference) and np.any(far.microphones[1]))
@@ -191,13 +189,13 @@ class SceneTest(WithData):
         self.assertTrue(np.any(dead.microphones[1]))
 
     def test_both_sides_of_the_split_are_apart(self):
-        sides = [audio.Library(self.cache, held_out) for held_out in (False, True)]
+        sides = [audio.ClipLibrary(self.cache, held_out) for held_out in (False, True)]
         talkers = [{t for f in side.talkers.values() for t in f} for side in sides]
         noises = [{c.name for c in side.noises} for side in sides]
         self.assertFalse(talkers[0] & talkers[1] or noises[0] & noises[1])
 
     def test_windows_line_up(self):
-        mixer = scenes.Mixer(audio.Library(self.cache, False), RATE, 9)
+        mixer = scenes.Mixer(audio.ClipLibrary(self.cache, False), RATE, 9)
         clean = conditions.plan(noise="none", snr=60.0)
         feed = streams.Streams(mixer, 2, 64, reuse=0.0, draw_plan=lambda rng: clean)
         (features, mixture, target, cosine, far_end), _ = feed.next_windows()
@@ -240,7 +238,7 @@ class TrainTest(WithData):
 
     def test_unusable_input_is_named(self):
         with self.assertRaisesRegex(TrainingError, "run training.prepare"):
-            audio.Library(self.path / "nowhere", False)
+            audio.ClipLibrary(self.path / "nowhere", False)
         broken = self.path / "broken"
         (broken / "speech" / "x").mkdir(parents=True)
         (broken / "speech" / "x" / "1.wav").write_bytes(b"no sound")
