@@ -28,6 +28,7 @@ CONV_PRODUCTS = sum(positions * channels * row for positions, channels, row in C
 DENSE_PRODUCTS = 2 * 600 * (128 + 200) + 2 * 600 * (200 + 200) + 400 * 128
 # Instructions for 16 weights by 16-bit values: widening loads, multiply-adds, sums. A widened weight of a
 # convolution is used again.
+GATES_PER_PAIR = 6  # two layers of three gates each; the pairs differ in their input, 128 and 200 values
 LEAST = {"avx2": (3, 2), "neon": (7, 4.5)}
 
 
@@ -248,6 +249,16 @@ def section_limit(r):
             ratios = [f"{r.times[f'full/{v}'].median / time.median:.2f}" for v in r.variants]
             rows.append((name.split("/")[1], time.text(2), f"{r.stream_bytes / time.median / 1000:.0f}", *ratios))
     lines += table(("multiply-add", "µs", "GB/s", *(f"{v} frame / limit" for v in r.variants)), rows)
+    rows = []
+    for variant in r.variants:
+        def time(kernel):
+            return r.kernels[kernel][variant] / 1000
+        parts = [GATES_PER_PAIR * (time("gru_gate 128") + time("gru_gate 200")),
+                 sum(time(f"convolve {i + 1}") for i in range(len(CONVOLUTIONS))), time("affine 128 x 400")]
+        frame = r.times[f"full/{variant}"].median
+        rows.append((variant, *(f"{part:.1f}" for part in (*parts, frame - sum(parts), frame))))
+    lines += ["", "What a frame takes, by the times of the product kernels, in µs:", ""]
+    lines += table(("", "GRU gates", "convolutions", "head", "everything else", "frame"), rows)
     products = CONV_PRODUCTS + DENSE_PRODUCTS
     alone = products / r.stream_bytes * r.times[r.limits["int16"]].median
     return lines + ["", "`bytes` multiplies the weights as they lie, by 8-bit values: the plain limit. `int16` widens "

@@ -40,7 +40,8 @@ def sections(library):
 
 def short_name(demangled):
     """The name of a demangled function without parameters, result type and unnamed namespaces."""
-    name = demangled.replace("(anonymous namespace)::", "").replace("{anonymous}::", "")
+    name = re.sub(r"^.*__vector\(\d+\) ", "", demangled)
+    name = name.replace("(anonymous namespace)::", "").replace("{anonymous}::", "")
     name = name.split("(")[0]
     while re.match(r"[\w:]+[*&]* \w", name):
         name = name.split(" ", 1)[1]
@@ -72,7 +73,7 @@ def stack_by_function(build):
             place, size, _ = line.split("\t")
             file_name, number, _, function = place.split(":", 3)
             name = short_name(function)
-            frames.append((name if name[-1:].isalnum() else f"{Path(file_name).name}:{number}", int(size)))
+            frames.append((name if re.match(r"[A-Za-z_]", name) else f"{Path(file_name).name}:{number}", int(size)))
     return sorted(frames, key=lambda frame: -frame[1])[:TOP]
 
 
