@@ -1,14 +1,14 @@
 #!/bin/sh
 # Installs the build into an empty prefix, then builds and runs the header's example against the
 # installed tree, once through the CMake package and once through pkg-config.
-# usage: install_tree.sh CMAKE BUILD_DIR SOURCE_DIR CC
+# usage: install_tree.sh CMAKE BUILD_DIR SOURCE_DIR CC GENERATOR
 set -eu
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 "$1" --install "$2" --prefix "$work/prefix" > "$work/log"
 head -c 64000 /dev/zero > "$work/silence.raw"
 
-"$1" -S "$3/examples" -B "$work/example" -DCMAKE_PREFIX_PATH="$work/prefix" > "$work/log"
+"$1" -G "$5" -S "$3/examples" -B "$work/example" -DCMAKE_PREFIX_PATH="$work/prefix" > "$work/log"
 "$1" --build "$work/example" > "$work/log"
 
 pc=$(dirname "$(find "$work/prefix" -name speechenhance.pc)")
