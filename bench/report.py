@@ -294,7 +294,8 @@ def section_scale(r, folder):
               f"streams in real time and two hold {held[2]:,}."]
     audio = r.jobs["audio_s"]
     lines += ["", f"The tool over a folder of {r.jobs['files']} recordings, {audio:,} s in all, fastest of "
-              f"{len(r.jobs['runs']['1'])} runs:", ""]
+              f"{len(r.jobs['runs']['1'])} runs. The files are independent processes; where `--jobs 2` gains little, "
+              "other work held the second core.", ""]
     rows = []
     for jobs, runs in r.jobs["runs"].items():
         wall, cpu = (min(run[key] for run in runs) for key in ("wall_s", "cpu_s"))
