@@ -75,7 +75,7 @@ class Conv {
 class Gru {
  public:
   Gru(const GRULayer* layer, int hidden, int input)
-      : layer_(layer), hidden_(hidden), input_(input), state_(static_cast<std::size_t>(hidden)) {}
+      : state(static_cast<std::size_t>(hidden)), layer_(layer), hidden_(hidden), input_(input) {}
 
   Values step(const Values& in) {
     Integers q;
@@ -85,14 +85,14 @@ class Gru {
       const double r = sigmoid(from_input(j, q) + from_state(j));
       const double z = sigmoid(from_input(hidden_ + j, q) + from_state(hidden_ + j));
       const double n = std::tanh(from_input(2 * hidden_ + j, q) + r * from_state(2 * hidden_ + j));
-      const double h = static_cast<double>(state_[static_cast<std::size_t>(j)]) / 2048;
+      const double h = static_cast<double>(state[static_cast<std::size_t>(j)]) / 2048;
       out.push_back((1 - z) * n + z * h);
     }
-    for (int j = 0; j < hidden_; ++j) {
-      state_[static_cast<std::size_t>(j)] = quantized(out[static_cast<std::size_t>(j)], 2048);
-    }
+    for (std::size_t j = 0; j < out.size(); ++j) state[j] = quantized(out[j], 2048);
     return out;
   }
+
+  Integers state;  // in Q11
 
  private:
   static double product(const std::int8_t* row, const Integers& q) {
@@ -104,12 +104,11 @@ class Gru {
     return product(layer_->weight_ih + row * input_, q) + layer_->bias_ih[row];
   }
   double from_state(int row) const {
-    return product(layer_->weight_hh + row * hidden_, state_) + layer_->bias_hh[row];
+    return product(layer_->weight_hh + row * hidden_, state) + layer_->bias_hh[row];
   }
 
   const GRULayer* layer_;
   int hidden_, input_;
-  Integers state_;
 };
 
 inline Values features(const std::vector<zel_lcomplex>& spectra) {

@@ -2,6 +2,9 @@
 #pragma once
 
 #include <cstdint>
+#include <vector>
+
+#include "speechenhance/types.h"
 
 class RandomSignal {
  public:
@@ -15,6 +18,22 @@ class RandomSignal {
   }
   // Uniform in [-1, 1): 24 bits, so exact in single precision.
   float uniform() { return static_cast<float>(bits() >> 8) * (1.0f / 8388608.0f) - 1.0f; }
+
+  template <class Count>
+  std::vector<float> reals(Count n, float amplitude = 1.0f) {
+    std::vector<float> values(static_cast<std::size_t>(n));
+    for (float& x : values) x = amplitude * uniform();
+    return values;
+  }
+  template <class Count>
+  std::vector<zel_lcomplex> complexes(Count n, float amplitude = 1.0f) {
+    std::vector<zel_lcomplex> values(static_cast<std::size_t>(n));
+    for (zel_lcomplex& x : values) {
+      x.re = amplitude * uniform();
+      x.im = amplitude * uniform();
+    }
+    return values;
+  }
 
  private:
   std::uint64_t state_;

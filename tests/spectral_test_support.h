@@ -1,5 +1,4 @@
-// Shared by the tests of the transforms: random spectra, and the transform by its definition in
-// double precision.
+// Shared by the tests of the transforms: the transform by its definition in double precision.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -7,43 +6,16 @@
 #include <cmath>
 #include <complex>
 #include <cstddef>
-#include <cstdint>
 #include <vector>
 
 #include "guarded_region.h"
 #include "random_signal.h"
-#include "speechenhance/types.h"
 
 namespace spectral_test {
 
-// Numbers in [-1, 1) that are the same on every machine.
-class Noise {
- public:
-  explicit Noise(std::uint64_t seed) : random_(seed) {}
+using Spectrum = std::vector<zel_lcomplex>;
 
-  std::vector<float> reals(int n) {
-    std::vector<float> values(static_cast<std::size_t>(n));
-    for (float& v : values) v = random_.uniform();
-    return values;
-  }
-
-  std::vector<zel_lcomplex> complexes(int n) {
-    std::vector<zel_lcomplex> values(static_cast<std::size_t>(n));
-    for (zel_lcomplex& v : values) {
-      v.re = random_.uniform();
-      v.im = random_.uniform();
-    }
-    return values;
-  }
-
- private:
-  RandomSignal random_;
-};
-
-// An opaque record, for GuardedRegion::holds.
-inline const std::uint8_t* bytes_of(const void* record) {
-  return static_cast<const std::uint8_t*>(record);
-}
+constexpr double kPi = 3.14159265358979323846;
 
 using Complexes = std::vector<std::complex<double>>;
 
@@ -60,12 +32,11 @@ inline Complexes widen(const std::vector<float>& values) {
 // X[k] = sum x[n] e^(sign 2 pi i n k / N), for k < bins.
 inline Complexes dft(const Complexes& x, std::size_t bins, double sign = -1) {
   const std::size_t n = x.size();
-  Complexes roots;
+  Complexes roots, spectrum(bins);
   for (std::size_t i = 0; i < n; ++i) {
-    roots.push_back(std::polar(
-        1.0, sign * 2 * 3.14159265358979323846 * static_cast<double>(i) / static_cast<double>(n)));
+    roots.push_back(
+        std::polar(1.0, sign * 2 * kPi * static_cast<double>(i) / static_cast<double>(n)));
   }
-  Complexes spectrum(bins);
   for (std::size_t k = 0; k < bins; ++k) {
     for (std::size_t i = 0; i < n; ++i) spectrum[k] += x[i] * roots[i * k % n];
   }
@@ -85,10 +56,14 @@ inline double largest_difference(const Complexes& a, const Complexes& b) {
   return largest;
 }
 
-// What a published byte figure becomes on this target: it counts 4 bytes for a pointer, and every
-// record grows by what its fields take more.
-constexpr std::size_t grown(std::size_t published, std::size_t growth_with_8_byte_pointers) {
-  return sizeof(void*) == 4 ? published : published + growth_with_8_byte_pointers;
+// The `count` values that `write` writes; nothing around them.
+template <class T, class Write>
+std::vector<T> written(std::size_t count, const Write& write) {
+  GuardedRegion out(count * sizeof(T));
+  T* values = reinterpret_cast<T*>(out.data());
+  write(values);
+  EXPECT_TRUE(out.intact());
+  return {values, values + count};
 }
 
 }  // namespace spectral_test

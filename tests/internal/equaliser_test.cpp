@@ -37,47 +37,28 @@ bool all_ones(const Gains& gains, std::size_t first = 0, std::size_t last = 256)
   return std::all_of(&gains[first], &gains[last] + 1, [](float g) { return g == 1.0f; });
 }
 
-TEST(Equaliser, LowShelfRampsUpToItsCorner) {
-  Setting setting;
-  setting.low = {1, 1000.0f, 20.0f};
-  const Gains gains = gains_of(setting);
-  for (std::size_t k = 0; k <= 24; ++k) EXPECT_FLOAT_EQ(gains[k], 0.1f);
-  for (std::size_t k = 25; k <= 32; ++k) {
-    EXPECT_FLOAT_EQ(gains[k], 0.2125f + 0.1125f * static_cast<float>(k - 25));
-  }
-  EXPECT_EQ(gains[32], 1.0f);
-  EXPECT_TRUE(all_ones(gains, 33));
-
-  setting.low.enable = 0;
-  EXPECT_TRUE(all_ones(gains_of(setting)));
-  setting.low = {1, 270.0f, 20.0f};  // bin 8
-  EXPECT_TRUE(all_ones(gains_of(setting)));
-  setting.low = {1, 1000.0f, -6.0f};
-  EXPECT_TRUE(all_ones(gains_of(setting)));
-  setting.low = {1, 279.1f, 20.0f};  // bin 9
-  EXPECT_LT(gains_of(setting)[0], 0.11f);
-  EXPECT_TRUE(all_ones(gains_of(setting), 9));
-  setting.low = {1, 1e9f, 20.0f};  // one past the last bin
-  EXPECT_FLOAT_EQ(gains_of(setting)[256], 1.0f - 0.1125f);
+Gains shelf(const ShelfBand& low, const ShelfBand& high = {}) {
+  return gains_of({low, high, {}});
 }
 
-TEST(Equaliser, HighShelfMirrorsIt) {
-  Setting setting;
-  setting.high = {-1, 1000.0f, 20.0f};
-  const Gains gains = gains_of(setting);
-  EXPECT_TRUE(all_ones(gains, 0, 32));
-  for (std::size_t k = 33; k <= 39; ++k) {
-    EXPECT_FLOAT_EQ(gains[k], 1.0f - 0.1125f * static_cast<float>(k - 32));
+TEST(Equaliser, ShelvesRampTowardsTheirCorners) {
+  const Gains low = shelf({1, 1000.0f, 20.0f}), high = shelf({}, {-1, 1000.0f, 20.0f});
+  for (std::size_t k = 0; k <= 256; ++k) {  // the corner is bin 32, eight bins from level to level
+    const float ramp = static_cast<float>(k) - 32.0f;
+    EXPECT_FLOAT_EQ(low[k], k <= 24 ? 0.1f : k < 32 ? 1.0f + 0.1125f * ramp : 1.0f) << k;
+    EXPECT_FLOAT_EQ(high[k], k <= 32 ? 1.0f : k < 40 ? 1.0f - 0.1125f * ramp : 0.1f) << k;
   }
-  for (std::size_t k = 40; k <= 256; ++k) EXPECT_FLOAT_EQ(gains[k], 0.1f);
-
-  setting.high = {1, 7719.0f, 20.0f};  // bin 249
-  EXPECT_TRUE(all_ones(gains_of(setting)));
-  setting.high = {1, 7700.0f, 20.0f};
-  EXPECT_TRUE(all_ones(gains_of(setting), 0, 248));
-  EXPECT_FLOAT_EQ(gains_of(setting)[256], 0.1f);
-  setting.high = {1, -1e9f, 20.0f};
-  EXPECT_FLOAT_EQ(gains_of(setting)[0], 0.1f);
+  EXPECT_TRUE(all_ones(low, 32) && all_ones(high, 0, 32));
+  EXPECT_TRUE(all_ones(shelf({0, 1000.0f, 20.0f})));
+  EXPECT_TRUE(all_ones(shelf({1, 1000.0f, -6.0f})));
+  EXPECT_TRUE(all_ones(shelf({1, 270.0f, 20.0f})));  // bin 8
+  EXPECT_LT(shelf({1, 279.1f, 20.0f})[0], 0.11f);    // bin 9
+  EXPECT_TRUE(all_ones(shelf({1, 279.1f, 20.0f}), 9));
+  EXPECT_FLOAT_EQ(shelf({1, 1e9f, 20.0f})[256], 1.0f - 0.1125f);  // one past the last bin
+  EXPECT_TRUE(all_ones(shelf({}, {1, 7719.0f, 20.0f})));          // bin 249
+  EXPECT_TRUE(all_ones(shelf({}, {1, 7700.0f, 20.0f}), 0, 248));
+  EXPECT_FLOAT_EQ(shelf({}, {1, 7700.0f, 20.0f})[256], 0.1f);
+  EXPECT_FLOAT_EQ(shelf({}, {1, -1e9f, 20.0f})[0], 0.1f);
 }
 
 TEST(Equaliser, PeakIsATriangleInLinearGain) {
@@ -106,7 +87,6 @@ TEST(Equaliser, BandsMultiplyAndStayWithinTheSpectrum) {
   setting.low = {1, 4000.0f, 6.0f};
   EXPECT_NEAR(gains_of(setting)[64], std::pow(10.0f, 0.9f), 1e-4f);
 
-  constexpr float kInfinity = std::numeric_limits<float>::infinity();
   constexpr std::int32_t kMax = std::numeric_limits<std::int32_t>::max(),
                          kMin = std::numeric_limits<std::int32_t>::min();
   const PeakBand peaks[] = {{8000, 6.0f, 1}, {6000, 6.0f, 1},    {kMax, 6.0f, 1},
@@ -117,10 +97,9 @@ TEST(Equaliser, BandsMultiplyAndStayWithinTheSpectrum) {
     wild.peak[0] = peak;
     for (const float g : gains_of(wild)) EXPECT_TRUE(std::isfinite(g) && g >= 0.0f);
   }
-  for (const float corner : {kInfinity, -kInfinity, NAN, 1e30f}) {
-    Setting wild;
-    wild.low = wild.high = {1, corner, 20.0f};
-    for (const float g : gains_of(wild)) EXPECT_TRUE(g >= 0.0f && g <= 1.0f);
+  for (const float corner : {INFINITY, -INFINITY, NAN, 1e30f}) {
+    for (const float g : shelf({1, corner, 20.0f}, {1, corner, 20.0f}))
+      EXPECT_TRUE(g >= 0.0f && g <= 1.0f);
   }
 }
 

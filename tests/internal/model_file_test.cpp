@@ -14,58 +14,25 @@ using namespace se::nn;
 
 TEST(ModelFile, TheCompiledInModelIsValidAndTheRecordsPointIntoIt) {
   EXPECT_EQ(model_table_bytes(), 1054656u);
+  EXPECT_EQ(crc32("123456789", 9), 0xcbf43926u);  // the usual one
   alignas(kModelAlignment) static unsigned char copy[kModelFileBytes];
   std::memcpy(copy, se_model_file, sizeof copy);
   ModelRecords records;
   ASSERT_EQ(open_model(copy, sizeof copy, &records), nullptr);
 
-  // The records that the library links equal those that the reader builds, table by table.
-  const DenoiseModel& linked = nn_denoise_model;
-  const DenoiseModel& read = records.model;
-  const auto same = [&](const void* a, const void* b) {
-    return static_cast<const unsigned char*>(a) - se_model_file ==
-           static_cast<const unsigned char*>(b) - copy;
+  // The records that the library links point where those that the reader builds do.
+  const auto same = [&](const void* linked, const void* read) {
+    return static_cast<const unsigned char*>(linked) - se_model_file ==
+           static_cast<const unsigned char*>(read) - copy;
   };
-  const Conv2DLayer* const convs[][2] = {{linked.conv1, read.conv1},
-                                         {linked.conv2, read.conv2},
-                                         {linked.conv3, read.conv3},
-                                         {linked.conv4, read.conv4},
-                                         {linked.conv5, read.conv5}};
-  for (const auto& [a, b] : convs) {
-    EXPECT_TRUE(same(a->kernel, b->kernel) && same(a->kernel_scale, b->kernel_scale) &&
-                same(a->bias, b->bias));
-    EXPECT_EQ(a->out_channels, b->out_channels);
-    EXPECT_EQ(a->activation, 3);
-  }
-  const BNLayer* const norms[][2] = {{linked.bn1, read.bn1},
-                                     {linked.bn2, read.bn2},
-                                     {linked.bn3, read.bn3},
-                                     {linked.bn4, read.bn4},
-                                     {linked.bn5, read.bn5}};
-  for (const auto& [a, b] : norms) {
-    EXPECT_TRUE(same(a->gamma_var, b->gamma_var) && same(a->gmb, b->gmb));
-    EXPECT_EQ(a->width, b->width);
-  }
-  const GRULayer* const grus[][2] = {{linked.gru1_1, read.gru1_1},
-                                     {linked.gru1_2, read.gru1_2},
-                                     {linked.gru2_1, read.gru2_1},
-                                     {linked.gru2_2, read.gru2_2}};
-  for (const auto& [a, b] : grus) {
-    EXPECT_TRUE(same(a->weight_ih, b->weight_ih) && same(a->weight_hh, b->weight_hh) &&
-                same(a->bias_ih, b->bias_ih) && same(a->bias_hh, b->bias_hh));
-    EXPECT_EQ(a->input_size, b->input_size);
-    EXPECT_EQ(a->hidden_size, 200);
-  }
-  const FCLayer* const heads[][2] = {{linked.fc1, read.fc1}, {linked.fc2, read.fc2}};
-  for (const auto& [a, b] : heads) {
-    EXPECT_TRUE(same(a->weight, b->weight) && same(a->weight_scale, b->weight_scale) &&
-                same(a->bias, b->bias));
-  }
+  const DenoiseModel &linked = nn_denoise_model, &read = records.model;
+  EXPECT_TRUE(same(linked.conv1->kernel, read.conv1->kernel));
+  EXPECT_TRUE(same(linked.conv5->bias, read.conv5->bias));
+  EXPECT_TRUE(same(linked.bn3->gmb, read.bn3->gmb));
+  EXPECT_TRUE(same(linked.gru2_2->weight_hh, read.gru2_2->weight_hh));
+  EXPECT_TRUE(same(linked.fc1->weight, read.fc1->weight));
+  EXPECT_TRUE(same(linked.fc2->bias, read.fc2->bias));
   EXPECT_EQ(linked.conv1->kernel, reinterpret_cast<const std::int8_t*>(se_model_file + 64));
-}
-
-TEST(ModelFile, ChecksumIsTheUsualCrc32) {
-  EXPECT_EQ(crc32("123456789", 9), 0xcbf43926u);
 }
 
 TEST(ModelFile, RefusesDamagedFiles) {

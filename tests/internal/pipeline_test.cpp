@@ -6,6 +6,7 @@
 #include <memory>
 #include <vector>
 
+#include "bit_hash.h"
 #include "engine/se_instance.h"
 #include "kernels/kernels.h"
 #include "nn/denoiser.h"
@@ -19,10 +20,7 @@ constexpr int kBlock = SE_BLOCK_LEN, kBins = 257, kFrame = 512;
 // Zeroed memory for a module, which lives as long as this.
 class Arena {
  public:
-  void* zeroed(std::size_t bytes) {
-    blocks_.emplace_back(new char[bytes]());
-    return blocks_.back().get();
-  }
+  void* zeroed(std::size_t bytes) { return blocks_.emplace_back(new char[bytes]()).get(); }
 
  private:
   std::vector<std::unique_ptr<char[]>> blocks_;
@@ -199,22 +197,21 @@ std::uint64_t hash_of_ten_seconds() {
   set_nn_process_config(engine, config);
   testing::internal::GetCapturedStdout();
   TestSignal signal(5);
-  std::uint64_t hash = 14695981039346656037u;  // FNV-1a over the output's bytes
+  BitHash hash;
   float loudest = 0.0f;
   for (int frame = 0; frame < 1000; ++frame) {
-    float mic[2 * kBlock], ref[kBlock], out[kBlock];
+    float mic[2 * kBlock], ref[kBlock];
+    std::vector<float> out(kBlock);
     signal.next(mic, ref);
     // Every way through the pipeline, in stretches of 250 ms.
     const int mode = frame / 25 % 4;
-    se_process(engine, mic, ref, out, mode == 0, mode == 2 || mode == 3);
-    unsigned char bytes[sizeof out];
-    std::memcpy(bytes, out, sizeof out);
-    for (const unsigned char byte : bytes) hash = (hash ^ byte) * 1099511628211u;
+    se_process(engine, mic, ref, out.data(), mode == 0, mode == 2 || mode == 3);
+    hash.add(out);
     for (const float y : out) loudest = std::max(loudest, std::fabs(y));
   }
   se_destroy(engine);
   EXPECT_GT(loudest, 0.1f);
-  return hash;
+  return hash.value();
 }
 
 TEST(Pipeline, GoldenHashOfTenSeconds) {

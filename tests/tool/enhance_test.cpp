@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cmath>
 
 #include "errors.h"
 #include "files.h"
@@ -16,9 +15,17 @@
 namespace se_tool {
 namespace {
 
-const ProgressFunction kNoProgress = [](std::uint64_t, std::uint64_t) {};
+// What `work` writes to its string, in a process of its own like the tool's recordings.
+std::string run_alone(const std::function<std::string()>& work) {
+  const Work job = [&](std::size_t, const ReportFraction&) {
+    claim_standard_output();
+    return work();
+  };
+  const Outcome outcome = run_in_processes(1, 1, job, [](double) {}).front();
+  EXPECT_EQ(outcome.code, 0) << outcome.text;
+  return outcome.text;
+}
 
-// Enhances one recording into floats, in a process of its own like the tool does.
 std::vector<float> enhanced(const std::vector<float>& mic, int channels, const Settings& settings,
                             const std::vector<float>& ref = {}) {
   const TestFolder folder;
@@ -32,131 +39,61 @@ std::vector<float> enhanced(const std::vector<float>& mic, int channels, const S
     task.ref = folder / "ref.wav";
     write_sound(task.ref, kWavFloat, 16000, 1, ref);
   }
-  const Work work = [&](std::size_t, const ReportFraction&) {
-    claim_standard_output();
-    enhance(task, kNoProgress);
+  run_alone([&] {
+    enhance(task, [](std::uint64_t, std::uint64_t) {});
     return std::string();
-  };
-  const Outcome outcome = run_in_processes(1, 1, work, [](double) {}).front();
-  EXPECT_EQ(outcome.code, 0) << outcome.text;
+  });
   return read_sound(task.output).samples;
 }
 
-double correlation(const std::vector<float>& left, const std::vector<float>& right, int lag) {
-  double sum = 0;
-  for (int i = 4000; i < 12000; ++i) {
-    sum += static_cast<double>(left[static_cast<std::size_t>(i)]) *
-           right[static_cast<std::size_t>(i + lag)];
+// The engine on both microphones, delay included.
+std::vector<float> streamed(const std::vector<float>& mic0, const std::vector<float>& mic1,
+                            const Settings& settings, const std::vector<float>& ref) {
+  const std::string bytes = run_alone([&] {
+    SEInstance* engine = se_create();
+    set_nn_process_config(engine, engine_config(settings));
+    std::vector<float> stream(mic0.size());
+    for (std::size_t at = 0; at < stream.size(); at += 160) {
+      float mics[320];
+      std::copy_n(&mic0[at], 160, mics);
+      std::copy_n(&mic1[at], 160, mics + 160);
+      se_process(engine, mics, &ref[at], &stream[at], settings.mode == Mode::kDenoise,
+                 settings.mode == Mode::kSuppress);
+    }
+    se_destroy(engine);
+    return std::string(reinterpret_cast<const char*>(stream.data()), stream.size() * 4);
+  });
+  std::vector<float> stream(bytes.size() / 4);
+  std::copy_n(bytes.data(), bytes.size(), reinterpret_cast<char*>(stream.data()));
+  return stream;
+}
+
+// The same frames through the engine's own interface give the same samples, less the delay; the
+// mono recording feeds both microphones.
+TEST(Enhance, GivesWhatTheEngineGives) {
+  const std::vector<float> first = noise(16000, 0.3f, 15), second = noise(16000, 0.3f, 14),
+                           ref = noise(16000, 0.3f, 16);
+  std::vector<float> stereo;
+  for (std::size_t i = 0; i < first.size(); ++i) {
+    stereo.insert(stereo.end(), {first[i], second[i]});
   }
-  return sum;
-}
-
-Settings mix_in_full() {
-  Settings settings;
-  settings.mode = Mode::kMix;
-  settings.residual_db = 0;
-  return settings;
-}
-
-// Whatever the denoiser does, the mix in full passes the microphone, three times as loud or more.
-TEST(Enhance, AlignsTheOutputToTheSample) {
-  const std::vector<float> mic = noise(16123, 0.05f, 11);
-  Settings suppressed = mix_in_full();
-  suppressed.mode = Mode::kSuppress;
-  suppressed.ns_residual_db = 10;
-  Settings limited = mix_in_full();
-  limited.limiter = Limiter{0.9, 0};
-  for (const Settings& settings : {mix_in_full(), suppressed, limited}) {
-    const std::vector<float> out = enhanced(mic, 1, settings);
-    ASSERT_EQ(out.size(), mic.size());
-    const double at_zero = correlation(mic, out, 0);
-    EXPECT_GT(at_zero, 2 * correlation(mic, mic, 0));
-    for (int lag = -200; lag <= 200; ++lag) {
-      if (lag == 0) continue;
-      EXPECT_LT(std::abs(correlation(mic, out, lag)), 0.25 * at_zero) << "lag " << lag;
+  for (const char* preset : {"plain", "voice", "call", "natural", "steady"}) {
+    SCOPED_TRACE(preset);
+    const Settings settings = load_preset(preset);
+    for (const int channels : {1, 2}) {
+      const auto stream = streamed(first, channels == 1 ? first : second, settings, ref);
+      const auto out = enhanced(channels == 1 ? first : stereo, channels, settings, ref);
+      ASSERT_TRUE(stream.size() == first.size() && out.size() == first.size());
+      const std::ptrdiff_t delay = settings.limiter ? 1168 : 1152;
+      EXPECT_TRUE(std::equal(stream.begin() + delay, stream.end(), out.begin()));
     }
   }
 }
 
 TEST(Enhance, KeepsTheLengthOfTheShortestRecordings) {
   for (const std::size_t length : {1u, 159u, 160u, 161u, 1151u, 1153u, 1169u}) {
-    const std::vector<float> out = enhanced(noise(length, 0.05f, 12), 1, mix_in_full());
-    EXPECT_EQ(out.size(), length);
+    EXPECT_EQ(enhanced(noise(length, 0.05f, 12), 1, {}).size(), length);
   }
-}
-
-TEST(Enhance, TakesTheSecondChannelAndFeedsMonoToBoth) {
-  const std::vector<float> first = noise(16000, 0.05f, 13);
-  const std::vector<float> second = noise(16000, 0.05f, 14);
-  std::vector<float> stereo;
-  std::vector<float> doubled;
-  for (std::size_t i = 0; i < second.size(); ++i) {
-    stereo.insert(stereo.end(), {first[i], second[i]});
-    doubled.insert(doubled.end(), {second[i], second[i]});
-  }
-  const std::vector<float> out = enhanced(stereo, 2, mix_in_full());
-  EXPECT_GT(correlation(second, out, 0), 2 * correlation(second, second, 0));
-  EXPECT_LT(std::abs(correlation(first, out, 0)), 0.2 * correlation(first, first, 0));
-  EXPECT_EQ(enhanced(doubled, 2, {}), enhanced(second, 1, {}));
-}
-
-// The same frames through the engine's own interface give the same samples.
-TEST(Enhance, GivesWhatTheEngineGives) {
-  const std::vector<float> mic = noise(16000, 0.3f, 15);
-  const std::vector<float> ref = noise(16000, 0.3f, 16);
-  for (const char* preset : {"plain", "voice", "call", "natural", "steady"}) {
-    const Settings settings = load_preset(preset);
-    const std::vector<float> out = enhanced(mic, 1, settings, ref);
-    const Work work = [&](std::size_t, const ReportFraction&) {
-      claim_standard_output();
-      SEInstance* engine = se_create();
-      set_nn_process_config(engine, engine_config(settings));
-      std::vector<float> stream;
-      for (std::size_t at = 0; at < mic.size(); at += 160) {
-        float mics[320];
-        float block[160];
-        std::copy_n(mic.data() + at, 160, mics);
-        std::copy_n(mic.data() + at, 160, mics + 160);
-        se_process(engine, mics, ref.data() + at, block, settings.mode == Mode::kDenoise,
-                   settings.mode == Mode::kSuppress);
-        stream.insert(stream.end(), block, block + 160);
-      }
-      se_destroy(engine);
-      return std::string(reinterpret_cast<const char*>(stream.data()), stream.size() * 4);
-    };
-    const std::string bytes = run_in_processes(1, 1, work, [](double) {}).front().text;
-    std::vector<float> stream(bytes.size() / 4);
-    std::copy_n(bytes.data(), bytes.size(), reinterpret_cast<char*>(stream.data()));
-    ASSERT_EQ(stream.size(), mic.size());
-    const auto delay = static_cast<std::size_t>(settings.limiter ? 1168 : 1152);
-    EXPECT_TRUE(
-        std::equal(stream.begin() + static_cast<std::ptrdiff_t>(delay), stream.end(), out.begin()))
-        << preset;
-  }
-}
-
-TEST(Enhance, RefusesReferencesOfAnotherRateLengthOrShape) {
-  const TestFolder folder;
-  Task task;
-  task.mic = folder / "mic.wav";
-  task.ref = folder / "ref.wav";
-  task.output = folder / "out.wav";
-  write_sound(task.mic, kWav16, 16000, 1, noise(16000, 0.1f, 17));
-  const auto error_of = [&](int rate, int channels, std::size_t samples) {
-    write_sound(task.ref, kWav16, rate, channels, noise(samples, 0.1f, 18));
-    try {
-      enhance(task, kNoProgress);
-    } catch (const Error& error) {
-      return std::string(error.what());
-    }
-    return std::string();
-  };
-  EXPECT_NE(error_of(48000, 1, 48000).find("same rate"), std::string::npos);
-  EXPECT_NE(error_of(16000, 1, 15999).find("as long"), std::string::npos);
-  EXPECT_NE(error_of(16000, 2, 32000).find("mono"), std::string::npos);
-  write_sound(task.mic, kWav16, 16000, 3, noise(48000, 0.1f, 17));
-  EXPECT_NE(error_of(16000, 1, 16000).find("3 channels"), std::string::npos);
-  EXPECT_FALSE(std::filesystem::exists(task.output));
 }
 
 TEST(ProcessPool, KeepsOrderAndSeparatesFailuresAndState) {
@@ -176,8 +113,7 @@ TEST(ProcessPool, KeepsOrderAndSeparatesFailuresAndState) {
     ASSERT_EQ(outcomes.size(), 7u);
     EXPECT_EQ(outcomes[0].text, "0:0");
     EXPECT_EQ(outcomes[6].text, "6:0");
-    EXPECT_EQ(outcomes[2].code, 3);
-    EXPECT_EQ(outcomes[2].text, "no good");
+    EXPECT_TRUE(outcomes[2].code == 3 && outcomes[2].text == "no good");
     EXPECT_EQ(outcomes[3].code, 5);
     EXPECT_EQ(outcomes[4].text.size(), 300000u);
     EXPECT_EQ(last, 1);

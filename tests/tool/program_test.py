@@ -200,6 +200,21 @@ class ProgramTest(unittest.TestCase):
             twin.parent.mkdir()
             twin.write_bytes(self.mic.read_bytes())
         self.fail_cleanly(2, "written twice", *twins, "-o", self.folder / "r")
+        (self.folder / "again").symlink_to(".")
+        self.fail_cleanly(2, "written twice", self.mic, "-o", self.out,
+                          "--plot", self.folder / "again" / "." / "out.wav")
+
+    def test_replaced_output_keeps_its_permissions_and_links(self):
+        real, link = self.folder / "real.wav", self.folder / "link.wav"
+        real.write_bytes(b"old")
+        real.chmod(0o640)
+        link.symlink_to("real.wav")
+        self.succeed(self.mic, "-o", link)
+        self.succeed(self.mic, "-o", self.out, preexec_fn=lambda: os.umask(0o027))
+        self.assertTrue(link.is_symlink())
+        self.assertEqual(real.read_bytes(), self.out.read_bytes())
+        for path in (real, self.out):
+            self.assertEqual(path.stat().st_mode & 0o777, 0o640)
 
     def test_output_that_cannot_be_written(self):
         self.fail_cleanly(4, "No such file", self.mic, "-o", self.folder / "no" / "out.wav")
@@ -240,17 +255,17 @@ class ProgramTest(unittest.TestCase):
                 process = subprocess.Popen([PROGRAM, *arguments], stdout=subprocess.PIPE,
                                            stderr=subprocess.PIPE)
                 deadline = time.monotonic() + 30
-                while len(self.content_names()) == len(before) and time.monotonic() < deadline:
+                while self.count_files() == len(before) and time.monotonic() < deadline:
                     time.sleep(0.02)
-                self.assertGreater(len(self.content_names()), len(before), "work has begun")
+                self.assertGreater(self.count_files(), len(before), "work has begun")
                 process.send_signal(number)
                 errors = process.communicate(timeout=60)[1]
                 self.assertEqual(process.returncode, 128 + number)
                 self.assertIn(b"interrupted", errors)
                 self.assertEqual(self.content(), before)
 
-    def content_names(self):
-        return [path for path in self.folder.rglob("*") if path.is_file()]
+    def count_files(self):
+        return sum(path.is_file() for path in self.folder.rglob("*"))
 
     def test_progress_shows_on_a_terminal_only(self):
         self.mic.write_bytes(wav(pcm16(noise(1, 5)) * 60))
@@ -273,19 +288,14 @@ class ProgramTest(unittest.TestCase):
         self.assertEqual(self.succeed(self.mic, "-o", self.out).stderr, b"")
 
     def test_usage_errors(self):
-        for words, arguments in (("no recording", []),
-                                 ("no output", [self.mic]),
-                                 ("--residual", [self.mic, "-o", self.out, "--residual", "20"]),
+        preset = self.folder / "wrong.json"
+        preset.write_text('{"volume": 11}')
+        for words, arguments in (("no output", [self.mic]),
                                  ("need a folder", [self.mic, self.mic, "-o", self.mic]),
                                  ("need a folder", [self.mic, self.mic, "-o", "-"]),
-                                 ("unknown key", [self.mic, "-o", self.out, "-p", self.preset()])):
+                                 ("unknown key", [self.mic, "-o", self.out, "-p", preset])):
             self.fail_cleanly(2, words, *arguments)
         self.assertIn(b"Examples:", self.succeed("--help").stdout)
-
-    def preset(self):
-        path = self.folder / "wrong.json"
-        path.write_text('{"volume": 11}')
-        return path
 
 
 if __name__ == "__main__":

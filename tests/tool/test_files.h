@@ -8,10 +8,10 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
-#include <random>
 #include <string>
 #include <vector>
+
+#include "random_signal.h"
 
 namespace se_tool {
 
@@ -26,33 +26,23 @@ class TestFolder {
 
   std::string operator/(const std::string& name) const { return (path_ / name).string(); }
 
-  // Hidden files included.
-  std::vector<std::string> names() const {
-    std::vector<std::string> names;
-    for (const auto& entry : std::filesystem::directory_iterator(path_)) {
-      names.push_back(entry.path().filename().string());
-    }
-    return names;
-  }
-
  private:
   std::filesystem::path path_;
 };
-
-inline std::string read_file(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-}
 
 inline void write_file(const std::string& path, const std::string& content) {
   std::ofstream(path, std::ios::binary) << content;
 }
 
 inline std::vector<float> noise(std::size_t samples, float amplitude, unsigned seed) {
-  std::mt19937 generator(seed);
-  std::vector<float> result(samples);
+  return RandomSignal(seed).reals(samples, amplitude);
+}
+
+// Multiples of 2^-15, which every format holds exactly.
+inline std::vector<float> exact_noise(std::size_t samples, unsigned seed) {
+  std::vector<float> result = noise(samples, 1.0f, seed);
   for (float& sample : result) {
-    sample = amplitude * (static_cast<float>(generator() >> 8) / 8388608.0f - 1.0f);
+    sample = static_cast<float>(static_cast<int>(sample * 32768)) / 32768;
   }
   return result;
 }

@@ -1,0 +1,156 @@
+// What all modules have in common: memory and scratch memory of the published size at any address,
+// with nothing touched around them.
+#include <gtest/gtest.h>
+
+#include <deque>
+
+#include "aec/aec_state.h"
+#include "aec/echo_subtraction_state.h"
+#include "dynamics/agc_state.h"
+#include "dynamics/limiter_struct.h"
+#include "guarded_region.h"
+#include "nn/denoiser.h"
+#include "ns/noise_estimator_state.h"
+#include "ns/noise_suppressor_state.h"
+#include "random_signal.h"
+#include "spectral/fft_plans.h"
+#include "speechenhance/zel_stft.h"
+
+namespace {
+
+// What a record has grown since its size was published, for 4-byte pointers.
+template <class Record>
+std::size_t growth(std::size_t published) {
+  EXPECT_TRUE(sizeof(void*) != 4 || sizeof(Record) == published);
+  return sizeof(Record) - published;
+}
+
+TEST(ModuleMemory, FollowsThePublishedFigures) {
+  const std::size_t c2c = growth<c2c_plan>(24), r2c = growth<r2c_plan>(20),
+                    real = c2c + growth<real_plan>(20), handle = growth<r2c_handle>(12),
+                    stft = sizeof(void*) == 4 ? 0 : 24,
+                    subtraction = growth<echo_subtraction_state>(36),
+                    aec = 2 * subtraction + growth<aec_state>(44), agc = growth<AgcState>(80),
+                    conv = growth<Conv2D>(124), gru = growth<Gru>(32),
+                    network = growth<se::nn::NNDenoiser>(116) + 5 * conv + 4 * gru;
+  const auto conv_mem = [](int in_channels, int in_width, int freq_pad) {
+    return static_cast<std::size_t>(conv2d_query_mem(2, in_channels, in_width, freq_pad));
+  };
+  const auto conv_scratch = [](int in_channels, int in_width, int kernel_freq) {
+    return static_cast<std::size_t>(conv2d_query_scratch(in_channels, 3, kernel_freq, in_width, 1));
+  };
+  const struct {
+    const char* module;
+    std::size_t actual, published, growth;
+  } figures[] = {
+      {"complex transform", zel_fft_c2c_float32_query_mem(480), 8 * 480 + 302, c2c},
+      {"its scratch", zel_fft_c2c_float32_query_scratch_mem(480), 8 * 480 + 15, 0},
+      {"power of two", zel_fft_r2c_float32_query_mem(1024), 768 * 8 + 294, r2c},
+      {"general length", zel_fft_real_float32_query_mem(9), 8 * 4 + 302 + 16 * 4 + 38, real},
+      {"its scratch", zel_fft_real_float32_query_scratch_mem(9), 8 * 4 + 15 + 16 * 4 + 23, 0},
+      {"real transform", zel_fft_r2c_query_mem_api(512), 3381, handle + r2c},
+      {"real transform", zel_fft_r2c_u_float32_query_mem(480), 6100 + 15, handle + real},
+      {"its scratch", zel_fft_r2c_query_scratch_mem_api(512), 4111, 0},
+      {"its scratch", zel_fft_r2c_u_float32_query_scratch_mem(480), 5798, 0},
+      {"analysis", zel_stft_query_mem(512, 0), 5487, stft + handle + r2c},
+      {"synthesis", zel_stft_query_mem(512, 1), 7550, stft + handle + r2c},
+      {"their scratch", zel_stft_query_scratch(512), 6174, 0},
+      {"echo subtraction", echo_subtraction_query_mem(), 17210, subtraction},
+      {"canceller", aec_query_mem(), 46080, aec},
+      {"its scratch", aec_query_scratch(), 2074, 0},
+      {"estimator", noise_estimate_query_mem(10, 257), 10442, growth<NoiseEstimator>(72)},
+      {"its scratch", noise_estimate_query_scratch(257), 1043, 0},
+      {"suppressor", noise_suppress_query_mem(257), 1098, growth<NoiseSuppressor>(48)},
+      {"its scratch", noise_suppress_query_scratch(257), 3129, 0},
+      {"gain control", agc_query_mem(), 182, agc},
+      {"its core", agc_core_query_mem(), 201, agc + growth<AgcCore>(12)},
+      {"its scratch", agc_core_query_scratch(), 0, 0},
+      {"limiter", limiter_query_mem(), 246, growth<LimiterStruct>(36)},
+      {"convolution 1", conv_mem(3, 128, 2), 2552, conv},
+      {"its scratch", conv_scratch(3, 128, 5), 7053, 0},
+      {"convolution 5", conv_mem(64, 16, 1), 7088, conv},
+      {"its scratch", conv_scratch(64, 16, 3), 134317, 0},
+      {"GRU", static_cast<std::size_t>(gru_query_mem(200)), 450, gru},
+      {"its scratch", static_cast<std::size_t>(gru_query_scratch(200, 128)), 2716, 0},
+      {"denoiser", static_cast<std::size_t>(nn_query_mem_api()), 37598, network},
+      {"its scratch", static_cast<std::size_t>(nn_query_scratch_api()), 134317, 0},
+  };
+  for (const auto& f : figures) EXPECT_EQ(f.actual, f.published + f.growth) << f.module;
+}
+
+// All modules in a chain, each in guarded memory of the same misalignment.
+class Chain {
+ public:
+  explicit Chain(std::size_t misalignment) : misalignment_(misalignment) {
+    std::fill_n(noise_buf, 1000, 0);  // the quiet history that all denoisers share
+    noise_flag_sum = noise_flag_index = 0;
+    const auto aligned = [](auto*... arrays) {
+      return ((reinterpret_cast<std::uintptr_t>(arrays) % 16 == 0) && ...);
+    };
+    EXPECT_TRUE(aligned(aec_->ref_energy, aec_->subtraction[1]->mic_smooth, denoiser_->fc2_out,
+                        denoiser_->feat, estimator_->min_age, suppressor_->gain,
+                        agc_->agc->level_hist, limiter_->conv_buf));
+  }
+
+  std::vector<float> process(RandomSignal& random) {
+    std::vector<float> samples = random.reals(160), power[2] = {random.reals(257), {}};
+    power[1] = power[0];
+    std::vector<zel_lcomplex> ref(257), mics = random.complexes(2 * 257);
+    zel_stft_analysis(analysis_, samples.data(), ref.data());
+    zel_lcomplex* const spectra[] = {&mics[0], &mics[257]};
+    float* const powers[] = {power[0].data(), power[1].data()};
+    aec_process(aec_, spectra, powers, ref.data());
+    std::vector<float> gain(257), noise(257);
+    nn_process_api(denoiser_, mics.data(), ref.data(), gain.data(), false, true);
+    noise_estimate_process(estimator_, power[1].data(), noise.data());
+    noise_suppress_process(suppressor_, noise.data(), &mics[257], &mics[257]);
+    agc_core_process(agc_, &mics[257]);
+    zel_stft_synthesis_envelop(synthesis_, &mics[257], samples.data());
+    limiter_process_float(limiter_, samples.data(), 160, false, 6.0f);
+    std::vector<int16_t> integers(160, 1000);
+    limiter_process(limiter_, integers.data(), 160, 6.0f);
+    samples.insert(samples.end(), gain.begin(), gain.end());
+    return samples;
+  }
+
+  bool intact() const {
+    return std::all_of(regions_.begin(), regions_.end(), [](const auto& r) { return r.intact(); });
+  }
+
+ private:
+  void* take(std::size_t bytes) { return regions_.emplace_back(bytes, misalignment_++).data(); }
+  stft_state* stft(int synthesis) {
+    return zel_stft_init(take(zel_stft_query_mem(512, synthesis)),
+                         take(zel_stft_query_scratch(512)), p_win_tmp, 512, 160, synthesis);
+  }
+
+  std::size_t misalignment_;
+  std::deque<GuardedRegion> regions_;
+  stft_state *analysis_ = stft(0), *synthesis_ = stft(1);
+  aec_state* aec_ = aec_init(take(aec_query_mem()), take(aec_query_scratch()));
+  se::nn::NNDenoiser* denoiser_ = static_cast<se::nn::NNDenoiser*>(
+      nn_init_api(take(static_cast<std::size_t>(nn_query_mem_api())),
+                  take(static_cast<std::size_t>(nn_query_scratch_api()))));
+  NoiseEstimator* estimator_ =
+      noise_estimate_init(take(noise_estimate_query_mem(10, 257)),
+                          take(noise_estimate_query_scratch(257)), 10, 257, 192.0f);
+  NoiseSuppressor* suppressor_ = noise_suppress_init(
+      take(noise_suppress_query_mem(257)), take(noise_suppress_query_scratch(257)), 10, 257, 10.0f);
+  AgcCore* agc_ = agc_core_init(take(agc_core_query_mem()), nullptr, 22.8f);
+  LimiterStruct* limiter_ = limiter_init(take(limiter_query_mem()));
+};
+
+TEST(ModuleMemory, MayStartAnywhere) {
+  std::vector<float> expected;
+  for (std::size_t misalignment = 0; misalignment < 16; ++misalignment) {
+    Chain chain(misalignment);
+    RandomSignal random(5);
+    std::vector<float> output;
+    for (int frame = 0; frame < 160; ++frame) output = chain.process(random);
+    if (misalignment == 0) expected = output;
+    EXPECT_EQ(output, expected) << misalignment;
+    EXPECT_TRUE(chain.intact()) << misalignment;
+  }
+}
+
+}  // namespace
