@@ -1,4 +1,4 @@
-// What only the plain kernels can show: the edges of their ranges and the order of their sums.
+// The conversion between 16-bit samples and floats over its whole range.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -9,7 +9,6 @@
 namespace {
 
 const se::SampleKernels& sample = *se::kScalarKernels.sample;
-const se::SpectralKernels& spectral = *se::kScalarKernels.spectral;
 
 TEST(SampleKernels, ConvertEverySixteenBitValueThereAndBack) {
   std::vector<int16_t> all, back(65536);
@@ -38,23 +37,6 @@ TEST(SampleKernels, SaturateAndTruncate) {
     sample.float_to_s16(&in, &out, 1);
     EXPECT_EQ(expected, out) << in;
   }
-}
-
-TEST(SampleKernels, FindPeaksThatAreNumbers) {
-  const std::vector<float> x = {0.25f, -3.0f, NAN, 2.0f};
-  EXPECT_EQ(3.0f, sample.peak(x.data(), 4));
-  EXPECT_EQ(0.0f, sample.peak(x.data() + 2, 1));
-  EXPECT_EQ(0.0f, sample.peak(nullptr, 0));
-}
-
-TEST(SpectralKernels, DivideByZeroAndSumInFourPartialSums) {
-  std::vector<float> quotient = {1.0f, 2.0f, 3.0f};
-  const float divisor[] = {0.0f, 4.0f, -0.0f};
-  spectral.divide_or_zero(quotient.data(), divisor, quotient.data(), 3);
-  EXPECT_EQ(quotient, (std::vector<float>{0.0f, 0.5f, 0.0f}));
-  // Only this order keeps the small values: 1e8 and -1e8 meet in one partial sum.
-  const float order[] = {1e8f, 1, 1, 1, -1e8f, 1, 1, 1};
-  EXPECT_EQ(spectral.sum(order, 8), 6.0f);
 }
 
 }  // namespace
