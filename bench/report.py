@@ -253,19 +253,26 @@ def section_limit(r):
     for variant in r.variants:
         def time(kernel):
             return r.kernels[kernel][variant] / 1000
-        parts = [GATES_PER_PAIR * (time("gru_gate 128") + time("gru_gate 200")),
-                 sum(time(f"convolve {i + 1}") for i in range(len(CONVOLUTIONS))), time("affine 128 x 400")]
+        parts = [GATES_PER_PAIR * (time("gru_gate 128") + time("gru_gate 200")) + time("affine 128 x 400"),
+                 sum(time(f"convolve {i + 1}") for i in range(len(CONVOLUTIONS))),
+                 8 * time("sigmoid 200") + 4 * time("tanh 200"),
+                 2 * r.times[f"rfft512/{variant}"].median,
+                 2 * sum(time(f"subtract_{band}") for band in ("8, 29 bins", "4, 96 bins", "2, 129 bins"))]
         frame = r.times[f"full/{variant}"].median
         rows.append((variant, *(f"{part:.1f}" for part in (*parts, frame - sum(parts), frame))))
-    lines += ["", "What a frame takes, by the times of the product kernels, in µs:", ""]
-    lines += table(("", "GRU gates", "convolutions", "head", "everything else", "frame"), rows)
+    lines += ["", "What a frame takes, by the times of the kernels alone, in µs:", ""]
+    lines += table(("", "GRU and head", "convolutions", "tanh, sigmoid", "four transforms", "echo filters",
+                    "everything else", "frame"), rows)
     products = CONV_PRODUCTS + DENSE_PRODUCTS
     alone = products / r.stream_bytes * r.times[r.limits["int16"]].median
     return lines + ["", "`bytes` multiplies the weights as they lie, by 8-bit values: the plain limit. `int16` widens "
                     "them to 16 bits first, as exact products with the denoiser's 16-bit activations need it. The "
                     f"convolutions use their weights at many positions, so that a frame takes "
                     f"{products / r.stream_bytes:.2f} products per weight: at the rate of `int16` {alone:.1f} µs, "
-                    f"before anything else of the pipeline runs."]
+                    f"before anything else of the pipeline runs. Twice the limit is "
+                    f"{2 * r.times[r.limits['int16']].median:.1f} µs: what the products leave of it is about what "
+                    "activations, transforms and echo filters take; features, noise suppression, equaliser, limiter, "
+                    "moves and the calls between them come on top."]
 
 
 def section_scale(r, folder):
