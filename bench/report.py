@@ -265,14 +265,14 @@ def section_limit(r):
                     "everything else", "frame"), rows)
     products = CONV_PRODUCTS + DENSE_PRODUCTS
     alone = products / r.stream_bytes * r.times[r.limits["int16"]].median
+    per_weight = products / r.stream_bytes
     return lines + ["", "`bytes` multiplies the weights as they lie, by 8-bit values: the plain limit. `int16` widens "
                     "them to 16 bits first, as exact products with the denoiser's 16-bit activations need it. The "
-                    f"convolutions use their weights at many positions, so that a frame takes "
-                    f"{products / r.stream_bytes:.2f} products per weight: at the rate of `int16` {alone:.1f} µs, "
-                    f"before anything else of the pipeline runs. Twice the limit is "
-                    f"{2 * r.times[r.limits['int16']].median:.1f} µs: what the products leave of it is about what "
-                    "activations, transforms and echo filters take; features, noise suppression, equaliser, limiter, "
-                    "moves and the calls between them come on top."]
+                    f"convolutions use their weights at many positions, so that a frame takes {per_weight:.2f} products "
+                    f"per weight: at the rate of `int16` {alone:.1f} µs. An exact product of an 8-bit weight and a 16-bit "
+                    "activation costs two multiply-adds of bytes, or one of 16 bits at half the width, so that the "
+                    f"products alone come to {2 * per_weight:.1f} times the limit of `bytes`: twice that limit is out of "
+                    "reach of this arithmetic, whatever else a frame does."]
 
 
 def section_scale(r, folder):
