@@ -1,8 +1,8 @@
 #include <speechenhance/speechenhance.h>
 #include <stdio.h>
 
-/* Reads interleaved 16-bit stereo at 16 kHz from standard input and writes the clean voice, mono, to
- * standard error; standard output carries the lines that the library prints. */
+/* Reads interleaved 16-bit stereo at 16 kHz from standard input and writes the clean voice, mono,
+ * to standard error; standard output carries the lines that the library prints. */
 int main(void) {
   int16_t mic[320], ref[160] = {0}, out[160];
   SEInstance* engine = se_create();
