@@ -10,7 +10,7 @@ ROOT = Path(__file__).resolve().parent.parent
 sys.path.insert(0, str(ROOT))
 
 from training import make_neutral_model, model_file  # noqa: E402
-from training.bands import expansion  # noqa: E402
+from training.bands import expansion, make_up  # noqa: E402
 from training.model_file import TABLES, ModelFileError, read_model, write_model  # noqa: E402
 
 
@@ -92,11 +92,11 @@ class NeutralModel(unittest.TestCase):
         tables = make_neutral_model.neutral_model()
         self.assertFalse(any(t.any() for t in tables.values() if t.dtype == np.int8))
         value = 1 / (1 + np.exp(-tables["fc2_bias"].astype(float)))
-        applied = make_neutral_model.shaping() * (expansion() @ value)
+        applied = make_up() * (expansion() @ value)
         self.assertFalse(applied[:4].any())
         np.testing.assert_allclose(applied[4:60], 1, atol=1e-6)  # bands of one bin
         self.assertGreater(applied[60:160].mean(), 0.95)
-        ceiling = make_neutral_model.shaping() * expansion().sum(axis=1)
+        ceiling = make_up() * expansion().sum(axis=1)
         wide = slice(200, 256)
         np.testing.assert_allclose(applied[wide], np.minimum(ceiling[wide], 1), atol=1e-4)
 

@@ -7,25 +7,17 @@ squared and gated. Then fixed make-up gains per bin group. The bins of the lowes
 import numpy as np
 import torch
 
-from training.bands import expansion
-from training.library import SHAPE
+from training.bands import expansion, make_up
 
 FAR_END_ENERGY = 0.01  # reference energy above which the far-end rule holds
 FAR_END_GATE = 0.1  # squared gains below it become 0
 LEAK = 0.25  # of the gate in training, where speech is lost
 
 
-def make_up() -> np.ndarray:
-    gains = np.full(SHAPE.bins, 3.0, np.float32)
-    gains[:4] = 0.0
-    gains[4:8] = 1.5
-    return gains
-
-
 class GainRule:
     def __init__(self, device="cpu"):
         self.expansion = torch.from_numpy(expansion().T.astype(np.float32)).to(device)
-        self.make_up = torch.from_numpy(make_up()).to(device)
+        self.make_up = torch.from_numpy(make_up().astype(np.float32)).to(device)
         raw = self.expansion.sum(0)  # every band value at 1
         squared = raw * raw
         self._ceiling = torch.stack([

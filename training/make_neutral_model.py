@@ -7,7 +7,7 @@ biases, whatever the input. The biases are chosen so that without far-end signal
 engine applies comes as close to 1 as it can in the least-squares sense, over bins 4 to 255 (the engine
 removes bins 0 to 3):
 
-    minimise  sum over bins of (shaping * (expansion @ value) - 1)^2   with 0 <= value <= 1
+    minimise  sum over bins of (make_up * (expansion @ value) - 1)^2   with 0 <= value <= 1
 
 A bin of a band of width w gets a mix of two values divided by w, and the engine multiplies by 3
 (bins 4 to 7: by 1.5). Bands of width 1 therefore reach unity, where they touch wider ones not quite;
@@ -18,23 +18,15 @@ import sys
 
 import numpy as np
 
-from training.bands import BINS, expansion
+from training.bands import BINS, expansion, make_up
 from training.model_file import TABLES, write_model
 
 LARGEST_BIAS = 12.0  # sigmoid(12) = 1 - 6e-6
 
 
-def shaping():
-    """What the engine multiplies the network's gains by without far-end signal, per bin."""
-    factor = np.full(BINS, 3.0)
-    factor[:4] = 0.0
-    factor[4:8] = 1.5
-    return factor
-
-
 def neutral_values():
     """The band values in 0..1."""
-    matrix = shaping()[:, None] * expansion()
+    matrix = make_up()[:, None] * expansion()
     target = np.ones(BINS)
     value = np.full(matrix.shape[1], 1 / 3)
     power = (matrix**2).sum(axis=0)
