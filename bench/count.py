@@ -21,7 +21,7 @@ from count_instructions import instructions_per_frame
 
 OURS = ("denoise", "full", "rfft512")
 PEERS = ("speexdsp", "webrtc", "fftw3f")
-VARIANTS = {"x86-64": ("scalar", "avx2", "avx512"), "armv7": ("scalar", "neon"), "aarch64": ("scalar", "neon")}
+VARIANTS = {"x86-64": ("scalar", "avx2", "avx512"), "armv7": ("scalar", "neon"), "aarch64": ("scalar", "neon", "dotprod")}
 CALLGRIND_KNOWS = ("scalar", "avx2")
 
 # Stages of a frame and the functions whose inclusive cost they are. The stages of the denoiser lie

@@ -17,7 +17,7 @@ import plots
 
 FRAME_US = 10_000
 MARKS = {True: "met", False: "**missed**", None: "not measured"}
-BEST_FIRST = ("avx512", "avx2", "neon", "scalar")
+BEST_FIRST = ("avx512", "avx2", "dotprod", "neon", "scalar")
 LABELS = {"denoise": "denoised path only", "full": "everything on", "speexdsp": "SpeexDSP",
           "webrtc": "WebRTC audio processing", "fftw3f": "FFTW3"}
 

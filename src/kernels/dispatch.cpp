@@ -7,6 +7,10 @@
 #include "kernels/kernels.h"
 #include "kernels/variants.h"
 
+#if SE_DOTPROD_KERNELS
+#include <sys/auxv.h>
+#endif
+
 namespace se {
 
 const Kernels kScalarKernels = {"scalar",   &kScalarSpectral, &kScalarEcho,
@@ -43,6 +47,16 @@ const Kernels kNeonKernels = {"neon",   &kNeonSpectral, &kNeonEcho,
                               &kNeonNn, &kNeonNoise,    &kNeonSample};
 #endif
 
+#if SE_DOTPROD_KERNELS
+const Kernels kDotprodKernels = {"dotprod",   &kNeonSpectral, &kNeonEcho,
+                                 &kDotprodNn, &kNeonNoise,    &kNeonSample};
+
+bool runs_dotprod() {
+  constexpr unsigned long kDotProducts = 1ul << 20;  // HWCAP_ASIMDDP of Linux on AArch64
+  return (getauxval(AT_HWCAP) & kDotProducts) != 0;
+}
+#endif
+
 struct Variant {
   const Kernels* kernels;
   bool (*runs_here)();
@@ -51,8 +65,10 @@ struct Variant {
 // Best first.
 constexpr Variant kVariants[] = {
 #if SE_X86_KERNELS
-    {&kAvx512Kernels, runs_avx512},
-    {&kAvx2Kernels, runs_avx2},
+    {&kAvx512Kernels, runs_avx512},     {&kAvx2Kernels, runs_avx2},
+#endif
+#if SE_DOTPROD_KERNELS
+    {&kDotprodKernels, runs_dotprod},
 #endif
 #if SE_NEON_KERNELS  // where the whole build is for NEON
     {&kNeonKernels, runs_everywhere},

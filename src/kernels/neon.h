@@ -15,6 +15,7 @@
 #include "speechenhance/types.h"
 
 namespace se::neon {
+namespace {
 
 constexpr std::uint32_t kSignBit = 0x80000000u;
 
@@ -192,4 +193,5 @@ inline float32x4_t fused_power(Complex4 x) {
   return vfmaq_f32(vmulq_f32(x.im, x.im), x.re, x.re);
 }
 
+}  // namespace
 }  // namespace se::neon

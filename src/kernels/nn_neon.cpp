@@ -4,19 +4,18 @@
 // loaded once for eight rows. Per row and step one load of weights, two widenings and four
 // multiply-adds; the lanes of a row are added up once at its end. Convolutions take four rows and
 // two or four positions at a time, so that the widening serves several positions, too.
-#include "kernels/neon.h"
+#include "kernels/nn_neon.h"
+
+#include "kernels/nn_arm.h"
 #include "kernels/tanh.h"
 #include "kernels/variants.h"
 
 namespace se {
+namespace neon {
 namespace {
 
-using namespace neon;
-
 constexpr float kFloor = 1e-8f;
-constexpr int kGruFractionBits = 19;
 constexpr float kStateUnit = 0x1p-11f;
-constexpr int kRows = 8;  // of one block of products
 
 // Of one block of a convolution: what the registers hold.
 constexpr int kConvRows = 4;
@@ -26,28 +25,6 @@ constexpr int kConvPositions = 4;
 constexpr int kConvPositions = 2;
 #endif
 constexpr int kMaxPatch = 576;  // longest row: nine windows' places of 64 channels
-
-struct Int32x8 {
-  int32x4_t low;
-  int32x4_t high;
-};
-
-struct Float32x8 {
-  float32x4_t low;
-  float32x4_t high;
-};
-
-#define SE_INLINE __attribute__((always_inline))
-
-// body(0), body(1), ... body(kCount - 1), written out so that arrays indexed by them become
-// registers. (GCC unrolls nested loops too late for that.)
-template <int kCount, class Body>
-SE_INLINE inline void unrolled(Body body) {
-  if constexpr (kCount > 0) {
-    unrolled<kCount - 1>(body);
-    body(kCount - 1);
-  }
-}
 
 // Adds the products of kRowCount rows of weights, `cols` apart, with kVectors vectors of
 // activations, `q_step` apart, to sum[vector][row]. `cols` is a multiple of 8. Weights are loaded
@@ -114,33 +91,18 @@ __attribute__((noinline)) Int32x8 dot8(const std::int8_t* w, const std::int16_t*
           totals(sum[0][4], sum[0][5], sum[0][6], sum[0][7])};
 }
 
-// Where the block behind the first `done` of `count` things starts. The last block overlaps the one
-// before it rather than being short; it then computes the same values again.
-inline int block_start(int done, int count, int block) {
-  return done + block <= count ? done : count - block;
-}
+class Vector16 {
+ public:
+  Vector16(const std::int16_t* q, int length) : q_(q), length_(length) {}
+  int length() const { return length_; }
+  Int32x8 eight_rows(const std::int8_t* w) const { return dot8(w, q_, length_); }
 
-// Integers with 19 fraction bits. Exact but for the one rounding to single precision.
-inline Float32x8 from_gru_fixed(Int32x8 x) {
-  return {vcvtq_n_f32_s32(x.low, kGruFractionBits), vcvtq_n_f32_s32(x.high, kGruFractionBits)};
-}
+ private:
+  const std::int16_t* q_;
+  int length_;
+};
 
-inline Float32x8 operator+(Float32x8 a, Float32x8 b) {
-  return {vaddq_f32(a.low, b.low), vaddq_f32(a.high, b.high)};
-}
-
-inline Float32x8 operator*(Float32x8 a, Float32x8 b) {
-  return {vmulq_f32(a.low, b.low), vmulq_f32(a.high, b.high)};
-}
-
-inline Float32x8 load8(const float* x) {
-  return {vld1q_f32(x), vld1q_f32(x + 4)};
-}
-
-inline void store8(float* x, Float32x8 v) {
-  vst1q_f32(x, v.low);
-  vst1q_f32(x + 4, v.high);
-}
+}  // namespace
 
 // The three rows lie side by side in the lanes, the fourth counts nowhere. A band is complete when
 // the bins of the next one start.
@@ -207,6 +169,8 @@ void compress(const float* x, int n, float* y) {
   kScalarNn.compress(x, n, y);
 }
 
+namespace {
+
 // Rounds halves away from zero. The conversion truncates and saturates, NaN gives 0; narrowing
 // saturates again, so that no clamp is needed ahead.
 inline int16x4_t quantise4(float32x4_t x, float32x4_t scale) {
@@ -214,6 +178,8 @@ inline int16x4_t quantise4(float32x4_t x, float32x4_t scale) {
   const float32x4_t half = vbslq_f32(vdupq_n_u32(kSignBit), scaled, vdupq_n_f32(0.5f));
   return vqmovn_s32(vcvtq_s32_f32(vaddq_f32(scaled, half)));
 }
+
+}  // namespace
 
 void quantise(const float* x, int n, float scale, std::int16_t* q) {
   const float32x4_t scales = vdupq_n_f32(scale);
@@ -227,20 +193,12 @@ void quantise(const float* x, int n, float scale, std::int16_t* q) {
   kScalarNn.quantise(x, n, scale, q);
 }
 
-// The outputs of eight rows from `row` on.
-inline Float32x8 scaled(const IntegerLayer& layer, int row, Int32x8 sums) {
-  const Float32x8 products = {vcvtq_f32_s32(sums.low), vcvtq_f32_s32(sums.high)};
-  const Float32x8 units = {vdupq_n_f32(layer.unit), vdupq_n_f32(layer.unit)};
-  return products * (load8(layer.scale + row) * units) + load8(layer.bias + row);
-}
-
 void affine(const IntegerLayer& layer, const std::int16_t* q, float* y) {
   if (layer.rows < kRows || layer.row_len % 8 != 0) return kScalarNn.affine(layer, q, y);
-  for (int done = 0; done < layer.rows; done += kRows) {
-    const int r = block_start(done, layer.rows, kRows);
-    store8(y + r, scaled(layer, r, dot8(layer.weights + r * layer.row_len, q, layer.row_len)));
-  }
+  affine_rows(layer, Vector16(q, layer.row_len), y);
 }
+
+namespace {
 
 // A window of at least eight values. The last block may overlap the one before.
 inline void copy_window(const std::int16_t* from, int window, std::int16_t* to) {
@@ -274,6 +232,8 @@ inline void convolve_block(const IntegerLayer& layer, int row, const std::int16_
   }
 }
 
+}  // namespace
+
 void convolve(const IntegerLayer& layer, const ConvInput& in, float* y) {
   if (layer.row_len % 8 != 0 || layer.row_len > kMaxPatch || layer.rows < kConvRows ||
       in.window < 8 || in.positions < kConvPositions) {
@@ -302,36 +262,23 @@ void normalise(const float* x, const float* mul, const float* add, int n, float*
   kScalarNn.normalise(x, mul, add, n, y);
 }
 
-// The exact sums of eight rows of a gate, times 2^-19.
-inline Float32x8 input_side(const GruGate& gate, const GruStep& step, int row) {
-  return from_gru_fixed(dot8(gate.weight_in + row * step.input_size, step.input, step.input_size));
-}
-
-inline Float32x8 state_side(const GruGate& gate, const GruStep& step, int row) {
-  return from_gru_fixed(
-      dot8(gate.weight_state + row * step.hidden_size, step.state, step.hidden_size));
-}
+namespace {
 
 bool fits(const GruStep& step) {
   return step.hidden_size >= kRows && step.hidden_size % 8 == 0 && step.input_size % 8 == 0;
 }
 
+}  // namespace
+
 void gru_gate(const GruGate& gate, const GruStep& step, float* y) {
   if (!fits(step)) return kScalarNn.gru_gate(gate, step, y);
-  for (int done = 0; done < step.hidden_size; done += kRows) {
-    const int r = block_start(done, step.hidden_size, kRows);
-    const Float32x8 in = input_side(gate, step, r) + load8(gate.bias_in + r);
-    store8(y + r, (in + state_side(gate, step, r)) + load8(gate.bias_state + r));
-  }
+  gate_rows(gate, Vector16(step.input, step.input_size), Vector16(step.state, step.hidden_size), y);
 }
 
 void gru_candidate(const GruGate& gate, const GruStep& step, const float* reset, float* y) {
   if (!fits(step)) return kScalarNn.gru_candidate(gate, step, reset, y);
-  for (int done = 0; done < step.hidden_size; done += kRows) {
-    const int r = block_start(done, step.hidden_size, kRows);
-    const Float32x8 state = state_side(gate, step, r) + load8(gate.bias_state + r);
-    store8(y + r, (state * load8(reset + r) + input_side(gate, step, r)) + load8(gate.bias_in + r));
-  }
+  candidate_rows(gate, Vector16(step.input, step.input_size),
+                 Vector16(step.state, step.hidden_size), reset, y);
 }
 
 void gru_blend(const float* update, const float* candidate, const std::int16_t* state, int n,
@@ -344,6 +291,8 @@ void gru_blend(const float* update, const float* candidate, const std::int16_t* 
   }
   kScalarNn.gru_blend(update, candidate, state, n, y);
 }
+
+namespace {
 
 // The constants in the order in which tanh4 takes them.
 using T = TanhConstants;
@@ -400,6 +349,8 @@ inline float32x4_t tanh4(float32x4_t x) {
   return vbslq_f32(vdupq_n_u32(kSignBit), x, vbslq_f32(is_near, near, far));
 }
 
+}  // namespace
+
 void tanh_in_place(float* x, int n) {
   for (; n >= 4; n -= 4, x += 4) vst1q_f32(x, tanh4(vld1q_f32(x)));
   kScalarNn.tanh(x, n);
@@ -414,10 +365,11 @@ void sigmoid_in_place(float* x, int n) {
   kScalarNn.sigmoid(x, n);
 }
 
-}  // namespace
+}  // namespace neon
 
-const NnKernels kNeonNn = {pool,          expand,    compress,      quantise,
-                           affine,        convolve,  normalise,     gru_gate,
-                           gru_candidate, gru_blend, tanh_in_place, sigmoid_in_place};
+const NnKernels kNeonNn = {neon::pool,      neon::expand,        neon::compress,
+                           neon::quantise,  neon::affine,        neon::convolve,
+                           neon::normalise, neon::gru_gate,      neon::gru_candidate,
+                           neon::gru_blend, neon::tanh_in_place, neon::sigmoid_in_place};
 
 }  // namespace se

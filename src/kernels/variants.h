@@ -27,4 +27,8 @@ extern const NoiseKernels kNeonNoise;
 extern const SampleKernels kNeonSample;
 #endif
 
+#if SE_DOTPROD_KERNELS
+extern const NnKernels kDotprodNn;
+#endif
+
 }  // namespace se
