@@ -5,6 +5,7 @@ Same functions as the plain path in network.py, with products in bf16 and sums i
 import ctypes
 
 import torch
+import torch.nn.functional as F
 
 from training.library import SHAPE, native
 
@@ -92,12 +93,14 @@ class GruPairLoop(torch.autograd.Function):
                                         *_pointers(grad_states, w_ih, w_hh, states,
                                                    gates, recurrent, grad_x, grad_in, grad_rec))
 
-        def weight_gradient(gradient, values):
+        def parameter_gradients(gradient, values):
+            """Of the weights and, by a column of ones, of the bias."""
             rows = steps * batch
-            values = values.reshape(2, rows, -1).bfloat16()
+            values = F.pad(values.reshape(2, rows, -1).bfloat16(), (0, 1), value=1.0)
             flat = gradient.reshape(2, rows, -1)
-            return torch.stack([flat[i].t() @ values[i] for i in range(2)]).float()
+            both = torch.stack([flat[i].t() @ values[i] for i in range(2)]).float()
+            return both[..., :-1], both[..., -1]
 
-        return (grad_x, weight_gradient(grad_in, x), weight_gradient(grad_rec, states[:, :-1]),
-                grad_in.sum((1, 2), dtype=torch.float32), grad_rec.sum((1, 2), dtype=torch.float32),
-                None)
+        grad_w_ih, grad_b_ih = parameter_gradients(grad_in, x)
+        grad_w_hh, grad_b_hh = parameter_gradients(grad_rec, states[:, :-1])
+        return grad_x, grad_w_ih, grad_w_hh, grad_b_ih, grad_b_hh, None

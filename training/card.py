@@ -40,7 +40,7 @@ python3 -m training.evaluate --cache CACHE --model models/denoiser.bin \\
 python3 -m training.export --checkpoint training/checkpoints/denoiser.npz --scores models/scores
 ```
 
-`docs/training.md` explains each step.
+`docs/training.md` explains each step.{history}
 
 ![Parts of the loss over hours of audio](scores/learning.png)
 
@@ -92,7 +92,8 @@ SEEN = """The
 
 
 def write(folder: Path, scores: Path, name: str, checksum: int, counters: dict, log: Path | None) -> None:
-    """`scores` holds scores.json of the exported model; plots and tables stay where they are."""
+    """`scores` holds scores.json of the exported model; plots and tables stay where they are. What
+    stands beside the log in a file .md joins the card as the history of the run."""
     results = json.loads((scores / "scores.json").read_text())
     rows = [f"| {what} | {value} | {'yes' if ok else '**no**'} |"
             for what, value, ok in evaluate.targets(results["processors"])]
@@ -100,6 +101,9 @@ def write(folder: Path, scores: Path, name: str, checksum: int, counters: dict, 
         plots.learning(log, scores / "learning.png")
     start = ("the run began from float masters that had seen 71 hours with an earlier recipe."
              if counters.get("warm start") else "the run began from random weights.")
+    notes = log.with_suffix(".md") if log else None
+    history = ("\n\nHistory of the run:\n\n" + notes.read_text().rstrip()
+               if notes and notes.exists() else "")
     engine = results["processors"]["engine"]
     listening = LISTENING.format(clean=abs(engine["clean"]["attenuation 125-5000 Hz"]),
                                  noise=engine["noise only"]["drop"],
@@ -107,7 +111,7 @@ def write(folder: Path, scores: Path, name: str, checksum: int, counters: dict, 
     text = TEXT.format(name=name, checksum=checksum, hours=counters["frames"] / 360000, start=start,
                        count=results["scenes per condition"],
                        targets="\n".join(["| target | measured | reached |", "|---|---|---|", *rows]),
-                       seen=SEEN if counters.get("warm start") else "", listening=listening)
+                       history=history, seen=SEEN if counters.get("warm start") else "", listening=listening)
     temporary = folder / "README.md.part"
     temporary.write_text(text)
     temporary.replace(folder / "README.md")

@@ -135,7 +135,7 @@ def lineup(arguments, folder: Path) -> list:
     result += [processors.preset(path, model)
                for path in sorted(arguments.presets.glob("*.json") if arguments.presets else [])]
     if not arguments.only_engine:
-        result += [processors.unprocessed(), processors.neutral(folder),
+        result += [processors.unprocessed(), processors.ideal(), processors.neutral(folder),
                    processors.classical(folder)]
         if not arguments.no_peers:
             result += processors.peers()

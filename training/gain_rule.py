@@ -44,3 +44,12 @@ class GainRule:
     def ceiling(self, far_end: torch.Tensor) -> torch.Tensor:
         """The highest gain, at most 1, that the rule can apply per bin."""
         return self._ceiling[far_end.long()]
+
+    def values(self, gain: torch.Tensor, far_end: torch.Tensor) -> torch.Tensor:
+        """The inverse as far as there is one: band values 0..1 (..., bands) whose applied gain comes
+        closest to one wanted gain per band (..., bands)."""
+        members = (self.expansion > 0).float()
+        size = members.sum(1).clamp_min(1)
+        full = (self.expansion.sum(0) @ members.T / size).clamp_min(1e-3)  # raw gain of value 1
+        raw = gain / (self.make_up @ members.T / size).clamp_min(1e-3)
+        return (torch.where(far_end.unsqueeze(-1), raw.sqrt(), raw) / full).clamp(0, 1)

@@ -23,7 +23,8 @@ def scores(results: dict, path: Path) -> None:
             # The float network lies on the engine's curve; presets are for the table.
             if name != "float network" and not name.startswith("preset"):
                 axis.plot(SNRS, [row[f"snr {s}"][key] for s in SNRS], marker="o", markersize=3,
-                          linewidth=2.5 if name == "engine" else 1, label=name)
+                          linewidth=2.5 if name == "engine" else 1,
+                          linestyle="--" if name == "ideal gains" else "-", label=name)
         axis.set_title(title, fontsize=10)
         axis.grid(alpha=0.3)
     for axis in axes[1]:

@@ -95,6 +95,28 @@ def network(name: str, net, quantised: bool = True) -> Processor:
     return Processor(name, run)
 
 
+def ideal() -> Processor:
+    """What no network can surpass by much: per band the gain closest to the target in the sense of
+    least squares, as far as the gain rule can apply it."""
+    rule = GainRule()
+    members = (rule.expansion.T.numpy() > 0).astype(np.float32)  # (bins, bands)
+
+    def run(scene, echo):
+        front = library.front_end(*scene.microphones, scene.reference)
+        lag = SHAPE.lookahead
+        mixture = front.microphones[:-lag, 1]
+        target = np.pad(scene.target, (0, len(scene.reference) - len(scene.target)))
+        target = library.analyse(target)[:-lag]
+        energy = (np.abs(mixture) ** 2) @ members
+        wanted = ((mixture.conj() * target).real @ members) / (energy + 1e-20)
+        far_end = torch.from_numpy(front.energy[lag:] > FAR_END_ENERGY)
+        values = rule.values(torch.from_numpy(wanted.clip(0, 1)), far_end)
+        gain = rule.applied(rule.raw(values), far_end).numpy()
+        return library.synthesise(np.concatenate([np.zeros((lag, SHAPE.bins)), mixture * gain]))
+
+    return Processor("ideal gains", run)
+
+
 def written(tables: dict, folder: Path, name: str) -> bytes:
     path = folder / f"{name}.bin"
     model_file.write_model(path, name, tables)

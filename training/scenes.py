@@ -48,10 +48,10 @@ class Scene:
 
 
 def draw_plan(rng: np.random.Generator) -> Plan:
-    far_end = rng.random() < 0.42
+    far_end = rng.random() < 0.5
     echo = -np.inf
     if far_end:
-        kind = rng.choice(["far", "double", "unheard"], p=[0.33, 0.58, 0.09])
+        kind = rng.choice(["far", "double", "unheard"], p=[0.28, 0.64, 0.08])
         talks = kind != "far"
         if kind != "unheard":
             echo = rng.uniform(-18, 18)

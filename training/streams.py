@@ -58,7 +58,7 @@ class Streams:
     KEEP_STATE = 0.3  # of the scene changes happen in a running engine
 
     def __init__(self, mixer: scenes.Mixer, batch: int, window: int, reuse: float = 0.5,
-                 pool: int = 400, draw_plan=scenes.draw_plan):
+                 pool: int = 700, draw_plan=scenes.draw_plan):
         self.mixer, self.window, self.reuse, self.pool_size = mixer, window, reuse, pool
         self.rng = mixer.rng
         self.draw_plan = draw_plan

@@ -10,6 +10,7 @@ import dataclasses
 import functools
 import json
 import math
+import os
 import time
 from pathlib import Path
 
@@ -45,7 +46,7 @@ def parse() -> argparse.Namespace:
     parser.add_argument("--renderers", type=int, default=0,
                         help="processes that render scenes (with --device cuda: about the CPU's cores)")
     parser.add_argument("--average-every", type=int, default=8, help="steps between averaging")
-    parser.add_argument("--reuse", type=float, default=0.65, help="share of scenes seen before")
+    parser.add_argument("--reuse", type=float, default=0.8, help="share of scenes seen before")
     parser.add_argument("--save-every", type=float, default=120, help="seconds")
     parser.add_argument("--device", default="cpu", help="cpu or cuda")
     parser.add_argument("--seed", type=int, default=None, help="default: goes on from the checkpoint")
@@ -193,7 +194,8 @@ class Trainer:
         line = {"time": time.strftime("%H:%M:%S"), **totals,
                 "hours_of_audio": round(totals["frames"] * SHAPE.hop / SHAPE.sample_rate / 3600, 2),
                 "frames_per_second_and_process": round(count * frames / (now - self.reported)),
-                **{k: round(v / count, 5) for k, v in self.sums.items()}}
+                **{k: round(v / count, 5) for k, v in self.sums.items()},
+                "weights": dataclasses.asdict(self.loss.weights)}
         print(json.dumps(line), flush=True)
         with open(arguments.checkpoint.with_suffix(".log"), "a") as log:
             log.write(json.dumps(line) + "\n")
@@ -204,8 +206,10 @@ def run(rank: int, arguments, start, team: Team | None) -> None:
     torch.set_num_threads(1)
     keep_memory()
     trainer = Trainer(rank, arguments, start)
-    finished = False
+    parent, finished = os.getppid(), False
     while not finished:
+        if team and os.getppid() != parent:
+            return  # whoever stopped the main process may have started the next run already
         for _ in range(arguments.average_every):
             trainer.step()
         now = time.monotonic()

@@ -131,10 +131,13 @@ class FrontEndTest(unittest.TestCase):
             np.testing.assert_allclose(library.synthesise(spectra), out, atol=2e-6)
             self.assertGreater(np.abs(out).max(), 0.01)
 
-    def test_ceiling_is_what_the_rule_can_reach(self):
+    def test_ceiling_is_what_the_rule_can_reach_and_values_are_its_inverse(self):
         rule = GainRule()
         for far_end in (False, True):
             flag = torch.tensor(far_end)
+            values = rule.values(torch.full((SHAPE.bands,), 0.6), flag)
+            narrow = rule.applied(rule.raw(values), flag)[8:56]  # bands of one bin
+            torch.testing.assert_close(narrow, torch.full_like(narrow, 0.6))
             best = rule.applied(rule.raw(torch.ones(SHAPE.bands)), flag)
             torch.testing.assert_close(best.clamp_max(1), rule.ceiling(flag))
 
