@@ -48,7 +48,7 @@ python3 -m training.export --checkpoint training/checkpoints/denoiser.npz --scor
 
 Through the engine itself, on held-out talkers and noises, {count} scenes per condition; the third
 command above reproduces them. SI-SDR is taken against the clean signal as far as the engine's gain rule
-can reach it, STOI and the rest against the plain clean signal.
+can reach it, STOI and the rest against the plain clean signal; ± is the standard error over the scenes.
 
 {targets}
 
@@ -95,8 +95,7 @@ def write(folder: Path, scores: Path, name: str, checksum: int, counters: dict, 
     """`scores` holds scores.json of the exported model; plots and tables stay where they are. What
     stands beside the log in a file .md joins the card as the history of the run."""
     results = json.loads((scores / "scores.json").read_text())
-    rows = [f"| {what} | {value} | {'yes' if ok else '**no**'} |"
-            for what, value, ok in evaluate.targets(results["processors"])]
+    table = evaluate.targets_table(results["processors"], results["standard errors of the engine"])
     if log and log.exists():
         plots.learning(log, scores / "learning.png")
     start = ("the run began from float masters that had seen 71 hours with an earlier recipe."
@@ -110,7 +109,7 @@ def write(folder: Path, scores: Path, name: str, checksum: int, counters: dict, 
                                  echo=engine["far end only"]["drop"])
     text = TEXT.format(name=name, checksum=checksum, hours=counters["frames"] / 360000, start=start,
                        count=results["scenes per condition"],
-                       targets="\n".join(["| target | measured | reached |", "|---|---|---|", *rows]),
+                       targets="\n".join(table),
                        history=history, seen=SEEN if counters.get("warm start") else "", listening=listening)
     temporary = folder / "README.md.part"
     temporary.write_text(text)

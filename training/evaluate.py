@@ -48,18 +48,22 @@ def score(condition, scene, output) -> dict[str, float]:
     return row
 
 
-def scores(processor, scenes: dict) -> dict[str, dict[str, float]]:
-    result = {}
+def scores(processor, scenes: dict) -> tuple[dict, dict]:
+    """Means over the scenes and their standard errors, by condition and score."""
+    means, errors = {}, {}
     for condition in CONDITIONS:
         rows = [score(condition, scene, processor(scene)) for scene in scenes[condition.name]]
-        keys = dict.fromkeys(k for row in rows for k in row)
-        result[condition.name] = {
-            k: round(float(np.nanmean([row[k] for row in rows if k in row])), 3) for k in keys}
-    return result
+        columns = {k: np.array([row.get(k, np.nan) for row in rows])
+                   for k in dict.fromkeys(k for row in rows for k in row)}
+        means[condition.name] = {k: round(float(np.nanmean(v)), 3) for k, v in columns.items()}
+        errors[condition.name] = {
+            k: round(float(np.nanstd(v, ddof=1) / np.sqrt(np.isfinite(v).sum())), 3)
+            for k, v in columns.items() if np.isfinite(v).sum() > 1}
+    return means, errors
 
 
-def targets(results: dict) -> list[tuple[str, str, bool]]:
-    """The rows that a release is judged by: what, measured, reached."""
+def targets(results: dict, errors: dict) -> list[tuple[str, str, bool]]:
+    """The rows that a release is judged by: what, measured, reached. `errors` are the engine's."""
     ours = results["engine"]
     peers = [results[n] for n in ("SpeexDSP", "WebRTC audio processing") if n in results]
     rows = []
@@ -67,29 +71,37 @@ def targets(results: dict) -> list[tuple[str, str, bool]]:
     def add(what, value, text, reached):
         rows.append((what, text.format(value), bool(reached)))
 
+    def spread(condition, key, digits):
+        error = errors.get(condition, {}).get(key)
+        return "" if error is None else f" ± {error:.{digits}f}"
+
     def best_peer(snr, key, digits):
         best = max((p[f"snr {snr}"][key] for p in peers), default=-np.inf)
         return best, f"; better peer {best:+.{digits}f}" if peers else ""
 
     gain = ours["snr 0"]["si-sdr gain"]
     best, note = best_peer(0, "si-sdr gain", 1)
-    add("SI-SDR gain at 0 dB SNR: at least 8 dB, 3 dB above the peers", gain, "{:.1f} dB" + note,
+    add("SI-SDR gain at 0 dB SNR: at least 8 dB, 3 dB above the peers", gain,
+        "{:.1f}" + spread("snr 0", "si-sdr gain", 1) + " dB" + note,
         gain >= 8 and gain >= best + 3)
     for snr, wanted in ((-5, 0.03), (0, 0.04), (5, 0.03)):
         value = ours[f"snr {snr}"]["stoi gain"]
         best, note = best_peer(snr, "stoi gain", 3)
         add(f"STOI gain at {snr} dB SNR: at least {wanted}, above the peers", value,
-            "{:+.3f}" + note, value >= wanted and value > best)
+            "{:+.3f}" + spread(f"snr {snr}", "stoi gain", 3) + note, value >= wanted and value > best)
     value = ours["noise only"]["drop"]
-    add("noise-only attenuation after 1 s: at least 25 dB", value, "{:.1f} dB", value >= 25)
+    add("noise-only attenuation after 1 s: at least 25 dB", value,
+        "{:.1f}" + spread("noise only", "drop", 1) + " dB", value >= 25)
     value = ours["clean"]["attenuation 125-5000 Hz"]
     add("clean speech, attenuation below 5 kHz: at most 1 dB", value, "{:.2f} dB", value <= 1)
     value = results.get("preset flat", ours)["clean"]["si-sdr"]
     add("clean speech, SI-SDR with the flat preset: at least 15 dB", value, "{:.1f} dB", value >= 15)
     value = ours["far end only"]["drop"]
-    add("far end only, after 2 s: at least 40 dB down", value, "{:.1f} dB", value >= 40)
+    add("far end only, after 2 s: at least 40 dB down", value,
+        "{:.1f}" + spread("far end only", "drop", 1) + " dB", value >= 40)
     value = ours["double talk"]["stoi gain"]
-    add("double talk at 0 dB, STOI gain: at least 0.10", value, "{:+.3f}", value >= 0.10)
+    add("double talk at 0 dB, STOI gain: at least 0.10", value,
+        "{:+.3f}" + spread("double talk", "stoi gain", 3), value >= 0.10)
     if "float network" in results:
         value = results["float network"]["snr 0"]["si-sdr"] - ours["snr 0"]["si-sdr"]
         add("int8 engine against float network: at most 0.2 dB SI-SDR lost", value, "{:.2f} dB",
@@ -97,11 +109,14 @@ def targets(results: dict) -> list[tuple[str, str, bool]]:
     return rows
 
 
-def as_markdown(results: dict, count: int) -> str:
-    lines = ["| target | measured | reached |", "|---|---|---|"]
-    if "engine" in results:
-        lines += [f"| {what} | {value} | {'yes' if ok else 'no'} |"
-                  for what, value, ok in targets(results)]
+def targets_table(results: dict, errors: dict) -> list[str]:
+    return ["| target | measured | reached |", "|---|---|---|",
+            *(f"| {what} | {value} | {'yes' if ok else '**no**'} |"
+              for what, value, ok in targets(results, errors))]
+
+
+def as_markdown(results: dict, errors: dict, count: int) -> str:
+    lines = targets_table(results, errors)
     for condition in CONDITIONS:
         keys = list(next(iter(results.values()))[condition.name])
         lines += ["", f"{condition.name} ({count} scenes)", "",
@@ -161,16 +176,20 @@ def main() -> None:
                   for c in CONDITIONS}
         line = lineup(arguments, Path(folder))
         processors.measure_delays(line, arguments.cache)
-        results = {p.name: scores(p, scenes) for p in line}
+        results, errors = {}, {}
+        for p in line:
+            results[p.name], errors[p.name] = scores(p, scenes)
+        errors = errors["engine"]
         if arguments.out:
             arguments.out.mkdir(parents=True, exist_ok=True)
             (arguments.out / "scores.json").write_text(json.dumps(
-                {"scenes per condition": arguments.count, "processors": results}, indent=1) + "\n")
-            (arguments.out / "scores.md").write_text(as_markdown(results, arguments.count))
+                {"scenes per condition": arguments.count, "standard errors of the engine": errors,
+                 "processors": results}, indent=1) + "\n")
+            (arguments.out / "scores.md").write_text(as_markdown(results, errors, arguments.count))
             pictures(results, line[0], scenes, arguments.out)
         if arguments.checkpoint:
             print(time.strftime("%H:%M:%S"), checkpoint.load(arguments.checkpoint)[2])
-        for what, value, reached in targets(results):
+        for what, value, reached in targets(results, errors):
             print(f"{'ok  ' if reached else 'MISS'} {what}: {value}")
         for name, row in results["engine"].items():
             print(f"{name:13}", json.dumps(row))
