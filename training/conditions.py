@@ -41,5 +41,5 @@ CONDITIONS = (
 def held_out_scenes(cache, condition: Condition, count: int) -> list[Scene]:
     library = ClipLibrary(cache, held_out=True)
     seed = [20, *condition.name.encode()]
-    mixer = Mixer(library, SHAPE.sample_rate, seed)
+    mixer = Mixer(library, SHAPE.sample_rate, seed, vary_noise=False)
     return [mixer.scene(SECONDS * SHAPE.sample_rate, condition.plan) for _ in range(count)]

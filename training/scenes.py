@@ -75,8 +75,9 @@ def draw_plan(rng: np.random.Generator) -> Plan:
 class Mixer:
     """Draws and renders scenes from one side of the split; one generator per process."""
 
-    def __init__(self, library: ClipLibrary, sample_rate: int, seed):
+    def __init__(self, library: ClipLibrary, sample_rate: int, seed, vary_noise: bool = True):
         self.library = library
+        self.vary_noise = vary_noise
         self.rate = sample_rate
         self.rng = np.random.default_rng(seed)
         known = [f for f in library.talkers if f in FOLDER_WEIGHTS] or list(library.talkers)
@@ -110,24 +111,34 @@ class Mixer:
     def _excerpt(self, clip: Clip, room: int, stretch: float) -> np.ndarray:
         samples = self.library.samples(clip)[:int(room * stretch) + 1]
         if stretch != 1.0:
-            wanted = int(len(samples) / stretch)
-            padded = scipy.fft.next_fast_len(len(samples), real=True)
-            spectrum = scipy.fft.rfft(samples, padded)
-            m = int(round(padded / stretch / 2)) * 2
-            bins = np.zeros(m // 2 + 1, spectrum.dtype)
-            keep = min(len(bins), len(spectrum))
-            bins[:keep] = spectrum[:keep]
-            samples = scipy.fft.irfft(bins, m)[:wanted] * np.float32(m / padded)
+            samples = self._stretched(samples, stretch)
         samples = samples[:room].astype(np.float32)
         fade = min(160, len(samples))
         samples[-fade:] *= np.linspace(1, 0, fade, dtype=np.float32)
         return samples
 
+    def _stretched(self, samples: np.ndarray, stretch: float, spread: float = 0.0) -> np.ndarray:
+        """Played `stretch` times as fast, under a random equaliser of up to `spread` dB."""
+        padded = scipy.fft.next_fast_len(len(samples), real=True)
+        spectrum = scipy.fft.rfft(samples, padded)
+        m = int(round(padded / stretch / 2)) * 2
+        bins = np.zeros(m // 2 + 1, spectrum.dtype)
+        keep = min(len(bins), len(spectrum))
+        bins[:keep] = spectrum[:keep]
+        if spread:
+            bins *= self._equaliser(np.linspace(0, self.rate / 2, len(bins), dtype=np.float32), spread)
+        return scipy.fft.irfft(bins, m)[:int(len(samples) / stretch)] * np.float32(m / padded)
+
     def real_noise(self, n: int) -> np.ndarray:
+        """One of the noises; in training most often at another speed and colour, for they are few."""
         rng = self.rng
         samples = self.library.samples(self.library.noises[rng.integers(len(self.library.noises))])
-        start = rng.integers(max(1, len(samples) - n))
-        out = samples[start:start + n].astype(np.float32)
+        stretch = rng.uniform(0.7, 1.4) if self.vary_noise and rng.random() < 0.7 else 1.0
+        length = int(n * stretch)
+        start = rng.integers(max(1, len(samples) - length))
+        out = samples[start:start + length].astype(np.float32)
+        if stretch != 1.0:
+            out = self._stretched(out, stretch, spread=8.0)
         while len(out) < n:  # a short clip repeats, overlapping itself by 50 ms
             fade = self.rate // 20
             ramp = np.linspace(0, 1, fade, dtype=np.float32)
