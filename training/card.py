@@ -64,6 +64,8 @@ All numbers, those of the tool's presets among them: `scores/scores.md`.
 
 ## Limits
 
+- Until it has heard somebody talk it is careful: noise stays audible, some 20 to 40 dB down, before the
+  first words, and all but vanishes in the pauses after them.
 - What it deletes by mistake is mostly weak consonants in the highest octaves, in noise or far from the
   microphone; where every consonant counts, mix some of the unprocessed signal back.
 - While the loudspeaker plays, the engine's gain rule closes every band of four bins or more, which is
