@@ -21,8 +21,8 @@ class CountedRun {
   CountedRun(int argc, char** argv) : scene_(kSceneFrames) {
     const ContenderKind* kind = argc == 3 ? find_contender(argv[2]) : nullptr;
     frames_ = argc == 3 ? std::atoi(argv[1]) : -1;
-    if (!kind || frames_ < 0 || frames_ > kMostFrames) {
-      std::fprintf(stderr, "usage: %s FRAMES CONTENDER, at most %d frames\n", argv[0], kMostFrames);
+    if (!kind || frames_ < 1 || frames_ > kMostFrames) {
+      std::fprintf(stderr, "usage: %s FRAMES CONTENDER, 1 to %d frames\n", argv[0], kMostFrames);
       std::exit(2);
     }
     contender_ = kind->make();

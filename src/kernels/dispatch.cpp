@@ -65,7 +65,8 @@ struct Variant {
 // Best first.
 constexpr Variant kVariants[] = {
 #if SE_X86_KERNELS
-    {&kAvx512Kernels, runs_avx512},     {&kAvx2Kernels, runs_avx2},
+    {&kAvx512Kernels, runs_avx512},  //
+    {&kAvx2Kernels, runs_avx2},
 #endif
 #if SE_DOTPROD_KERNELS
     {&kDotprodKernels, runs_dotprod},
