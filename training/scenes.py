@@ -35,6 +35,7 @@ class Plan:
     dead_microphone: bool
     digital_silence: bool
     path_change: bool
+    begins: float = 0.0  # share of the scene that passes before the talker may start
     dry: bool = False  # no room at all
     mild_loudspeaker: bool = False  # little distortion, always the same amount
 
@@ -58,7 +59,7 @@ def draw_plan(rng: np.random.Generator) -> Plan:
         noise = rng.choice(["none", "real", "synthetic"], p=[0.4, 0.4, 0.2])
         snr = rng.uniform(5, 45)
     else:
-        kind = rng.choice(["noisy", "nearly clean", "noise", "clean"], p=[0.49, 0.27, 0.18, 0.06])
+        kind = rng.choice(["noisy", "nearly clean", "noise", "clean"], p=[0.47, 0.24, 0.24, 0.05])
         talks = kind != "noise"
         noise = rng.choice(["real", "mixed", "synthetic", "babble"], p=[0.58, 0.17, 0.15, 0.10])
         snr = rng.uniform(25, 50) if kind == "nearly clean" else rng.uniform(-8, 30)
@@ -67,9 +68,12 @@ def draw_plan(rng: np.random.Generator) -> Plan:
         if kind == "clean":
             noise = "none"
     level = rng.uniform(-55, -10) if talks else rng.uniform(-65, -15)
+    # Often enough that noise or echo before the first words is not taken for the talker.
+    begins = rng.uniform(0.2, 0.8) if rng.random() < 0.3 else 0.0
     return Plan(talks, str(noise), far_end, float(snr), float(echo), float(level),
                 clip=rng.random() < 0.04, dead_microphone=rng.random() < 0.03,
-                digital_silence=rng.random() < 0.05, path_change=rng.random() < 0.2)
+                digital_silence=rng.random() < 0.05, path_change=rng.random() < 0.2,
+                begins=float(begins))
 
 
 class Mixer:
@@ -203,7 +207,9 @@ class Mixer:
         silence = np.zeros((2, size // 2 + 1), np.complex64)
         talker, target = silence, silence[0]
         if plan.talks:
-            source = self.speech(n)
+            source = np.zeros(n, np.float32)
+            start = int(plan.begins * n)
+            source[start:] = self.speech(n - start)
             voice = self._equaliser(f, 4.0) if rng.random() < 0.5 else 1.0
             talker, response = at_microphones(source, near=True)
             target = spectrum(source) * spectrum(rooms.early_part(response[1], self.rate, EARLY_MS))

@@ -190,6 +190,10 @@ class SceneTest(WithData):
         dead = mixer.scene(2 * RATE, conditions.plan(dead_microphone=True))
         self.assertFalse(np.any(dead.microphones[0]))
         self.assertTrue(np.any(dead.microphones[1]))
+        late = mixer.scene(2 * RATE, conditions.plan(begins=0.5))
+        first, rest = late.target[:RATE - 800], late.target[RATE:]
+        self.assertGreater(scenes.rms(rest), 1000 * scenes.rms(first))  # an equaliser rings a little
+        self.assertTrue(np.any(late.microphones[1][:RATE - 800]))
 
     def test_both_sides_of_the_split_are_apart(self):
         sides = [audio.ClipLibrary(self.cache, held_out) for held_out in (False, True)]
@@ -254,6 +258,19 @@ class TrainTest(WithData):
             checkpoint.load(path)
         with self.assertRaisesRegex(TrainingError, "not finite"):
             checkpoint.save(path, state | {"head.bias": torch.full((128,), torch.nan)}, state, {})
+
+    def test_average_of_two_runs(self):
+        ones, twos = ({k: torch.full_like(v, x) for k, v in network.Denoiser().state_dict().items()}
+                      for x in (1, 2))
+        checkpoint.save(self.path / "a.npz", ones, twos, {"steps": 3})
+        checkpoint.save(self.path / "b.npz", twos, ones, {"steps": 4})
+        subprocess.run([sys.executable, "-W", "ignore", "-m", "training.average", self.path / "a.npz",
+                        self.path / "b.npz", "--share", "0.25", "--out", self.path / "c.npz"],
+                       cwd=ROOT, check=True)
+        weights, average, counters = checkpoint.load(self.path / "c.npz")
+        self.assertTrue(all((v == 1.25).all() for v in weights.values()))
+        self.assertTrue(all((v == 1.75).all() for v in average.values()))
+        self.assertEqual(counters, {"steps": 3})
 
 
 class MetricsTest(unittest.TestCase):
