@@ -122,6 +122,23 @@ class _GruPairRecurrence(torch.autograd.Function):
         return grad_in, grad_w, flat.sum(1, keepdim=True), dh
 
 
+class _AtRest(torch.autograd.Function):
+    """Zeroes the first `frames` frames of the streams marked in `fresh` (B,), in place."""
+
+    @staticmethod
+    def forward(ctx, x, fresh, frames):
+        ctx.fresh, ctx.frames = fresh, frames
+        ctx.mark_dirty(x)
+        x[fresh, :, :frames] = 0
+        return x
+
+    @staticmethod
+    def backward(ctx, grad):
+        grad = grad.clone(memory_format=torch.preserve_format)
+        grad[ctx.fresh, :, :ctx.frames] = 0
+        return grad, None, None
+
+
 class ConvBlock(nn.Module):
     """Convolution over (time, frequency), normalisation per element, clamp to 0..6."""
 
@@ -203,19 +220,22 @@ class Denoiser(nn.Module):
     def initial_state(batch: int) -> torch.Tensor:
         return torch.zeros(2, 2, batch, SHAPE.hidden)
 
-    def forward(self, features, state, from_start: bool = False):
+    def forward(self, features, state, fresh: torch.Tensor | None = None):
         """features (B, T + 2 * lookahead, 3, bands), state from `initial_state` or the last call
         -> band values 0..1 (B, T, bands) and the new state (no gradient flows through it).
 
-        With `from_start`, features (B, T + lookahead, 3, bands) begin where the engine begins: every
-        layer's history is zero."""
+        Streams marked in `fresh` (B,) begin where the engine begins: the first `lookahead` frames of
+        their features, which are zero, lie before that, and every layer's history is zero. Without
+        it the layers would answer to those frames, and the states that follow differ for seconds."""
         quick = (self.training and self.quick and features.device.type == "cpu" and
                  features.shape[0] % accelerate.BATCH_STEP == 0)
         x = features.permute(0, 2, 1, 3)
         if quick:
             x = x.bfloat16().contiguous(memory_format=torch.channels_last)
-        for conv in self.convs:
-            x = conv(F.pad(x, (0, 0, 1, 0)) if from_start else x, quick)
+        for before, conv in zip(range(SHAPE.lookahead - 1, -1, -1), self.convs):
+            x = conv(x, quick)
+            if fresh is not None and before > 0:
+                x = _AtRest.apply(x, fresh, before)
         if quick:
             x = x.float()
         batch, channels, steps, _ = x.shape
@@ -229,6 +249,11 @@ class Denoiser(nn.Module):
         values = torch.sigmoid(F.linear(flat, quantise_rows(self.head.weight), self.head.bias))
         new_state = torch.stack([h1[:, -1], h2[:, -1]]).detach()
         return values.transpose(0, 1), new_state
+
+    def whole_scene(self, features: torch.Tensor) -> torch.Tensor:
+        """Band values (T, bands) for features (T + lookahead, 3, bands) from the engine's start on."""
+        padded = F.pad(features, (0, 0, 0, 0, SHAPE.lookahead, 0)).unsqueeze(0)
+        return self(padded, self.initial_state(1), torch.ones(1, dtype=torch.bool))[0][0]
 
     @staticmethod
     def set_quantised(on: bool) -> None:

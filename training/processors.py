@@ -84,10 +84,9 @@ def network(name: str, net, quantised: bool = True) -> Processor:
         front = library.front_end(*scene.microphones, scene.reference)
         with torch.no_grad():
             net.set_quantised(quantised)
-            values, _ = net(torch.from_numpy(front.features)[None], net.initial_state(1),
-                            from_start=True)
-            far_end = torch.from_numpy(front.energy[SHAPE.lookahead:] > FAR_END_ENERGY)[None]
-            gain = rule.applied(rule.raw(values), far_end)[0].numpy()
+            values = net.whole_scene(torch.from_numpy(front.features))
+            far_end = torch.from_numpy(front.energy[SHAPE.lookahead:] > FAR_END_ENERGY)
+            gain = rule.applied(rule.raw(values), far_end).numpy()
         spectra = np.concatenate([np.zeros((SHAPE.lookahead, SHAPE.bins)),
                                   front.microphones[:len(gain), 1] * gain])
         return library.synthesise(spectra)

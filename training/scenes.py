@@ -134,7 +134,8 @@ class Mixer:
         return scipy.fft.irfft(bins, m)[:int(len(samples) / stretch)] * np.float32(m / padded)
 
     def real_noise(self, n: int) -> np.ndarray:
-        """One of the noises; in training most often at another speed and colour, for they are few."""
+        """One of the noises; in training most often at another speed and colour, sometimes backwards,
+        for they are few."""
         rng = self.rng
         samples = self.library.samples(self.library.noises[rng.integers(len(self.library.noises))])
         stretch = rng.uniform(0.7, 1.4) if self.vary_noise and rng.random() < 0.7 else 1.0
@@ -142,7 +143,9 @@ class Mixer:
         start = rng.integers(max(1, len(samples) - length))
         out = samples[start:start + length].astype(np.float32)
         if stretch != 1.0:
-            out = self._stretched(out, stretch, spread=8.0)
+            out = self._stretched(out, stretch, spread=10.0)
+            if rng.random() < 0.4:
+                out = out[::-1]
         while len(out) < n:  # a short clip repeats, overlapping itself by 50 ms
             fade = self.rate // 20
             ramp = np.linspace(0, 1, fade, dtype=np.float32)
@@ -151,7 +154,7 @@ class Mixer:
         return normalised(out[:n])
 
     def synthetic_noise(self, n: int) -> np.ndarray:
-        """Coloured noise, steady or modulated, with or without hum; white in the simplest case."""
+        """Coloured noise, steady, modulated or in bursts, with or without hum."""
         rng = self.rng
         out = rng.standard_normal(n, dtype=np.float32)
         spectrum = scipy.fft.rfft(out, scipy.fft.next_fast_len(n, real=True))
@@ -163,6 +166,15 @@ class Mixer:
         if rng.random() < 0.4:
             rate, depth = rng.uniform(0.3, 8), rng.uniform(0.3, 1.0)
             out *= 1 + np.float32(depth) * np.sin(2 * np.pi * np.float32(rate) * t + rng.uniform(0, 6))
+        elif rng.random() < 0.4:  # strikes and rustles, at random or in a beat
+            period, decay = rng.uniform(0.08, 1.5), rng.uniform(0.004, 0.2)
+            gaps = rng.exponential(period, n) if rng.random() < 0.6 else np.full(n, period)
+            times = (np.cumsum(gaps) * self.rate).astype(int)
+            strikes = np.zeros(n, np.float32)
+            strikes[times[times < n]] = rng.uniform(0.2, 1.0, np.count_nonzero(times < n))
+            fall = np.exp(-1 / (decay * self.rate))
+            out *= scipy.signal.lfilter([1.0], [1.0, -fall], strikes).astype(np.float32) + np.float32(
+                rng.choice([0.0, 0.02, 0.1]))
         if rng.random() < 0.3:
             mains = rng.choice([50.0, 60.0, rng.uniform(80, 400)])
             hum = np.zeros(n, np.float32)

@@ -156,8 +156,9 @@ class Trainer:
     def step(self) -> None:
         tensors, fresh = self.streams.next_windows()
         features, mixture, target, cosine, far_end = (t.to(self.device) for t in tensors)
-        self.state[:, :, fresh.to(self.device)] = 0
-        values, self.state = self.network(features, self.state)
+        fresh = fresh.to(self.device)
+        self.state[:, :, fresh] = 0
+        values, self.state = self.network(features, self.state, fresh)
         loss, parts = self.loss(values, mixture, target, cosine, far_end)
         if not torch.isfinite(loss):
             raise TrainingError(f"the loss became {loss.item()} after {self.steps} steps; "
