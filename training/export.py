@@ -43,7 +43,7 @@ def tables(network) -> dict[str, np.ndarray]:
             for i in range(2):
                 for part in ("weight_ih", "weight_hh"):
                     steps = torch.round(getattr(pair, part)[i] * GRU_STEP)
-                    if steps.min() < -128 or steps.max() > 127:
+                    if not (steps.min() >= -128 and steps.max() <= 127):
                         raise TrainingError(f"{name}_{i + 1}.{part} leaves the range of int8")
                     result[f"{name}_{i + 1}_{part}"] = steps.to(torch.int8).numpy()
                 for part in ("bias_ih", "bias_hh"):

@@ -110,7 +110,11 @@ def read_model(path):
                                   table.offset).reshape(table.shape)
         for table in TABLES
     }
-    return Model(label.rstrip(b"\0").decode(), checksum, tables)
+    try:
+        name = label[:label.index(0)].decode()
+    except ValueError as error:  # no closing zero, or not UTF-8
+        raise ModelFileError(f"{path}: broken name") from error
+    return Model(name, checksum, tables)
 
 
 def main(arguments):
@@ -119,7 +123,7 @@ def main(arguments):
         return 2
     try:
         model = read_model(arguments[0])
-    except (OSError, UnicodeDecodeError, ModelFileError) as error:
+    except (OSError, ModelFileError) as error:
         print(f"model_file: {error}", file=sys.stderr)
         return 1
     print(f"model     {model.name}\nchecksum  {model.checksum:08x}\nsize      {FILE_BYTES} bytes")

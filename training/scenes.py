@@ -36,6 +36,7 @@ class Plan:
     digital_silence: bool
     path_change: bool
     begins: float = 0.0  # share of the scene that passes before the talker may start
+    bandwidth: float = np.inf  # Hz; recordings at 8 kHz or from a narrow codec hold nothing above
     dry: bool = False  # no room at all
     mild_loudspeaker: bool = False  # little distortion, always the same amount
 
@@ -70,10 +71,11 @@ def draw_plan(rng: np.random.Generator) -> Plan:
     level = rng.uniform(-55, -10) if talks else rng.uniform(-65, -15)
     # Often enough that noise or echo before the first words is not taken for the talker.
     begins = rng.uniform(0.2, 0.8) if rng.random() < 0.3 else 0.0
+    bandwidth = rng.choice([3400.0, 3900.0, rng.uniform(3000, 7500)]) if rng.random() < 0.15 else np.inf
     return Plan(talks, str(noise), far_end, float(snr), float(echo), float(level),
                 clip=rng.random() < 0.04, dead_microphone=rng.random() < 0.03,
                 digital_silence=rng.random() < 0.05, path_change=rng.random() < 0.2,
-                begins=float(begins))
+                begins=float(begins), bandwidth=float(bandwidth))
 
 
 class Mixer:
@@ -240,6 +242,7 @@ class Mixer:
         if rng.random() < 0.3:  # DC blocker or small microphone
             corner = rng.uniform(30, 180)
             pickup = pickup * (f / np.sqrt(f ** 2 + corner ** 2)).astype(np.float32)
+        pickup = pickup * (f < plan.bandwidth)
         parts = scipy.fft.irfft(np.concatenate([talker, target[None], noise]) * pickup, size)[:, :n]
         talker, target, noise = parts[:2], parts[2], parts[3:]
 
@@ -287,6 +290,8 @@ class Mixer:
         """The reference and its echo at both microphones (at any level; the caller scales)."""
         rng = self.rng
         reference = self.music_or_speech(n)
+        if np.isfinite(plan.bandwidth) and rng.random() < 0.7:
+            reference = scipy.fft.irfft(spectrum(reference) * (f < plan.bandwidth), size)[:n]
         start = int(rng.choice([0, rng.uniform(0, 0.4)], p=[0.7, 0.3]) * n)
         reference[:start] = 0
         if rng.random() < 0.25:
@@ -302,6 +307,7 @@ class Mixer:
         driven = reference / peak * drive
         played = (np.tanh(driven) + np.float32(rng.uniform(0, 0.05)) * driven ** 2) / drive * peak
         box = self._equaliser(f, 4.0) * (f / np.sqrt(f ** 2 + rng.uniform(80, 350) ** 2))
+        box = box * (f < plan.bandwidth)
         delay = int(rng.uniform(0, 0.06) * self.rate)
         turn = np.exp(-2j * np.pi * delay / size * np.arange(len(f))).astype(np.complex64)
         source = spectrum(played) * (box * turn).astype(np.complex64)
@@ -322,7 +328,8 @@ class Mixer:
         if plan.clip:
             limit = np.quantile(np.abs(microphones), rng.uniform(0.985, 0.9995)) + 1e-6
             np.clip(microphones, -limit, limit, out=microphones)
-        if plan.noise != "none" or plan.far_end or rng.random() < 0.7:
+        if np.isinf(plan.bandwidth) and (plan.noise != "none" or plan.far_end or
+                                         rng.random() < 0.7):
             floor = 10 ** (rng.uniform(-100, -72) / 20)
             own = rng.standard_normal((2, n), dtype=np.float32) * np.float32(floor)
             microphones += own[:1] if room.spacing == 0 else own

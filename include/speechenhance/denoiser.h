@@ -131,7 +131,9 @@ SE_API void* nn_init_api(void* mem, void* scratch);
  *   nn_only, use_ns  the frame pipeline's flags; the denoiser does not depend on them
  * The gains belong to the spectra of five calls earlier. Returns 0 during the first five calls,
  * while the convolution layers fill their histories, then 1. The inputs are not modified and must
- * not overlap `gain`. Infinite or NaN bins disturb the gains of a few frames and nothing beyond. */
+ * not overlap `gain`. Gains stay finite and within 0..1 whatever the bins are; after infinite or
+ * NaN bins they return to what they would have been as the recurrent layers forget, over seconds.
+ */
 SE_API int nn_process_api(void* state, const zel_lcomplex* spec_mics, const zel_lcomplex* spec_ref,
                           float* gain, bool nn_only, bool use_ns);
 
@@ -147,16 +149,29 @@ SE_API int conv2d_query_scratch(int in_channels, int kernel_time, int kernel_fre
                                 int groups);
 
 /* Makes a layer in zero-filled memory. Only the three tables of `layer` are read, during
- * processing; its dimensions are the arguments: past_frames               as given to
- * conv2d_query_mem in_channels, in_width     shape of an input frame out_channels, out_width shape
- * of an output frame; output position x reads the input from x * freq_stride - freq_pad on, zeros
- * outside kernel_time, kernel_freq  extent of the kernel time_stride, freq_stride  steps between
- * outputs time_pad                  zero frames assumed before the first frame freq_pad zero
- * positions on each side of the frequency axis groups                    channel groups Returns
- * null, with the memory untouched, for what the layer does not do: kernel_time outside 1..3,
- * time_stride other than 1, groups above 1, time_pad outside 0..kernel_time - 1, past_frames below
- * kernel_time - 1, sizes or a frequency stride below 1, a negative freq_pad, or output positions
- * that read beyond the padded input. */
+ * processing; its dimensions are the arguments:
+ *
+ *   past_frames               as given to conv2d_query_mem
+ *
+ *   in_channels, in_width     shape of an input frame
+ *
+ *   out_channels, out_width   shape of an output frame; output position x reads the input from
+ *                             x * freq_stride - freq_pad on, zeros outside
+ *
+ *   kernel_time, kernel_freq  extent of the kernel
+ *
+ *   time_stride, freq_stride  steps between outputs
+ *
+ *   time_pad                  zero frames assumed before the first frame
+ *
+ *   freq_pad                  zero positions on each side of the frequency axis
+ *
+ *   groups                    channel groups
+ *
+ * Returns null, with the memory untouched, for what the layer does not do: kernel_time outside
+ * 1..3, time_stride other than 1, groups above 1, a negative time_pad or freq_pad, past_frames
+ * below kernel_time - 1, sizes or a frequency stride below 1, or output positions that read beyond
+ * the padded input. */
 SE_API Conv2D* conv2d_init(void* mem, void* scratch, const Conv2DLayer* layer, int past_frames,
                            int in_channels, int in_width, int out_channels, int out_width,
                            int kernel_time, int kernel_freq, int time_stride, int freq_stride,
@@ -166,7 +181,8 @@ SE_API Conv2D* conv2d_init(void* mem, void* scratch, const Conv2DLayer* layer, i
  * frames. Frames are position-major: (position x, channel c) is element x * channels + c. Inputs
  * are rounded to steps of 1/1024, half away from zero, and saturate at -32 and 32 - 1/1024 (NaN
  * counts as 0); sums are exact, modulo 2^32. Returns 1, or 0 for the first kernel_time - 1 -
- * time_pad calls, which only store their frame and leave `out` untouched. `out` may be `in`. */
+ * time_pad calls (none where that is negative), which only store their frame and leave `out`
+ * untouched. `out` may be `in`. */
 SE_API int conv2d_process(Conv2D* state, float* out, const float* in);
 
 /* ---- One GRU layer ---- */
@@ -179,14 +195,14 @@ SE_API int gru_query_scratch(int hidden, int input);
 
 /* Makes a layer of `hidden` units with `input` inputs and clears its hidden state. Only the four
  * tables of `layer` are read, during processing. The model's sizes are multiples of 8; other sizes
- * work the same way. Returns null, with the memory untouched, for sizes outside 1..511, beyond
- * which the exact 32-bit sums could overflow. */
+ * work the same way. Returns null, with the memory untouched, for sizes below 1. */
 SE_API Gru* gru_init(void* mem, void* scratch, const GRULayer* layer, int hidden, int input);
 
 /* Runs one step: reads `input` floats from `in`, writes the `hidden` new state values (-1..1) to
  * `out`, which may overlap `in`. Inputs are rounded to steps of 1/2048, half away from zero, and
  * saturate at -16 and 16 - 1/2048 (NaN counts as 0); so does the state that the next step uses, not
- * the one written to `out`. Always returns 0. */
+ * the one written to `out`. Sums are exact, modulo 2^32 (which sizes up to 511 cannot reach).
+ * Always returns 0. */
 SE_API int gru_process(Gru* gru, const float* in, float* out);
 
 #endif /* __cplusplus */

@@ -66,8 +66,9 @@ SE_API void limiter_process(LimiterStruct* state, int16_t* samples, int32_t num_
  * noise of power p per sample has the mean bin power p * 10^(window_energy_db / 10)).
  *
  * The first second never sets the gain, nor do the 50 updates after it; from then on the gain moves
- * by one of a few fixed factors per frame while it is off by more than 3 dB. Gains within 1 % of 1
- * are not applied.
+ * by one of a few fixed factors per frame while it is off by more than 3 dB. At any time, a frame
+ * that does not update lowers the gain by 10 % if the smoothed level times the gain exceeds twice
+ * the target amplitude. Gains within 1 % of 1 are not applied.
  *
  * `AgcCore` measures level and activity itself; `AgcState` takes them from the caller. */
 typedef struct AgcState AgcState;
@@ -99,7 +100,7 @@ SE_API size_t agc_core_query_scratch(void);
 SE_API AgcCore* agc_core_init(void* mem, void* scratch, float window_energy_db);
 
 /* Measures the 257 bins of `spectrum`, averaged with the frame before, calls it active above a mean
- * bin power of -55 dB, and scales it in place. */
+ * bin power of -55 dB, and scales it in place. The bins are finite. */
 SE_API void agc_core_process(AgcCore* core, zel_lcomplex* spectrum);
 
 /* agc_set_max_gain for the control inside. */

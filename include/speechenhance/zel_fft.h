@@ -102,7 +102,8 @@ SE_API size_t zel_fft_c2c_float32_query_scratch_mem(int nfft);
 
 /* Plans a transform of nfft >= 1 values in `mem` with `scratch`. Returns the plan, which lies in
  * `mem`, or null when nfft < 1 or needs more than 21 stages. Fast for lengths whose prime factors
- * are 2, 3 and 5; a larger prime factor p that remains costs nfft * p operations. */
+ * are 2, 3 and 5; what remains of nfft after dividing these out, p, is summed directly, prime or
+ * not, at nfft * p operations. */
 SE_API c2c_plan* ne10_fft_init_c2c_float32_c_x(int nfft, void* mem, void* scratch);
 
 /* Transforms nfft values from `in` (only read) into `out`; the arrays do not overlap. `inverse` is

@@ -3,8 +3,7 @@
 // A module describes its memory once, as a walk over a region: first its state record, then its
 // buffers and nested modules, slot after slot without gaps. The same walk answers both questions:
 // started without a base address it measures (every pointer is null, `size()` is what *_query_mem
-// or
-// *_query_scratch returns); started at an address it places.
+// and *_query_scratch return); started at an address it places.
 //
 //   struct Layout { LimiterStruct* state; float* blocks; };
 //   Layout lay_out(MemoryWalk& mem) {

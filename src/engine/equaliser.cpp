@@ -62,8 +62,10 @@ float shelf_gain(int distance, float level, float step) {
 }
 
 // The ramp of a shelf, bin by bin away from its corner, and the flat part, `flat` to `flat_end`.
+// A shelf only takes away: nothing happens at 0 dB or below, or where the setting is not a number.
 void apply_shelf(zel_lcomplex* spectrum, float atten_db, int corner, int direction, int flat,
                  int flat_end) {
+  if (!(atten_db > 0.0f)) return;
   const float level = amplitude_from_db(-atten_db);
   const float step = -(kRampStep * (1.0f - level));
   for (int distance = 0; distance < kRamp; ++distance) {

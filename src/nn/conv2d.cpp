@@ -75,7 +75,7 @@ Conv2D* conv2d_init(void* mem, void* scratch, const Conv2DLayer* layer, int past
                     int kernel_freq, int time_stride, int freq_stride, int time_pad, int freq_pad,
                     int groups) {
   if (kernel_time < 1 || kernel_time > 3 || past_frames < kernel_time - 1 || time_stride != 1 ||
-      groups > 1 || time_pad < 0 || time_pad >= kernel_time) {
+      groups > 1 || time_pad < 0) {
     return nullptr;
   }
   if (in_channels < 1 || in_width < 1 || out_channels < 1 || out_width < 1 || kernel_freq < 1 ||

@@ -18,9 +18,6 @@
 namespace se::nn {
 namespace {
 
-// 511 products of an int8 and an int16 always fit a 32-bit sum.
-constexpr int kMaxSize = 511;
-
 struct StaticLayout {
   Gru* gru;
   std::int16_t* state;
@@ -68,7 +65,7 @@ int gru_query_scratch(int hidden, int input) {
 }
 
 Gru* gru_init(void* mem, void* scratch, const GRULayer* layer, int hidden, int input) {
-  if (hidden < 1 || hidden > kMaxSize || input < 1 || input > kMaxSize) return nullptr;
+  if (hidden < 1 || input < 1) return nullptr;
   MemoryWalk mem_walk(mem);
   const StaticLayout placed = lay_out_static(mem_walk, hidden);
   MemoryWalk scratch_walk(scratch);

@@ -75,7 +75,7 @@ TEST(DenoiserNetwork, GainsMatchTheDoublePrecisionNetwork) {
       continue;
     }
     for (std::size_t k = 0; k < kBins; ++k) {
-      ASSERT_NEAR(denoiser.gain[k], expected[k], 0.02) << "frame " << frame << " bin " << k;
+      ASSERT_NEAR(denoiser.gain[k], expected[k], 1e-3) << "frame " << frame << " bin " << k;
     }
     ASSERT_EQ(denoiser.gain[kBins - 1], 0.0f);
     // A band of one bin passes its value through, band 0 of three divides it.

@@ -50,7 +50,10 @@ TEST(Equaliser, ShelvesRampTowardsTheirCorners) {
   }
   EXPECT_TRUE(all_ones(low, 32) && all_ones(high, 0, 32));
   EXPECT_TRUE(all_ones(shelf({0, 1000.0f, 20.0f})));
-  EXPECT_TRUE(all_ones(shelf({1, 1000.0f, -6.0f})));
+  for (const float no_attenuation : {0.0f, -6.0f, -1000.0f, -INFINITY, NAN}) {
+    const ShelfBand band = {1, 1000.0f, no_attenuation};
+    EXPECT_TRUE(all_ones(shelf(band, band))) << no_attenuation;
+  }
   EXPECT_TRUE(all_ones(shelf({1, 270.0f, 20.0f})));  // bin 8
   EXPECT_LT(shelf({1, 279.1f, 20.0f})[0], 0.11f);    // bin 9
   EXPECT_TRUE(all_ones(shelf({1, 279.1f, 20.0f}), 9));
