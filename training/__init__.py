@@ -1,5 +1,5 @@
 """Training of the denoiser: data, scenes, network, loss, evaluation and export.
 
-Every number that the library also knows (frame, hop, bins, bands, layer shapes) comes from the
-library itself through `training.library`; nothing here repeats it.
+Geometry and layer shapes (frame, hop, bins, bands, look-ahead) come from the library itself through
+`training.library`, tables and band edges from the lists that the library compiles.
 """

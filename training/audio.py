@@ -72,7 +72,7 @@ def build_cache(audio: Path, cache: Path, rate: int, progress=print) -> None:
     groups.append((audio / "noise", "noise"))
     clips, blocks, offset = [], [], 0
     for folder, kind in groups:
-        files = sorted(f for f in folder.glob("*") if f.suffix in AUDIO_SUFFIXES)
+        files = sorted(f for f in folder.glob("*") if f.suffix.lower() in AUDIO_SUFFIXES)
         if not files:
             raise TrainingError(f"no audio files in {folder}; expected {audio}/speech/*/ and "
                                 f"{audio}/noise/")
@@ -85,10 +85,15 @@ def build_cache(audio: Path, cache: Path, rate: int, progress=print) -> None:
             offset += len(samples)
         progress(f"{folder.relative_to(audio)}: {len(files)} clips")
     cache.mkdir(parents=True, exist_ok=True)
-    np.save(cache / "samples.tmp.npy", np.concatenate(blocks))
-    (cache / "clips.tmp.json").write_text(json.dumps([dataclasses.asdict(c) for c in clips]))
-    os.replace(cache / "samples.tmp.npy", cache / "samples.npy")
-    os.replace(cache / "clips.tmp.json", cache / "clips.json")
+    samples, index = cache / "samples.tmp.npy", cache / "clips.tmp.json"
+    try:
+        np.save(samples, np.concatenate(blocks))
+        index.write_text(json.dumps([dataclasses.asdict(c) for c in clips]))
+        os.replace(samples, cache / "samples.npy")
+        os.replace(index, cache / "clips.json")
+    finally:
+        samples.unlink(missing_ok=True)
+        index.unlink(missing_ok=True)
 
 
 class ClipLibrary:

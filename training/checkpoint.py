@@ -1,18 +1,21 @@
-"""Checkpoints: float weights, their moving average and counters in one .npz file (about 9 MB).
+"""Checkpoints: float weights, their moving average and counters in one .npz file (about 8 MB).
 
 A file is written beside the old one and renamed over it, so that a broken run never costs a good
 checkpoint. Reading checks every name and shape against the network."""
 
 import json
 import os
+import zipfile
 from pathlib import Path
 
 import numpy as np
 import torch
 
 from training.errors import TrainingError
+from training.library import SHAPE
 from training.network import Denoiser
 
+UNREADABLE = (OSError, EOFError, KeyError, ValueError, zipfile.BadZipFile)
 FORMAT = "speechenhance denoiser checkpoint 1"
 
 
@@ -24,8 +27,11 @@ def save(path: Path, weights: dict, average: dict, counters: dict) -> None:
             raise TrainingError(f"{name} is not finite; {path} is left as it was")
     path.parent.mkdir(parents=True, exist_ok=True)
     temporary = path.with_suffix(".tmp.npz")
-    np.savez(temporary, meta=json.dumps({"format": FORMAT, **counters}), **arrays)
-    os.replace(temporary, path)
+    try:
+        np.savez(temporary, meta=json.dumps({"format": FORMAT, **counters}), **arrays)
+        os.replace(temporary, path)
+    finally:
+        temporary.unlink(missing_ok=True)
 
 
 def load(path: Path) -> tuple[dict, dict, dict]:
@@ -34,7 +40,7 @@ def load(path: Path) -> tuple[dict, dict, dict]:
         with np.load(path) as file:
             arrays = {k: file[k] for k in file.files}
         counters = json.loads(str(arrays.pop("meta")))
-    except (OSError, KeyError, ValueError) as error:
+    except UNREADABLE as error:
         raise TrainingError(f"{path} is not a readable checkpoint: {error}") from error
     if counters.pop("format", None) != FORMAT:
         raise TrainingError(f"{path} has another format than {FORMAT!r}")
@@ -43,6 +49,11 @@ def load(path: Path) -> tuple[dict, dict, dict]:
     for state in states:
         check_layout(path, state)
     return states[0], states[1], counters
+
+
+def hours_of_audio(counters: dict) -> float:
+    """How much audio went through training, repeats included."""
+    return counters["frames"] * SHAPE.hop / SHAPE.sample_rate / 3600
 
 
 def check_layout(path: Path, state: dict) -> None:
@@ -79,7 +90,7 @@ def import_masters(path: Path) -> dict:
                     state[f"{pair}.{part}"] = np.stack([file[f"{pair}_{n}.{part}"] for n in (1, 2)])
             for part in ("weight", "bias"):
                 state[f"head.{part}"] = file[f"fc.{part}"]
-    except (OSError, KeyError, ValueError) as error:
+    except UNREADABLE as error:
         raise TrainingError(f"{path} does not hold master weights: {error}") from error
     state = {k: torch.from_numpy(np.ascontiguousarray(v, np.float32)) for k, v in state.items()}
     check_layout(path, state)

@@ -29,6 +29,7 @@ def plan(**changes) -> Plan:
 CONDITIONS = (
     *(Condition(f"snr {snr}", plan(snr=float(snr)), 1.0) for snr in SNRS),
     Condition("synthetic noise", plan(noise="synthetic", snr=5.0), 1.0),
+    Condition("late talker", plan(snr=10.0, begins=0.5), 1.0),
     Condition("telephone band", plan(snr=5.0, bandwidth=3400.0), 1.0),
     Condition("noise only", plan(talks=False, level=-38.0), 1.0),
     Condition("clean", plan(snr=40.0, dry=True), 1.0),

@@ -10,9 +10,10 @@ class TrainingError(Exception):
 
 @contextlib.contextmanager
 def reported_briefly():
-    """Turns a TrainingError into one line on stderr and exit status 1."""
+    """Turns a TrainingError, or a file that cannot be read or written, into one line on stderr and
+    exit status 1."""
     try:
         yield
-    except TrainingError as error:
+    except (TrainingError, OSError) as error:
         print(f"error: {error}", file=sys.stderr)
         sys.exit(1)

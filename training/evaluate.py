@@ -5,16 +5,18 @@ engine itself and beside the alternatives; with --checkpoint, a quick look throu
 PyTorch. Writes scores.json, scores.md and plots to --out."""
 
 import argparse
+import dataclasses
 import json
 import tempfile
 import time
+from collections.abc import Callable
 from pathlib import Path
 
 import numpy as np
 import torch
 
 from training import checkpoint, conditions, metrics, processors
-from training.conditions import CONDITIONS, SNRS
+from training.conditions import CONDITIONS
 from training.errors import TrainingError, reported_briefly
 from training.gain_rule import GainRule
 from training.library import SHAPE
@@ -42,6 +44,9 @@ def score(condition, scene, output) -> dict[str, float]:
            "stoi gain": metrics.stoi(out, target) - metrics.stoi(mic, target),
            "lsd": metrics.log_spectral_distance(out, target),
            "segsnr": metrics.segmental_snr(out, target)}
+    if condition.plan.begins:
+        before = slice(SHAPE.sample_rate, int(condition.plan.begins * len(output)))
+        row["drop before"] = metrics.level_drop(output[before], scene.microphones[1][before])
     if condition.name.startswith("clean"):
         row |= {f"attenuation {a}-{b} Hz": v
                 for (a, b), v in metrics.attenuation(out, target).items()}
@@ -62,57 +67,64 @@ def scores(processor, scenes: dict) -> tuple[dict, dict]:
     return means, errors
 
 
-def targets(results: dict, errors: dict) -> list[tuple[str, str, bool]]:
-    """The rows that a release is judged by: what, measured, reached. `errors` are the engine's."""
-    ours = results["engine"]
-    peers = [results[n] for n in ("SpeexDSP", "WebRTC audio processing") if n in results]
+@dataclasses.dataclass(frozen=True)
+class Target:
+    """A row that a release is judged by. `reached` takes the engine's value and the better peer's."""
+
+    what: str
+    condition: str
+    key: str
+    digits: int
+    reached: Callable[[float, float], bool]
+    by: str = "engine"
+
+
+TARGETS = (
+    Target("SI-SDR gain at 0 dB SNR: at least 8 dB, 3 dB above the peers", "snr 0", "si-sdr gain", 1,
+           lambda value, peer: value >= max(8, peer + 3)),
+    *(Target(f"STOI gain at {snr} dB SNR: at least {wanted}, above the peers", f"snr {snr}",
+             "stoi gain", 3, lambda value, peer, wanted=wanted: value >= wanted and value > peer)
+      for snr, wanted in ((-5, 0.03), (0, 0.04), (5, 0.03))),
+    Target("noise only, after 1 s: at least 25 dB down", "noise only", "drop", 1,
+           lambda value, peer: value >= 25),
+    Target("clean speech, attenuation below 5 kHz: at most 1 dB", "clean", "attenuation 125-5000 Hz",
+           2, lambda value, peer: value <= 1),
+    Target("clean speech, SI-SDR with the flat preset: at least 15 dB", "clean", "si-sdr", 1,
+           lambda value, peer: value >= 15, by="preset flat"),
+    Target("far end only, after 2 s: at least 40 dB down", "far end only", "drop", 1,
+           lambda value, peer: value >= 40),
+    Target("double talk at 0 dB, STOI gain: at least 0.10", "double talk", "stoi gain", 3,
+           lambda value, peer: value >= 0.10),
+)
+
+
+def targets(results: dict, errors: dict) -> list[tuple[str, str, dict[str, str], bool]]:
+    """What, measured, the peers' values, whether reached. `errors` are the engine's."""
+    peers = {name: results[name] for name in processors.PEERS if name in results}
     rows = []
-
-    def add(what, value, text, reached):
-        rows.append((what, text.format(value), bool(reached)))
-
-    def spread(condition, key, digits):
-        error = errors.get(condition, {}).get(key)
-        return "" if error is None else f" ± {error:.{digits}f}"
-
-    def best_peer(snr, key, digits):
-        best = max((p[f"snr {snr}"][key] for p in peers), default=-np.inf)
-        return best, f"; better peer {best:+.{digits}f}" if peers else ""
-
-    gain = ours["snr 0"]["si-sdr gain"]
-    best, note = best_peer(0, "si-sdr gain", 1)
-    add("SI-SDR gain at 0 dB SNR: at least 8 dB, 3 dB above the peers", gain,
-        "{:.1f}" + spread("snr 0", "si-sdr gain", 1) + " dB" + note,
-        gain >= 8 and gain >= best + 3)
-    for snr, wanted in ((-5, 0.03), (0, 0.04), (5, 0.03)):
-        value = ours[f"snr {snr}"]["stoi gain"]
-        best, note = best_peer(snr, "stoi gain", 3)
-        add(f"STOI gain at {snr} dB SNR: at least {wanted}, above the peers", value,
-            "{:+.3f}" + spread(f"snr {snr}", "stoi gain", 3) + note, value >= wanted and value > best)
-    value = ours["noise only"]["drop"]
-    add("noise-only attenuation after 1 s: at least 25 dB", value,
-        "{:.1f}" + spread("noise only", "drop", 1) + " dB", value >= 25)
-    value = ours["clean"]["attenuation 125-5000 Hz"]
-    add("clean speech, attenuation below 5 kHz: at most 1 dB", value, "{:.2f} dB", value <= 1)
-    value = results.get("preset flat", ours)["clean"]["si-sdr"]
-    add("clean speech, SI-SDR with the flat preset: at least 15 dB", value, "{:.1f} dB", value >= 15)
-    value = ours["far end only"]["drop"]
-    add("far end only, after 2 s: at least 40 dB down", value,
-        "{:.1f}" + spread("far end only", "drop", 1) + " dB", value >= 40)
-    value = ours["double talk"]["stoi gain"]
-    add("double talk at 0 dB, STOI gain: at least 0.10", value,
-        "{:+.3f}" + spread("double talk", "stoi gain", 3), value >= 0.10)
+    for t in TARGETS:
+        by = t.by if t.by in results else "engine"
+        value = results[by][t.condition][t.key]
+        error = errors.get(t.condition, {}).get(t.key) if by == "engine" else None
+        theirs = {name: row[t.condition][t.key] for name, row in peers.items()}
+        rows.append((t.what,
+                     f"{value:.{t.digits}f}" + (f" ± {error:.{t.digits}f}" if error else ""),
+                     {name: f"{v:.{t.digits}f}" for name, v in theirs.items()},
+                     t.reached(value, max(theirs.values(), default=-np.inf))))
     if "float network" in results:
-        value = results["float network"]["snr 0"]["si-sdr"] - ours["snr 0"]["si-sdr"]
-        add("int8 engine against float network: at most 0.2 dB SI-SDR lost", value, "{:.2f} dB",
-            value <= 0.2)
+        lost = (results["float network"]["snr 0"]["si-sdr"] - results["engine"]["snr 0"]["si-sdr"])
+        rows.append(("int8 engine against float network: at most 0.2 dB SI-SDR lost", f"{lost:.2f}",
+                     {name: "" for name in peers}, lost <= 0.2))
     return rows
 
 
 def targets_table(results: dict, errors: dict) -> list[str]:
-    return ["| target | measured | reached |", "|---|---|---|",
-            *(f"| {what} | {value} | {'yes' if ok else '**no**'} |"
-              for what, value, ok in targets(results, errors))]
+    rows = targets(results, errors)
+    peers = list(rows[0][2])
+    return ["| " + " | ".join(["target", "measured", *peers, "reached"]) + " |",
+            "|---|---|" + "---|" * len(peers) + "---|",
+            *("| " + " | ".join([what, value, *theirs.values(), "yes" if ok else "**no**"]) + " |"
+              for what, value, theirs, ok in rows)]
 
 
 def as_markdown(results: dict, errors: dict, count: int) -> str:
@@ -172,6 +184,10 @@ def main() -> None:
     with reported_briefly(), tempfile.TemporaryDirectory() as folder:
         if not arguments.model and not arguments.checkpoint:
             raise TrainingError("give --model, --checkpoint or both")
+        if arguments.presets and not arguments.model:
+            raise TrainingError("--presets runs the engine: give --model as well")
+        if arguments.count < 1:
+            raise TrainingError("--count must be at least 1")
         scenes = {c.name: conditions.held_out_scenes(arguments.cache, c, arguments.count)
                   for c in CONDITIONS}
         line = lineup(arguments, Path(folder))
@@ -189,7 +205,7 @@ def main() -> None:
             pictures(results, line[0], scenes, arguments.out)
         if arguments.checkpoint:
             print(time.strftime("%H:%M:%S"), checkpoint.load(arguments.checkpoint)[2])
-        for what, value, reached in targets(results, errors):
+        for what, value, _, reached in targets(results, errors):
             print(f"{'ok  ' if reached else 'MISS'} {what}: {value}")
         for name, row in results["engine"].items():
             print(f"{name:13}", json.dumps(row))

@@ -1,8 +1,8 @@
 """python3 -m training.export --checkpoint FILE [--scores FOLDER]
 
-Writes the model file that the library compiles in, from a checkpoint's averaged weights, and the
-golden vectors that the library's tests run, and with --scores the model card. Before anything is replaced, the library runs the new
-model and must agree with a plain computation from its tables."""
+Writes the model file that the library compiles in, from a checkpoint's averaged weights, the golden
+vectors that the library's tests run, and with --scores the model card. Before anything is replaced,
+the library runs the new model and must agree with a plain computation from its tables."""
 
 import argparse
 import os
@@ -120,15 +120,15 @@ def main() -> None:
     with reported_briefly():
         network = checkpoint.load_average(arguments.checkpoint)
         counters = checkpoint.load(arguments.checkpoint)[2]
-        hours = counters["frames"] / 360000
-        name = arguments.name or f"trained on {hours:.0f} h of mixed audio"
-        arguments.golden.parent.mkdir(parents=True, exist_ok=True)
-        checksum, difference = export(network, arguments.model, arguments.golden, name)
+        name = arguments.name or f"{checkpoint.hours_of_audio(counters):.0f} h of training"
         if arguments.scores:
             from training import card  # here, so that an export needs no matplotlib
 
-            card.write(arguments.model.parent, arguments.scores, name, checksum, counters,
-                       arguments.checkpoint.with_suffix(".log"))
+            text = card.draft(arguments.scores, name, arguments.checkpoint)
+        arguments.golden.parent.mkdir(parents=True, exist_ok=True)
+        checksum, difference = export(network, arguments.model, arguments.golden, name)
+        if arguments.scores:
+            card.write(arguments.model.parent / "README.md", text, checksum)
         print(f"{arguments.model}: {name}, checksum {checksum:08x}; library and plain computation differ by "
               f"at most {difference:.1e} over {CHECK_FRAMES} frames")
 

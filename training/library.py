@@ -8,6 +8,7 @@ import ctypes
 import dataclasses
 import json
 import os
+import warnings
 from pathlib import Path
 from types import SimpleNamespace
 
@@ -26,6 +27,8 @@ def _load() -> ctypes.CDLL:
                          "cmake -B build -DSE_BUILD_TRAINING=ON && cmake --build build") from error
 
 
+# Loading the library sets flush-to-zero, which numpy remarks on.
+warnings.filterwarnings("ignore", message="The value of the smallest subnormal")
 native = _load()
 native.se_training_shape.restype = ctypes.c_char_p
 for _function in (native.se_training_network, native.se_training_engine):

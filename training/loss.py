@@ -22,16 +22,16 @@ class Weights:
     magnitude: float = 0.5
     complex: float = 0.5
     attenuated: float = 3.0  # extra on magnitude errors that take speech away
-    ratio: float = 0.01  # per dB
-    envelope: float = 1.0
-    silence: float = 0.3
+    ratio: float = 0.03  # per dB
+    envelope: float = 1.25
+    silence: float = 0.18
 
 
 EXPONENT = 0.3
 FLOOR = 2e-3  # of the gain, keeps the compressed gain's slope finite
 AUDIBLE = 1e-5  # power of a third octave, against 1 for the mean bin of a talker
 HOLDS_SPEECH = 0.1 ** EXPONENT  # of the mixture, for a bin that the far-end gate should not close
-SEGMENT = 38  # frames of an envelope segment, 384 ms
+SEGMENT = 38  # frames of an envelope segment, 380 ms
 
 
 def bin_weights() -> np.ndarray:
@@ -113,7 +113,7 @@ class Loss:
         return total, parts
 
     def _envelope_loss(self, enhanced, target, talking):
-        """1 - mean correlation of third-octave envelopes over segments of 384 ms."""
+        """1 - mean correlation of third-octave envelopes over segments of 380 ms."""
         x = torch.sqrt(enhanced.square() @ self.octaves + AUDIBLE)
         s = torch.sqrt(target.square() @ self.octaves + AUDIBLE)
         x, s = (e.unfold(1, SEGMENT, SEGMENT // 2) for e in (x, s))  # (B, n, bands, SEGMENT)

@@ -19,6 +19,7 @@ import sys
 import numpy as np
 
 from training.bands import BINS, expansion, make_up
+from training.errors import reported_briefly
 from training.model_file import TABLES, write_model
 
 LARGEST_BIAS = 12.0  # sigmoid(12) = 1 - 6e-6
@@ -59,7 +60,8 @@ def main(arguments):
     if len(arguments) != 1:
         print("usage: make_neutral_model.py FILE", file=sys.stderr)
         return 2
-    checksum = write_model(arguments[0], "neutral", neutral_model())
+    with reported_briefly():
+        checksum = write_model(arguments[0], "neutral", neutral_model())
     print(f"wrote the neutral model, checksum {checksum:08x}")
     return 0
 

@@ -22,12 +22,10 @@ def si_sdr(estimate: np.ndarray, target: np.ndarray) -> float:
 
 def reachable(target: np.ndarray, ceiling: np.ndarray) -> np.ndarray:
     """The target through analysis, the highest gain per bin that the rule permits, and synthesis;
-    aligned with the target. `ceiling` is (bins,) or (frames, bins)."""
+    aligned with the target. `ceiling` is (bins,)."""
     delay = SHAPE.frame - SHAPE.hop
     padded = np.concatenate([target, np.zeros(-(-delay // SHAPE.hop) * SHAPE.hop + SHAPE.hop)])
     spectra = library.analyse(padded)
-    if ceiling.ndim == 2:
-        ceiling = np.concatenate([ceiling, np.repeat(ceiling[-1:], len(spectra), 0)])[:len(spectra)]
     return library.synthesise(spectra * ceiling)[delay:delay + len(target)]
 
 
@@ -105,8 +103,8 @@ BANDS_HZ = ((125, 500), (500, 1000), (1000, 2000), (2000, 4000), (4000, 8000), (
 
 
 def attenuation(enhanced: np.ndarray, clean: np.ndarray) -> dict[tuple[int, int], float]:
-    """How much quieter active speech became, in dB per band of BANDS_HZ: the mean over active
-    frames of the level difference."""
+    """How much quieter active speech became, in dB per band of BANDS_HZ: the ratio of the energies
+    over all active frames."""
     active = active_frames(clean)
     window = np.hanning(SHAPE.frame)
     c, e = (np.abs(np.fft.rfft(_frames(s)[active] * window)) ** 2 for s in (clean, enhanced))

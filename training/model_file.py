@@ -15,6 +15,8 @@ from pathlib import Path
 
 import numpy as np
 
+from training.errors import TrainingError
+
 MAGIC = b"SEDENOIS"
 VERSION = 1
 HEADER = struct.Struct("<8sIII44s")  # magic, version, file size, checksum of the rest, name
@@ -27,7 +29,7 @@ _TYPES = {"int8_t": np.dtype("i1"), "float": np.dtype("<f4")}
 _ENTRY = re.compile(r"^SE_MODEL_TABLE\((\w+), (\w+), (\d+), (\d+), (\d+)\)$", re.MULTILINE)
 
 
-class ModelFileError(ValueError):
+class ModelFileError(TrainingError):
     """A model or a model file that does not fit; the message says how."""
 
 

@@ -29,8 +29,8 @@ def scores(results: dict, path: Path) -> None:
         axis.grid(alpha=0.3)
     for axis in axes[1]:
         axis.set_xlabel("input SNR (dB)")
-    axes[0, 0].legend(fontsize=7)
-    _finish(figure, path)
+    figure.legend(*axes[0, 0].get_legend_handles_labels(), loc="lower center", ncol=4, fontsize=8)
+    _finish(figure, path, bottom=0.07)
 
 
 def learning(log: Path, path: Path) -> None:
@@ -70,7 +70,7 @@ def spectrograms(rows: list[tuple[str, dict[str, np.ndarray]]], path: Path) -> N
     _finish(figure, path)
 
 
-def _finish(figure, path: Path) -> None:
-    figure.tight_layout()
+def _finish(figure, path: Path, bottom: float = 0.0) -> None:
+    figure.tight_layout(rect=(0, bottom, 1, 1))
     figure.savefig(path, dpi=85)
     plt.close(figure)

@@ -21,6 +21,7 @@ from training.library import SHAPE
 from training.scenes import Scene
 
 MAX_DELAY = 3200  # samples
+PEERS = ("SpeexDSP", "WebRTC audio processing")
 
 
 class Processor:
@@ -85,6 +86,7 @@ def network(name: str, net, quantised: bool = True) -> Processor:
         with torch.no_grad():
             net.set_quantised(quantised)
             values = net.whole_scene(torch.from_numpy(front.features))
+            net.set_quantised(True)
             far_end = torch.from_numpy(front.energy[SHAPE.lookahead:] > FAR_END_ENERGY)
             gain = rule.applied(rule.raw(values), far_end).numpy()
         spectra = np.concatenate([np.zeros((SHAPE.lookahead, SHAPE.bins)),
@@ -159,8 +161,8 @@ def peers() -> list[Processor]:
             return out
         return Processor(name, run)
 
-    return [processor("SpeexDSP", native.se_peer_speexdsp),
-            processor("WebRTC audio processing", native.se_peer_webrtc)]
+    functions = native.se_peer_speexdsp, native.se_peer_webrtc
+    return [processor(name, function) for name, function in zip(PEERS, functions)]
 
 
 def measure_delays(processors: list[Processor], cache: Path) -> None:

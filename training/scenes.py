@@ -1,8 +1,8 @@
 """Mixes one scene: two microphones, the loudspeaker's signal, and what the talker sounded like.
 
 A scene is drawn in two steps. `draw_plan` decides what happens (who talks when, which noises, is
-there a loudspeaker, how loud); `render` makes the sound, with every convolution done as one product
-over the whole scene. The target is the talker's direct sound with the first 40 ms of reflections at
+there a loudspeaker, how loud); `Mixer.scene` makes the sound, with every convolution done as one
+product over the whole scene. The target is the talker's direct sound with the first 40 ms of reflections at
 microphone 1, the microphone that the engine enhances.
 """
 
@@ -18,6 +18,7 @@ from training.audio import Clip, ClipLibrary
 EARLY_MS = 40.0
 FOLDER_WEIGHTS = {"commands": 0.33, "keywords": 0.22, "community": 0.08, "german": 0.27,
                   "dutch": 0.10}
+OTHER_FOLDER = 0.2  # weight of a collection that is not listed
 
 
 @dataclasses.dataclass
@@ -86,9 +87,9 @@ class Mixer:
         self.vary_noise = vary_noise
         self.rate = sample_rate
         self.rng = np.random.default_rng(seed)
-        known = [f for f in library.talkers if f in FOLDER_WEIGHTS] or list(library.talkers)
-        weights = np.array([FOLDER_WEIGHTS.get(f, 1.0) for f in known])
-        self.folders, self.folder_weights = known, weights / weights.sum()
+        self.folders = list(library.talkers)
+        weights = np.array([FOLDER_WEIGHTS.get(f, OTHER_FOLDER) for f in self.folders])
+        self.folder_weights = weights / weights.sum()
 
     # --- sources -------------------------------------------------------------------------------
 
@@ -191,7 +192,7 @@ class Mixer:
         return normalised(sum(self.speech(n, busy=0.2) * np.float32(self.rng.uniform(0.4, 1.0))
                               for _ in range(self.rng.integers(3, 7))))
 
-    def music_or_speech(self, n: int) -> np.ndarray:
+    def loudspeaker_sound(self, n: int) -> np.ndarray:
         """What a loudspeaker plays: mostly another talker."""
         return self.speech(n) if self.rng.random() < 0.8 else self.real_noise(n)
 
@@ -289,7 +290,7 @@ class Mixer:
     def _loudspeaker(self, n, plan, room, f, size, spectrum):
         """The reference and its echo at both microphones (at any level; the caller scales)."""
         rng = self.rng
-        reference = self.music_or_speech(n)
+        reference = self.loudspeaker_sound(n)
         if np.isfinite(plan.bandwidth) and rng.random() < 0.7:
             reference = scipy.fft.irfft(spectrum(reference) * (f < plan.bandwidth), size)[:n]
         start = int(rng.choice([0, rng.uniform(0, 0.4)], p=[0.7, 0.3]) * n)

@@ -193,7 +193,7 @@ class Trainer:
         checkpoint.save(arguments.checkpoint, self.network.state_dict(), self.average, totals)
         count = self.steps - self.reported_steps
         line = {"time": time.strftime("%H:%M:%S"), **totals,
-                "hours_of_audio": round(totals["frames"] * SHAPE.hop / SHAPE.sample_rate / 3600, 2),
+                "hours_of_audio": round(checkpoint.hours_of_audio(totals), 2),
                 "frames_per_second_and_process": round(count * frames / (now - self.reported)),
                 **{k: round(v / count, 5) for k, v in self.sums.items()},
                 "weights": dataclasses.asdict(self.loss.weights)}
@@ -228,6 +228,9 @@ def main() -> None:
     with reported_briefly():
         if arguments.window < SEGMENT:
             raise TrainingError(f"--window must be at least {SEGMENT} frames")
+        for name in ("batch", "processes", "average_every"):
+            if getattr(arguments, name) < 1:
+                raise TrainingError(f"--{name.replace('_', '-')} must be at least 1")
         if arguments.device != "cpu" and not torch.cuda.is_available():
             raise TrainingError("no CUDA device; use --device cpu")
         start = starting_point(arguments)
@@ -237,7 +240,7 @@ def main() -> None:
         team = Team(arguments.processes, sum(p.numel() for p in Denoiser().parameters()))
         try:
             mp.spawn(run, (arguments, start, team), arguments.processes)
-        except mp.ProcessRaisedException as error:
+        except (mp.ProcessRaisedException, mp.ProcessExitedException) as error:
             raise TrainingError(str(error).strip().splitlines()[-1]) from error
 
 

@@ -3,7 +3,6 @@
     SE_TRAINING_LIBRARY=build/training/native/libse_training.so python3 tests/training/training_test.py
 """
 
-import dataclasses
 import subprocess
 import sys
 import tempfile
@@ -22,7 +21,7 @@ except ImportError as error:
     sys.exit(77)
 
 from training import (accelerate, audio, checkpoint, conditions, export, library, metrics, network,
-                      processors, reference, scenes, streams)
+                      processors, scenes, streams)
 from training.errors import TrainingError
 from training.gain_rule import FAR_END_ENERGY, GainRule
 from training.library import SHAPE
