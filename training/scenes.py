@@ -87,6 +87,7 @@ class Mixer:
         self.vary_noise = vary_noise
         self.rate = sample_rate
         self.rng = np.random.default_rng(seed)
+        self.levels: dict[str, float] = {}
         self.folders = list(library.talkers)
         weights = np.array([FOLDER_WEIGHTS.get(f, OTHER_FOLDER) for f in self.folders])
         self.folder_weights = weights / weights.sum()
@@ -107,13 +108,19 @@ class Mixer:
         while at < n:
             clip = clips[rng.integers(len(clips))]
             samples = self._excerpt(clip, n - at, stretch)
-            level = active_level(samples, self.rate)
+            level = self._level(clip)
             if level > 0:
                 if gain == 1.0 or rng.random() < 0.3:
                     gain = 10 ** (rng.normal(0, 1.5) / 20)
                 out[at:at + len(samples)] = samples * (gain / level)
             at += len(samples) + int(rng.exponential(pace) * self.rate)
         return out
+
+    def _level(self, clip: Clip) -> float:
+        """Active level of the whole clip: what fits into a scene may end before the first word."""
+        if clip.name not in self.levels:
+            self.levels[clip.name] = active_level(self.library.samples(clip), self.rate)
+        return self.levels[clip.name]
 
     def _excerpt(self, clip: Clip, room: int, stretch: float) -> np.ndarray:
         samples = self.library.samples(clip)[:int(room * stretch) + 1]
@@ -225,6 +232,8 @@ class Mixer:
             source = np.zeros(n, np.float32)
             start = int(plan.begins * n)
             source[start:] = self.speech(n - start)
+            if active_level(source, self.rate) < 0.3:  # the scene ends before the first word
+                source[:] = 0
             voice = self._equaliser(f, 4.0) if rng.random() < 0.5 else 1.0
             talker, response = at_microphones(source, near=True)
             target = spectrum(source) * spectrum(rooms.early_part(response[1], self.rate, EARLY_MS))
@@ -356,13 +365,13 @@ def normalised(x: np.ndarray) -> np.ndarray:
 
 
 def active_level(x: np.ndarray, rate: int) -> float:
-    """rms over the 20 ms frames within 30 dB of the loudest 5 percent; 0 for silence."""
+    """rms over the 20 ms frames within 30 dB of the loudest 1 percent; 0 for silence."""
     frame = rate // 50
     if len(x) < frame:
         return rms(x)
     frames = x[:len(x) // frame * frame].reshape(-1, frame)
     power = np.einsum("ij,ij->i", frames, frames) / frame
-    loud = np.quantile(power, 0.95)
+    loud = np.quantile(power, 0.99)
     if loud <= 1e-14:
         return rms(x)
     return float(np.sqrt(power[power > loud * 1e-3].mean()))
