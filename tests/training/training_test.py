@@ -6,6 +6,7 @@
 import subprocess
 import sys
 import tempfile
+import types
 import unittest
 from pathlib import Path
 
@@ -192,6 +193,15 @@ class SceneTest(WithData):
         first, rest = late.target[:RATE - 800], late.target[RATE:]
         self.assertGreater(scenes.rms(rest), 1000 * scenes.rms(first))  # an equaliser rings a little
         self.assertTrue(np.any(late.microphones[1][:RATE - 800]))
+
+    def test_a_clip_cut_off_before_its_first_word_stays_quiet(self):
+        rng = np.random.default_rng(2)
+        sound = np.concatenate([rng.normal(0, 1e-3, 2 * RATE), voice(rng, 2.0)]).astype(np.float32)
+        clips = types.SimpleNamespace(samples=lambda clip: sound, talkers={
+            "x": {"x/0": [audio.Clip("x/0", "x/0", 0, len(sound), False)]}})
+        mixer = scenes.Mixer(clips, RATE, 10)
+        self.assertLess(scenes.rms(mixer.speech(RATE)), 0.05)
+        self.assertGreater(scenes.active_level(mixer.speech(8 * RATE), RATE), 0.7)
 
     def test_both_sides_of_the_split_are_apart(self):
         sides = [audio.ClipLibrary(self.cache, held_out) for held_out in (False, True)]
