@@ -94,11 +94,31 @@ class ProgramTest(unittest.TestCase):
         self.assertIn(b"times real time", with_figures.stderr)
         self.succeed(self.mic, "-o", "/dev/null")
         self.assertFalse(pathlib.Path("/dev/null").is_file())
-        fifo = self.folder / "fifo"
+        fifo = self.folder / "fifo.mp3"
         os.mkfifo(fifo)
         reader = subprocess.Popen(["cat", fifo], stdout=subprocess.PIPE)
         self.succeed(self.mic, "-o", fifo)
         self.assertEqual(reader.communicate()[0], piped.stdout)
+        writer = subprocess.Popen(["cp", self.mic, fifo])
+        self.assertEqual(self.succeed(fifo, "-o", "-").stdout, piped.stdout)
+        writer.wait()
+
+    def test_other_names_of_the_standard_streams(self):
+        self.succeed(self.mic, "-o", self.out)
+        recording, enhanced = self.mic.read_bytes(), self.out.read_bytes()
+        link = self.folder / "link"
+        link.symlink_to("/dev/stdout")
+        for name in ("/dev/stdout", "/dev/fd/1", "/proc/self/fd/1", link):
+            self.assertEqual(self.succeed(self.mic, "-o", name, "--stats").stdout, enhanced)
+        redirected = self.folder / "redirected"
+        with open(redirected, "wb") as target:
+            subprocess.run([PROGRAM, self.mic, "-o", "/dev/stdout"], stdout=target, check=True)
+        self.assertEqual(redirected.read_bytes(), enhanced)
+        plot = self.succeed(self.mic, "-o", self.out, "--plot", "/dev/stdout").stdout
+        self.assertEqual(plot[:4], b"\x89PNG")
+        self.assertEqual(self.succeed("/dev/stdin", "-o", "-", input=recording).stdout, enhanced)
+        self.fail_cleanly(2, "both", "-", "--ref", "/dev/stdin", "-o", self.out, input=recording)
+        self.fail_cleanly(2, "both", self.mic, "-o", "-", "--plot", "/dev/stdout")
 
     def test_figures_and_plot(self):
         plot = self.folder / "plot.png"
@@ -172,6 +192,20 @@ class ProgramTest(unittest.TestCase):
         if os.geteuid() != 0:
             self.mic.chmod(0)
             self.fail_cleanly(3, "Permission denied", self.mic, "-o", self.out)
+
+    def test_warnings(self):
+        whole = wav(pcm16(noise(1, 7)))
+        def announcing(size):
+            return whole[:40] + struct.pack("<I", size) + whole[44:20000]
+        for content, is_cut in ((whole, False), (whole[:20000], True), (announcing(0), False),
+                                (announcing(0x7FFFF000), False), (announcing(0xFFFFFFFF), False)):
+            result = self.succeed("-", "-o", self.out, "-q", input=content)
+            self.assertEqual(len(self.out.read_bytes()), len(content))
+            self.assertEqual(b"lacks the last 12044 bytes" in result.stderr, is_cut)
+            self.assertEqual(result.stderr.count(b"\n"), int(is_cut))
+        self.mic.write_bytes(wav(pcm16(noise(1, 8, level=32000))))
+        result = self.succeed(self.mic, "-o", self.out, "-q", "--mode", "mix", "--residual", 0)
+        self.assertIn(b"clip", result.stderr)
 
     def test_bad_references(self):
         ref = self.folder / "ref.wav"

@@ -59,12 +59,23 @@ std::vector<Outcome> run(const std::vector<Task>& tasks, const Options& options)
 }
 
 void print_statistics(const Task& task, const Statistics& statistics, const Options& options) {
-  const bool stream_taken = options.output == kStream || options.plot == kStream;
+  const bool stream_taken = task.output == kStream || task.plot == kStream;
   const int target = stream_taken ? STDERR_FILENO : standard_output();
   if (options.statistics == StatisticsFormat::kText) {
     write_all(target, format_text(task.mic, statistics), "statistics");
   } else if (options.statistics == StatisticsFormat::kJson) {
     write_all(target, format_json(task.mic, statistics), "statistics");
+  }
+}
+
+void print_warnings(const Task& task, const Statistics& statistics) {
+  if (statistics.missing_bytes > 0) {
+    print_line(task.mic + ": warning: lacks the last " + std::to_string(statistics.missing_bytes) +
+               " bytes that it announces; what is there has been enhanced");
+  }
+  if (statistics.clipped_samples > 0) {
+    print_line(task.mic + ": warning: " + std::to_string(statistics.clipped_samples) +
+               " samples of the output clip; --limiter or --float prevents that");
   }
 }
 
@@ -80,10 +91,7 @@ int report(const std::vector<Task>& tasks, const std::vector<Outcome>& outcomes,
     }
     const Statistics statistics = unpack(outcomes[i].text);
     print_statistics(tasks[i], statistics, options);
-    if (statistics.clipped_samples > 0 && !options.quiet) {
-      print_line(tasks[i].mic + ": warning: " + std::to_string(statistics.clipped_samples) +
-                 " samples of the output clip; --limiter or --float prevents that");
-    }
+    print_warnings(tasks[i], statistics);
   }
   return code;
 }

@@ -8,6 +8,7 @@
 #include <thread>
 
 #include "errors.h"
+#include "files.h"
 #include "preset.h"
 
 namespace se_tool {
@@ -250,7 +251,7 @@ Options parse_options(int argc, const char* const* argv) {
                  "as there are processors)")
       ->option_text("N")
       ->check(CLI::Range(1, 1024));
-  app.add_flag("-q,--quiet", options.quiet, "Show no progress");
+  app.add_flag("-q,--quiet", options.quiet, "Show no progress; warnings and errors remain");
   app.add_flag("--list-presets", wants_list, "List the built-in presets");
   app.add_flag("--print-preset", wants_preset,
                "Print the settings that the other options make, as\n"
@@ -284,6 +285,10 @@ Options parse_options(int argc, const char* const* argv) {
   } else if (!statistics.empty()) {
     fail("--stats: \"" + statistics + "\" is neither text nor json");
   }
+  for (std::string& input : options.inputs) input = unify_stream_names(input, Direction::kIn);
+  options.ref = unify_stream_names(options.ref, Direction::kIn);
+  options.output = unify_stream_names(options.output, Direction::kOut);
+  options.plot = unify_stream_names(options.plot, Direction::kOut);
   if (options.inputs.empty()) fail("no recording given (see --help)");
   if (options.output.empty()) fail("no output given: -o OUT (see --help)");
   options.jobs = jobs != 0 ? jobs : std::max(1u, std::thread::hardware_concurrency());

@@ -131,6 +131,9 @@ std::vector<Task> plan_tasks(const Options& options) {
       fail(options.ref + ": several recordings need a folder of references of the same names");
     }
   }
+  if (options.ref == kStream && std::count(files.begin(), files.end(), kStream) != 0) {
+    fail("recording and reference cannot both come from standard input");
+  }
   if (options.plot == kStream && options.output == kStream) {
     fail("recording and plot cannot both go to standard output");
   }
