@@ -151,10 +151,11 @@ class ProgramTest(unittest.TestCase):
             self.assertEqual((self.folder / "two" / f"{name}.wav").read_bytes(), alone, name)
         self.assertEqual(len(list((self.folder / "one").iterdir())), len(names))
 
-        (files[1]).write_text("broken")
-        result = self.run_program(*files, "-o", self.folder / "three")
+        files[1].write_text("broken")
+        (self.folder / "in" / "gone.wav").symlink_to("nowhere.wav")
+        result = self.run_program(self.folder / "in", "-o", self.folder / "three")
         self.assertEqual(result.returncode, 3)
-        self.assertEqual(result.stderr.count(b"\n"), 1)
+        self.assertEqual(result.stderr.count(b"\n"), 2)
         self.assertEqual(len(list((self.folder / "three").iterdir())), len(names) - 1)
 
     def test_references_for_several_recordings(self):
@@ -280,10 +281,11 @@ class ProgramTest(unittest.TestCase):
     def test_interruption_leaves_nothing_behind(self):
         self.out.write_bytes(b"precious")
         self.mic.write_bytes(wav(pcm16(noise(1, 4)) * 3000))
-        other = self.folder / "other.wav"
-        other.write_bytes(self.mic.read_bytes())
+        others = [self.folder / "second.wav", self.folder / "third.wav"]
+        for other in others:
+            os.link(self.mic, other)
         for arguments in ([self.mic, "-o", self.out],
-                          [self.mic, other, "-o", self.folder / "into", "--jobs", "2"]):
+                          [self.mic, *others, "-o", self.folder / "into", "--jobs", "2"]):
             for number in (signal.SIGINT, signal.SIGTERM):
                 before = self.content()
                 process = subprocess.Popen([PROGRAM, *arguments], stdout=subprocess.PIPE,
@@ -296,6 +298,7 @@ class ProgramTest(unittest.TestCase):
                 errors = process.communicate(timeout=60)[1]
                 self.assertEqual(process.returncode, 128 + number)
                 self.assertIn(b"interrupted", errors)
+                self.assertEqual(errors.count(b"\n"), 1)
                 self.assertEqual(self.content(), before)
 
     def count_files(self):

@@ -18,22 +18,36 @@ namespace fs = std::filesystem;
   throw Error(ExitCode::kUsage, line);
 }
 
+// Neither a folder nor a pipe nor a device.
+bool is_file_or_nothing(const fs::path& path) {
+  std::error_code ignored;
+  const fs::file_type type = fs::status(path, ignored).type();
+  return type == fs::file_type::regular || type == fs::file_type::not_found;
+}
+
+// In lower case.
+std::string suffix_of(const fs::path& path) {
+  std::string suffix = path.extension().string();
+  for (char& c : suffix) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  return suffix;
+}
+
 bool has_audio_suffix(const fs::path& path) {
   static const std::set<std::string> suffixes = {".aif",  ".aifc", ".aiff", ".au",  ".caf",
                                                  ".flac", ".mp3",  ".oga",  ".ogg", ".opus",
                                                  ".rf64", ".snd",  ".w64",  ".wav", ".wave"};
-  std::string suffix = path.extension().string();
-  for (char& c : suffix) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-  return suffixes.count(suffix) != 0;
+  return suffixes.count(suffix_of(path)) != 0;
 }
 
 std::vector<std::string> audio_files_in(const std::string& folder) {
   std::vector<std::string> files;
   std::error_code error;
-  for (const fs::directory_entry& entry : fs::directory_iterator(folder, error)) {
-    const bool hidden = entry.path().filename().string().front() == '.';
-    if (!hidden && entry.is_regular_file(error) && has_audio_suffix(entry.path())) {
-      files.push_back(entry.path().string());
+  for (fs::directory_iterator entry(folder, error), end; entry != end; entry.increment(error)) {
+    const fs::path& path = entry->path();
+    const bool hidden = path.filename().string().front() == '.';
+    // A link to nothing is a recording, too: one that cannot be opened, as its line will say.
+    if (!hidden && is_file_or_nothing(path) && has_audio_suffix(path)) {
+      files.push_back(path.string());
     }
   }
   if (error) throw Error(ExitCode::kInput, folder + ": cannot be read: " + error.message());
