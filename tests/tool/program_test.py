@@ -326,13 +326,16 @@ class ProgramTest(unittest.TestCase):
 
     def test_usage_errors(self):
         preset = self.folder / "wrong.json"
-        preset.write_text('{"volume": 11}')
-        for words, arguments in (("no output", [self.mic]),
-                                 ("need a folder", [self.mic, self.mic, "-o", self.mic]),
-                                 ("need a folder", [self.mic, self.mic, "-o", "-"]),
-                                 ("unknown key", [self.mic, "-o", self.out, "-p", preset])):
+        preset.write_text('{"two\\nlines": 11}')
+        several = [self.mic, self.mic, "-o"]
+        for words, arguments in (("need a folder", [*several, self.mic]),
+                                 ("need a folder", [*several, "-"]),
+                                 ("need a folder", [*several, self.folder / "x", "--plot", "-"]),
+                                 ("unknown key", [self.mic, "-o", self.out, "-p", preset]),
+                                 ("name it", [self.mic, "-o", self.folder / "out.flac"]),
+                                 ("out.png", [self.mic, "-o", self.out, "--plot", "out.jpg"])):
             self.fail_cleanly(2, words, *arguments)
-        self.assertIn(b"Examples:", self.succeed("--help").stdout)
+        self.succeed(self.mic, "-o", self.folder / "no_suffix")
 
 
 if __name__ == "__main__":

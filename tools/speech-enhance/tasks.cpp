@@ -118,6 +118,15 @@ void check_apart(const std::vector<Task>& tasks) {
   }
 }
 
+// No file may carry the suffix of a format that it does not have.
+void check_suffix(const std::string& output, const std::set<std::string>& suffixes,
+                  const char* content) {
+  const std::string suffix = suffix_of(output);
+  if (suffix.empty() || suffixes.count(suffix) != 0 || !is_file_or_nothing(output)) return;
+  fail(output + ": would hold " + content + ", name it " +
+       fs::path(output).replace_extension(*suffixes.begin()).string());
+}
+
 void create_folder(const std::string& folder) {
   std::error_code error;
   fs::create_directories(folder, error);
@@ -133,9 +142,10 @@ std::vector<Task> plan_tasks(const Options& options) {
   const std::vector<std::string> files = expand(options.inputs);
   const bool to_folder = goes_to_folder(options);
   if (to_folder) {
-    if (options.output == kStream) fail("several recordings need a folder as output, not \"-\"");
     for (const std::string& folder : {options.output, options.plot}) {
-      if (folder.empty() || is_directory(folder) || !fs::exists(folder)) continue;
+      if (folder == kStream) fail("several recordings need a folder as output, not \"-\"");
+      std::error_code ignored;
+      if (folder.empty() || is_directory(folder) || !fs::exists(folder, ignored)) continue;
       fail(folder + ": several recordings need a folder as output, this is a file");
     }
     if (std::count(files.begin(), files.end(), kStream) != 0) {
@@ -155,6 +165,10 @@ std::vector<Task> plan_tasks(const Options& options) {
   std::vector<Task> tasks;
   for (const std::string& file : files) tasks.push_back(plan_task(options, file, to_folder));
   check_apart(tasks);
+  for (const Task& task : tasks) {
+    check_suffix(task.output, {".wav", ".wave"}, "a WAV file");
+    check_suffix(task.plot, {".png"}, "a PNG image");
+  }
   if (to_folder) {
     create_folder(options.output);
     if (!options.plot.empty()) create_folder(options.plot);
