@@ -19,7 +19,7 @@ from scipy.signal import fftconvolve, lfilter, resample_poly
 RATE = 16000
 SPEED_OF_SOUND = 343.0  # m/s
 ROOM = np.array([4.2, 3.6, 2.5])  # m
-REFLECTION = 0.72  # of every wall, in pressure: T60 near 0.25 s
+REFLECTION = 0.72  # of every wall, in pressure: T60 near 0.20 s
 MICS = np.array([[2.00, 1.80, 0.80], [2.06, 1.80, 0.80]])
 TALKER = np.array([2.70, 2.75, 1.30])
 LOUDSPEAKER = np.array([2.03, 1.70, 0.75])
@@ -94,6 +94,8 @@ def main():
     if len(sys.argv) != 2:
         sys.exit(__doc__)
     folder = Path(sys.argv[1])
+    if not folder.is_dir():
+        sys.exit(f"make_scene.py: {folder} is not a folder")
     random = np.random.default_rng(1)
 
     near = say(NEAR_TEXT, "en-gb", 150)

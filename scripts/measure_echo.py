@@ -2,11 +2,12 @@
 
 usage: measure_echo.py SPEECH-ENHANCE
 
-Twenty seconds of a far-end voice, mildly distorted by the loudspeaker, in the room of the demo with its
-ventilator 40 dB below the echo. Prints the level of microphone 1 over the level of the output, in dB, for the
-first second of echo and for the time from ten seconds on.
+Twenty seconds of a far-end voice, mildly distorted by the loudspeaker, in the room of the demo, with white
+noise 40 dB below the echo, independent at each microphone. Prints the level of microphone 1 over the level of
+the output, in dB, for the first second of echo and for the time from ten seconds on.
 """
 
+import shutil
 import subprocess
 import sys
 import tempfile
@@ -29,6 +30,8 @@ def read(path):
 def main():
     if len(sys.argv) != 2:
         sys.exit(__doc__)
+    if shutil.which(sys.argv[1]) is None:
+        sys.exit(f"measure_echo.py: {sys.argv[1]} is not a program")
     far = np.resize(say(FAR_TEXT, "en-us+f3", 160), SECONDS * RATE)
     played = np.tanh(1.2 * far) / 1.2
     random = np.random.default_rng(1)
@@ -39,7 +42,8 @@ def main():
         mic, ref, out = (Path(folder) / name for name in ("mic.wav", "ref.wav", "out.wav"))
         write(mic, mics)
         write(ref, [0.5 * far])
-        subprocess.run([sys.argv[1], mic, "--ref", ref, "-o", out, "--preset", "plain"], check=True)
+        if subprocess.run([sys.argv[1], mic, "--ref", ref, "-o", out, "--preset", "plain"]).returncode != 0:
+            sys.exit(f"measure_echo.py: {sys.argv[1]} failed")
         before, after = read(mic)[1::2], read(out)
     for name, part in (("first second", slice(0, RATE)), ("from 10 s on", slice(10 * RATE, None))):
         quietest = 1e-6  # below what 16 bits hold

@@ -15,9 +15,11 @@ install_packages() {
   echo "installing:$missing"
   as_root=""
   [ "$(id -u)" -eq 0 ] || as_root=sudo
+  log=$(mktemp)
   # shellcheck disable=SC2086
-  { $as_root apt-get update -qq && DEBIAN_FRONTEND=noninteractive $as_root apt-get install -y -qq --no-install-recommends $missing; } > /tmp/speechenhance-apt.log 2>&1 || {
-    echo "could not install$missing; see /tmp/speechenhance-apt.log" >&2
+  { $as_root apt-get update -qq && DEBIAN_FRONTEND=noninteractive $as_root apt-get install -y -qq --no-install-recommends $missing; } > "$log" 2>&1 || {
+    echo "could not install$missing; see $log" >&2
     return 1
   }
+  rm "$log"
 }

@@ -21,7 +21,7 @@ std::string run_alone(const std::function<std::string()>& work) {
     claim_standard_output();
     return work();
   };
-  const Outcome outcome = run_in_processes(1, 1, job, [](double) {}).front();
+  const Outcome outcome = run_in_processes({"recording"}, 1, job, [](double) {}).front();
   EXPECT_EQ(outcome.code, 0) << outcome.text;
   return outcome.text;
 }
@@ -106,15 +106,18 @@ TEST(ProcessPool, KeepsOrderAndSeparatesFailuresAndState) {
     if (index == 4) return std::string(300000, 'x');  // more than a pipe holds
     return std::to_string(index) + ":" + std::to_string(state++);
   };
+  const std::vector<std::string> names = {"0.wav", "1.wav", "2.wav", "3.wav",
+                                          "4.wav", "5.wav", "6.wav"};
   for (const std::size_t jobs : {1u, 2u, 20u}) {
     double last = 0;
     const std::vector<Outcome> outcomes =
-        run_in_processes(7, jobs, work, [&](double part) { last = part; });
+        run_in_processes(names, jobs, work, [&](double part) { last = part; });
     ASSERT_EQ(outcomes.size(), 7u);
     EXPECT_EQ(outcomes[0].text, "0:0");
     EXPECT_EQ(outcomes[6].text, "6:0");
     EXPECT_TRUE(outcomes[2].code == 3 && outcomes[2].text == "no good");
     EXPECT_EQ(outcomes[3].code, 5);
+    EXPECT_EQ(outcomes[3].text.find("3.wav: "), 0u);
     EXPECT_EQ(outcomes[4].text.size(), 300000u);
     EXPECT_EQ(last, 1);
   }

@@ -94,11 +94,31 @@ class ProgramTest(unittest.TestCase):
         self.assertIn(b"times real time", with_figures.stderr)
         self.succeed(self.mic, "-o", "/dev/null")
         self.assertFalse(pathlib.Path("/dev/null").is_file())
-        fifo = self.folder / "fifo"
+        fifo = self.folder / "fifo.mp3"
         os.mkfifo(fifo)
         reader = subprocess.Popen(["cat", fifo], stdout=subprocess.PIPE)
         self.succeed(self.mic, "-o", fifo)
         self.assertEqual(reader.communicate()[0], piped.stdout)
+        writer = subprocess.Popen(["cp", self.mic, fifo])
+        self.assertEqual(self.succeed(fifo, "-o", "-").stdout, piped.stdout)
+        writer.wait()
+
+    def test_other_names_of_the_standard_streams(self):
+        self.succeed(self.mic, "-o", self.out)
+        recording, enhanced = self.mic.read_bytes(), self.out.read_bytes()
+        link = self.folder / "link"
+        link.symlink_to("/dev/stdout")
+        for name in ("/dev/stdout", "/dev/fd/1", "/proc/self/fd/1", link):
+            self.assertEqual(self.succeed(self.mic, "-o", name, "--stats").stdout, enhanced)
+        redirected = self.folder / "redirected"
+        with open(redirected, "wb") as target:
+            subprocess.run([PROGRAM, self.mic, "-o", "/dev/stdout"], stdout=target, check=True)
+        self.assertEqual(redirected.read_bytes(), enhanced)
+        plot = self.succeed(self.mic, "-o", self.out, "--plot", "/dev/stdout").stdout
+        self.assertEqual(plot[:4], b"\x89PNG")
+        self.assertEqual(self.succeed("/dev/stdin", "-o", "-", input=recording).stdout, enhanced)
+        self.fail_cleanly(2, "both", "-", "--ref", "/dev/stdin", "-o", self.out, input=recording)
+        self.fail_cleanly(2, "both", self.mic, "-o", "-", "--plot", "/dev/stdout")
 
     def test_figures_and_plot(self):
         plot = self.folder / "plot.png"
@@ -131,10 +151,11 @@ class ProgramTest(unittest.TestCase):
             self.assertEqual((self.folder / "two" / f"{name}.wav").read_bytes(), alone, name)
         self.assertEqual(len(list((self.folder / "one").iterdir())), len(names))
 
-        (files[1]).write_text("broken")
-        result = self.run_program(*files, "-o", self.folder / "three")
+        files[1].write_text("broken")
+        (self.folder / "in" / "gone.wav").symlink_to("nowhere.wav")
+        result = self.run_program(self.folder / "in", "-o", self.folder / "three")
         self.assertEqual(result.returncode, 3)
-        self.assertEqual(result.stderr.count(b"\n"), 1)
+        self.assertEqual(result.stderr.count(b"\n"), 2)
         self.assertEqual(len(list((self.folder / "three").iterdir())), len(names) - 1)
 
     def test_references_for_several_recordings(self):
@@ -172,6 +193,20 @@ class ProgramTest(unittest.TestCase):
         if os.geteuid() != 0:
             self.mic.chmod(0)
             self.fail_cleanly(3, "Permission denied", self.mic, "-o", self.out)
+
+    def test_warnings(self):
+        whole = wav(pcm16(noise(1, 7)))
+        def announcing(size):
+            return whole[:40] + struct.pack("<I", size) + whole[44:20000]
+        for content, is_cut in ((whole, False), (whole[:20000], True), (announcing(0), False),
+                                (announcing(0x7FFFF000), False), (announcing(0xFFFFFFFF), False)):
+            result = self.succeed("-", "-o", self.out, "-q", input=content)
+            self.assertEqual(len(self.out.read_bytes()), len(content))
+            self.assertEqual(b"lacks the last 12044 bytes" in result.stderr, is_cut)
+            self.assertEqual(result.stderr.count(b"\n"), int(is_cut))
+        self.mic.write_bytes(wav(pcm16(noise(1, 8, level=32000))))
+        result = self.succeed(self.mic, "-o", self.out, "-q", "--mode", "mix", "--residual", 0)
+        self.assertIn(b"clip", result.stderr)
 
     def test_bad_references(self):
         ref = self.folder / "ref.wav"
@@ -246,10 +281,11 @@ class ProgramTest(unittest.TestCase):
     def test_interruption_leaves_nothing_behind(self):
         self.out.write_bytes(b"precious")
         self.mic.write_bytes(wav(pcm16(noise(1, 4)) * 3000))
-        other = self.folder / "other.wav"
-        other.write_bytes(self.mic.read_bytes())
+        others = [self.folder / "second.wav", self.folder / "third.wav"]
+        for other in others:
+            os.link(self.mic, other)
         for arguments in ([self.mic, "-o", self.out],
-                          [self.mic, other, "-o", self.folder / "into", "--jobs", "2"]):
+                          [self.mic, *others, "-o", self.folder / "into", "--jobs", "2"]):
             for number in (signal.SIGINT, signal.SIGTERM):
                 before = self.content()
                 process = subprocess.Popen([PROGRAM, *arguments], stdout=subprocess.PIPE,
@@ -262,6 +298,7 @@ class ProgramTest(unittest.TestCase):
                 errors = process.communicate(timeout=60)[1]
                 self.assertEqual(process.returncode, 128 + number)
                 self.assertIn(b"interrupted", errors)
+                self.assertEqual(errors.count(b"\n"), 1)
                 self.assertEqual(self.content(), before)
 
     def count_files(self):
@@ -289,13 +326,16 @@ class ProgramTest(unittest.TestCase):
 
     def test_usage_errors(self):
         preset = self.folder / "wrong.json"
-        preset.write_text('{"volume": 11}')
-        for words, arguments in (("no output", [self.mic]),
-                                 ("need a folder", [self.mic, self.mic, "-o", self.mic]),
-                                 ("need a folder", [self.mic, self.mic, "-o", "-"]),
-                                 ("unknown key", [self.mic, "-o", self.out, "-p", preset])):
+        preset.write_text('{"two\\nlines": 11}')
+        several = [self.mic, self.mic, "-o"]
+        for words, arguments in (("need a folder", [*several, self.mic]),
+                                 ("need a folder", [*several, "-"]),
+                                 ("need a folder", [*several, self.folder / "x", "--plot", "-"]),
+                                 ("unknown key", [self.mic, "-o", self.out, "-p", preset]),
+                                 ("name it", [self.mic, "-o", self.folder / "out.flac"]),
+                                 ("out.png", [self.mic, "-o", self.out, "--plot", "out.jpg"])):
             self.fail_cleanly(2, words, *arguments)
-        self.assertIn(b"Examples:", self.succeed("--help").stdout)
+        self.succeed(self.mic, "-o", self.folder / "no_suffix")
 
 
 if __name__ == "__main__":

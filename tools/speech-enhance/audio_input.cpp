@@ -10,9 +10,11 @@
 #include <cmath>
 #include <cstdio>
 #include <cstring>
+#include <fstream>
 #include <vector>
 
 #include "errors.h"
+#include "signals.h"
 #include "speechenhance/speechenhance.h"
 #include "speechenhance/wav_io.h"
 
@@ -194,28 +196,44 @@ std::unique_ptr<FrameSource> open_sndfile(const std::string& path) {
   return std::make_unique<SndfileSource>(std::move(file), info);
 }
 
-void check_readable(const std::string& path) {
-  const Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-  if (!file.is_open()) {
-    throw Error(ExitCode::kInput, "cannot be opened: " + system_message(errno));
+// Of the data chunk of a WAV file; 0 for every other file.
+std::uint64_t count_missing_bytes(const std::string& path) {
+  constexpr std::uint64_t kUnknown = 0x7FFFF000;  // what writers to a pipe announce, or more
+  std::ifstream file(path, std::ios::binary);
+  char riff[12] = {};
+  if (!file.read(riff, sizeof riff) || std::memcmp(riff, "RIFF", 4) != 0) return 0;
+  for (char chunk[8]; file.read(chunk, sizeof chunk);) {
+    std::uint32_t size = 0;
+    std::memcpy(&size, chunk + 4, sizeof size);
+    if (std::memcmp(chunk, "data", 4) != 0) {
+      file.seekg(std::streamoff{size} + size % 2, std::ios::cur);
+      continue;
+    }
+    const std::streamoff start = file.tellg();
+    const auto present = static_cast<std::uint64_t>(file.seekg(0, std::ios::end).tellg() - start);
+    return size < kUnknown && size > present ? size - present : 0;
   }
+  return 0;
+}
+
+Descriptor open_to_read(const std::string& path) {
+  Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  const int error = errno;
+  throw_if_interrupted();  // while it waited for the writer of a named pipe
+  if (!file.is_open()) throw Error(ExitCode::kInput, "cannot be opened: " + system_message(error));
   if (is_directory(path)) throw Error(ExitCode::kInput, "is a folder, not a recording");
+  return file;
 }
 
 }  // namespace
 
 AudioInput::AudioInput(const std::string& path) : name_(path == kStream ? "standard input" : path) {
   try {
-    std::string readable_path = path;
-    if (path == kStream) {
-      copy_.emplace();
-      copy_->fill_from(STDIN_FILENO, name_);
-      readable_path = copy_->path();
-    }
-    check_readable(readable_path);
+    const std::string readable_path = make_seekable(path);
     source_ = open_wav(readable_path);
     if (!source_) source_ = open_sndfile(readable_path);
     original_ = source_->format();
+    missing_bytes_ = count_missing_bytes(readable_path);
     if (original_.length == 0) throw Error(ExitCode::kInput, "holds no samples");
     if (original_.rate != SE_SAMPLE_RATE) {
       source_ = std::make_unique<ResampledSource>(std::move(source_), SE_SAMPLE_RATE);
@@ -223,6 +241,14 @@ AudioInput::AudioInput(const std::string& path) : name_(path == kStream ? "stand
   } catch (const Error& error) {
     throw Error(error.code(), name_ + ": " + error.what());
   }
+}
+
+std::string AudioInput::make_seekable(const std::string& path) {
+  const Descriptor file = path == kStream ? Descriptor(dup(STDIN_FILENO)) : open_to_read(path);
+  if (path != kStream && is_regular_file(path)) return path;
+  copy_.emplace();
+  copy_->fill_from(file.get(), name_);
+  return copy_->path();
 }
 
 void AudioInput::read(float* frames, std::size_t count) {

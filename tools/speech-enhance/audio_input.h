@@ -36,7 +36,8 @@ class FrameSource {
 // kHz in the formats of wav_io.h pass through the library's own reader untouched.
 class AudioInput {
  public:
-  // `path` may be "-" for standard input, which is read to its end first. Throws an Error (input)
+  // `path` may be "-" for standard input. What is no regular file (standard input, pipes, devices)
+  // is read to its end first. Throws an Error (input)
   // for what cannot be read or holds no samples.
   explicit AudioInput(const std::string& path);
 
@@ -45,17 +46,23 @@ class AudioInput {
   int channels() const { return original_.channels; }
   std::uint64_t length() const { return source_->format().length; }  // frames at 16 kHz
 
-  // Reads exactly `count` frames, interleaved. Throws an Error (input) if the file ends before its
-  // stated length or holds NaN or infinite samples.
+  // How many bytes of samples a WAV file announces but lacks, which is then as long as what there
+  // is. Sizes of 0 or close to 2 or 4 GiB announce nothing: writers to a pipe leave them.
+  std::uint64_t missing_bytes() const { return missing_bytes_; }
+
+  // Reads exactly `count` frames, interleaved. Throws an Error (input) if the file cannot deliver
+  // its length() or holds NaN or infinite samples.
   void read(float* frames, std::size_t count);
 
  private:
+  std::string make_seekable(const std::string& path);
   [[noreturn]] void fail_at(std::uint64_t frame, const char* what) const;
 
   std::string name_;
   std::optional<TemporaryFile> copy_;
   std::unique_ptr<FrameSource> source_;
   FrameSource::Format original_;
+  std::uint64_t missing_bytes_ = 0;
   std::uint64_t position_ = 0;  // frames read
 };
 

@@ -131,6 +131,7 @@ class Inputs {
   }
 
   std::uint64_t length() const { return mic_.length(); }
+  std::uint64_t missing_bytes() const { return mic_.missing_bytes(); }
 
   void read_block(float mics[2 * kBlock], float ref[kBlock]) {
     std::fill_n(mics, 2 * kBlock, 0.0f);
@@ -182,8 +183,7 @@ void check_finite(const float* samples, std::size_t count, const std::string& na
   }
 }
 
-Statistics gather_statistics(const Observers& seen, std::uint64_t length, double engine_s,
-                             std::uint64_t clipped) {
+Statistics gather_statistics(const Observers& seen, std::uint64_t length, double engine_s) {
   Statistics result;
   result.duration_s = static_cast<double>(length) / SE_SAMPLE_RATE;
   result.engine_s = engine_s;
@@ -196,7 +196,6 @@ Statistics gather_statistics(const Observers& seen, std::uint64_t length, double
   result.background_out_db = seen.level_out.background_db();
   result.attenuation_db = result.level_in_db - result.level_out_db;
   result.echo_reduction_db = seen.echo.reduction_db();
-  result.clipped_samples = clipped;
   return result;
 }
 
@@ -239,7 +238,10 @@ Statistics enhance(const Task& task, const ProgressFunction& progress) {
   throw_if_interrupted();
   output.commit();
   if (observers.plot_file) observers.plot_file->commit();
-  return gather_statistics(observers, length, engine.seconds(), output.clipped());
+  Statistics statistics = gather_statistics(observers, length, engine.seconds());
+  statistics.clipped_samples = output.clipped();
+  statistics.missing_bytes = inputs.missing_bytes();
+  return statistics;
 }
 
 }  // namespace se_tool

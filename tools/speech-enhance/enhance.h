@@ -27,7 +27,7 @@ using ProgressFunction = std::function<void(std::uint64_t done, std::uint64_t to
 // channel feeds microphone 0 and the second microphone 1, which is the one that is enhanced. On any
 // Error no file is written or changed. Reads and writes as it goes: memory does not grow with the
 // recording. The engine's history of quiet frames belongs to the process: for results that depend
-// on nothing else, enhance one recording per process. */
+// on nothing else, enhance one recording per process.
 Statistics enhance(const Task& task, const ProgressFunction& progress);
 
 }  // namespace se_tool

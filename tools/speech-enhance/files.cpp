@@ -7,7 +7,6 @@
 #include <cerrno>
 #include <cstdlib>
 #include <filesystem>
-#include <vector>
 
 #include "errors.h"
 #include "signals.h"
@@ -18,6 +17,7 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr std::size_t kCopyBytes = 1 << 16;
+constexpr std::size_t kMostLinks = 40;
 
 int g_standard_output = STDOUT_FILENO;
 
@@ -60,6 +60,33 @@ void write_all(int descriptor, std::string_view bytes, const std::string& target
 bool is_directory(const std::string& path) {
   std::error_code ignored;
   return fs::is_directory(path, ignored);
+}
+
+bool is_regular_file(const std::string& path) {
+  std::error_code ignored;
+  return fs::is_regular_file(path, ignored);
+}
+
+std::vector<std::string> follow_links(const std::string& path) {
+  std::vector<std::string> chain = {path};
+  std::error_code ignored;
+  for (fs::path file = path; chain.size() < kMostLinks && fs::is_symlink(file, ignored);) {
+    file = file.parent_path() / fs::read_symlink(file, ignored);
+    chain.push_back(file.string());
+  }
+  return chain;
+}
+
+std::string unify_stream_names(const std::string& name, Direction direction) {
+  const int number = direction == Direction::kIn ? STDIN_FILENO : STDOUT_FILENO;
+  std::error_code ignored;
+  for (const fs::path path : follow_links(name)) {
+    if (path.filename() == std::to_string(number) &&
+        fs::equivalent(path.parent_path(), "/proc/self/fd", ignored)) {
+      return kStream;
+    }
+  }
+  return name;
 }
 
 std::string file_identity(const std::string& name, Direction direction) {

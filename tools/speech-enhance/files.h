@@ -3,6 +3,7 @@
 
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace se_tool {
 
@@ -20,8 +21,16 @@ int standard_output();
 void write_all(int descriptor, std::string_view bytes, const std::string& target);
 
 bool is_directory(const std::string& path);
+bool is_regular_file(const std::string& path);
 
 enum class Direction { kIn, kOut };
+
+// "-" for any name of this process's standard input or output, such as /dev/stdout; every other
+// name as it is.
+std::string unify_stream_names(const std::string& name, Direction direction);
+
+// The path and where it leads, symbolic link by symbolic link, whether or not something is there.
+std::vector<std::string> follow_links(const std::string& path);
 
 // A text that two names share if they lead to one file, through whatever links; names of files that
 // do not exist yet are resolved as far as their folders go. "-" is the file that standard input or

@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -21,7 +22,10 @@ namespace {
 
 using namespace se_tool;
 
-void print_line(const std::string& line) {
+// One line, whatever the names in it hold.
+void print_line(std::string line) {
+  const auto breaks_line = [](unsigned char c) { return c < ' ' || c == 0x7F; };
+  std::replace_if(line.begin(), line.end(), breaks_line, '?');
   std::fputs(("speech-enhance: " + line + "\n").c_str(), stderr);
 }
 
@@ -54,12 +58,13 @@ std::vector<Outcome> run(const std::vector<Task>& tasks, const Options& options)
   const Work work = [&](std::size_t index, const ReportFraction& report) {
     return pack(enhance_reporting(tasks[index], report));
   };
-  return run_in_processes(tasks.size(), options.jobs, work,
-                          [&](double part) { line.update(part); });
+  std::vector<std::string> names;
+  for (const Task& task : tasks) names.push_back(task.mic);
+  return run_in_processes(names, options.jobs, work, [&](double part) { line.update(part); });
 }
 
 void print_statistics(const Task& task, const Statistics& statistics, const Options& options) {
-  const bool stream_taken = options.output == kStream || options.plot == kStream;
+  const bool stream_taken = task.output == kStream || task.plot == kStream;
   const int target = stream_taken ? STDERR_FILENO : standard_output();
   if (options.statistics == StatisticsFormat::kText) {
     write_all(target, format_text(task.mic, statistics), "statistics");
@@ -68,22 +73,39 @@ void print_statistics(const Task& task, const Statistics& statistics, const Opti
   }
 }
 
+void print_warnings(const Task& task, const Statistics& statistics) {
+  if (statistics.missing_bytes > 0) {
+    print_line(task.mic + ": warning: lacks the last " + std::to_string(statistics.missing_bytes) +
+               " bytes that it announces; what is there has been enhanced");
+  }
+  if (statistics.clipped_samples > 0) {
+    print_line(task.mic + ": warning: " + std::to_string(statistics.clipped_samples) +
+               " samples of the output clip; --limiter or --float prevents that");
+  }
+}
+
 // Returns the exit code: that of the first recording that failed.
 int report(const std::vector<Task>& tasks, const std::vector<Outcome>& outcomes,
            const Options& options) {
   int code = 0;
+  std::size_t interrupted = 0;
   for (std::size_t i = 0; i < tasks.size(); ++i) {
     if (outcomes[i].code != 0) {
-      print_line(outcomes[i].text);
+      if (outcomes[i].code > static_cast<int>(ExitCode::kSignal)) {
+        ++interrupted;
+      } else {
+        print_line(outcomes[i].text);
+      }
       code = code != 0 ? code : outcomes[i].code;
       continue;
     }
     const Statistics statistics = unpack(outcomes[i].text);
     print_statistics(tasks[i], statistics, options);
-    if (statistics.clipped_samples > 0 && !options.quiet) {
-      print_line(tasks[i].mic + ": warning: " + std::to_string(statistics.clipped_samples) +
-                 " samples of the output clip; --limiter or --float prevents that");
-    }
+    print_warnings(tasks[i], statistics);
+  }
+  if (interrupted > 0) {
+    print_line("interrupted, " + std::to_string(interrupted) + " of " +
+               std::to_string(tasks.size()) + " recordings not enhanced");
   }
   return code;
 }

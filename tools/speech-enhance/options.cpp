@@ -8,6 +8,7 @@
 #include <thread>
 
 #include "errors.h"
+#include "files.h"
 #include "preset.h"
 
 namespace se_tool {
@@ -22,10 +23,11 @@ constexpr const char* kDescription =
 
 constexpr const char* kFooter = R"(Files:
   Any format and rate that libsndfile reads. The reference is mono and has the
-  rate and the length of MIC. "-" is standard input (read to its end before the
-  work begins) or standard output. Several recordings, or a folder of them, go
-  into the folder OUT, each under its name; --ref and --plot are folders then.
-  An output appears whole or not at all, and never replaces an input.
+  rate and the length of MIC. "-" is standard input or standard output; it and
+  pipes are read to their end before the work begins. Several recordings, or a
+  folder of them, go into the folder OUT, each under its name; --ref and --plot
+  are folders then. An output appears whole or not at all, and never replaces
+  an input; its suffix is .wav, that of a plot .png, if it has one.
 
 Levels of the mix:
   The engine's make-up gain adds 9.5 dB to what is mixed in: --residual 30 puts
@@ -71,7 +73,7 @@ int parse_whole_number(const std::string& text, const std::string& option) {
 std::vector<std::string> split(const std::string& text, std::size_t fields,
                                const std::string& option, const char* form) {
   std::vector<std::string> parts;
-  std::istringstream stream(text);
+  std::istringstream stream(text + ':');
   for (std::string part; std::getline(stream, part, ':');) parts.push_back(part);
   if (parts.size() != fields) fail(option + ": \"" + text + "\" is not of the form " + form);
   return parts;
@@ -130,6 +132,7 @@ void add_setting_options(CLI::App& app, SettingOptions& given) {
       ->option_text("DB")
       ->group(group);
   app.add_flag("--limiter,!--no-limiter", given.limiter, "Limit the peaks of the output")
+      ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast)
       ->group(group);
   app.add_option("--limiter-ceiling", given.limiter_ceiling,
                  "Limit to this fraction of full scale (default 0.9)")
@@ -204,6 +207,12 @@ class HelpFormatter : public CLI::Formatter {
   }
 };
 
+// The library's version without its build.
+std::string version() {
+  const std::string text = se_get_version();
+  return "speech-enhance " + text.substr(0, text.find('-'));
+}
+
 std::string list_presets() {
   std::string text;
   for (const BuiltInPreset& preset : built_in_presets()) {
@@ -212,6 +221,16 @@ std::string list_presets() {
     text += name + preset_description(preset) + "\n";
   }
   return text;
+}
+
+// An empty text is a variable that was never set: taken as "not given", it would change the result
+// without a word.
+void refuse_empty_texts(const CLI::App& app) {
+  for (const CLI::Option* option : app.get_options()) {
+    for (const std::string& text : option->results()) {
+      if (text.empty()) fail(option->get_name() + ": empty, leave it out or give it a value");
+    }
+  }
 }
 
 std::string first_line(const std::string& text) {
@@ -231,7 +250,7 @@ Options parse_options(int argc, const char* const* argv) {
   CLI::App app(kDescription, "speech-enhance");
   app.formatter(std::make_shared<HelpFormatter>());
   app.footer(kFooter);
-  app.set_version_flag("--version", std::string("speech-enhance ") + se_get_version());
+  app.set_version_flag("--version", version());
   app.add_option("MIC", options.inputs, "Recordings, folders of them, or -")->option_text(" ");
   app.add_option("-o,--output", options.output, "The enhanced recording, a folder, or -")
       ->option_text("OUT");
@@ -250,7 +269,7 @@ Options parse_options(int argc, const char* const* argv) {
                  "as there are processors)")
       ->option_text("N")
       ->check(CLI::Range(1, 1024));
-  app.add_flag("-q,--quiet", options.quiet, "Show no progress");
+  app.add_flag("-q,--quiet", options.quiet, "Show no progress; warnings and errors remain");
   app.add_flag("--list-presets", wants_list, "List the built-in presets");
   app.add_flag("--print-preset", wants_preset,
                "Print the settings that the other options make, as\n"
@@ -268,6 +287,7 @@ Options parse_options(int argc, const char* const* argv) {
   } catch (const CLI::ParseError& error) {
     fail(first_line(error.what()) + " (see --help)");
   }
+  refuse_empty_texts(app);
   if (wants_list) {
     options.text_to_print = list_presets();
     return options;
@@ -284,6 +304,10 @@ Options parse_options(int argc, const char* const* argv) {
   } else if (!statistics.empty()) {
     fail("--stats: \"" + statistics + "\" is neither text nor json");
   }
+  for (std::string& input : options.inputs) input = unify_stream_names(input, Direction::kIn);
+  options.ref = unify_stream_names(options.ref, Direction::kIn);
+  options.output = unify_stream_names(options.output, Direction::kOut);
+  options.plot = unify_stream_names(options.plot, Direction::kOut);
   if (options.inputs.empty()) fail("no recording given (see --help)");
   if (options.output.empty()) fail("no output given: -o OUT (see --help)");
   options.jobs = jobs != 0 ? jobs : std::max(1u, std::thread::hardware_concurrency());

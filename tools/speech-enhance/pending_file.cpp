@@ -22,17 +22,6 @@ mode_t mode_of_new_files() {
   return 0666 & ~mask;
 }
 
-// Where a chain of symbolic links leads, whether or not something is there.
-std::string follow_links(const std::string& path) {
-  fs::path file = path;
-  std::error_code error;
-  for (int links = 0; links < 40 && fs::is_symlink(file, error); ++links) {
-    const fs::path next = fs::read_symlink(file, error);
-    file = next.is_absolute() ? next : file.parent_path() / next;
-  }
-  return file.string();
-}
-
 }  // namespace
 
 PendingFile::PendingFile(const std::string& target) : target_(target) {
@@ -41,7 +30,7 @@ PendingFile::PendingFile(const std::string& target) : target_(target) {
   if (exists && S_ISDIR(status.st_mode)) fail(EISDIR);
   if (target != kStream && (!exists || S_ISREG(status.st_mode))) {
     if (exists && access(target.c_str(), W_OK) != 0) fail(errno);
-    file_ = follow_links(target);
+    file_ = follow_links(target).back();
     gather_beside(file_);
     if (chmod(path_.c_str(), exists ? status.st_mode & 07777 : mode_of_new_files()) != 0) {
       const int error = errno;

@@ -101,11 +101,21 @@ Settings parse_settings(const json& root) {
   return settings;
 }
 
+std::string built_in_names() {
+  std::string names;
+  for (const BuiltInPreset& preset : built_in_presets()) {
+    names += (names.empty() ? "" : ", ") + std::string(preset.name);
+  }
+  return names;
+}
+
 Settings load_preset_file(const std::string& path) {
   std::ifstream file(path, std::ios::binary);
   std::ostringstream text;
   text << file.rdbuf();  // also fails for an empty file
-  if (!file || !text) fail("preset " + path + ": cannot be read or is empty");
+  if (!file || !text) {
+    fail("preset " + path + ": cannot be read or is empty (built in: " + built_in_names() + ")");
+  }
   return parse_preset(text.str(), "preset " + path);
 }
 
@@ -114,8 +124,9 @@ Settings load_preset_file(const std::string& path) {
 Settings parse_preset(const std::string& text, const std::string& source) {
   try {
     return parse_settings(json::parse(text));
-  } catch (const json::parse_error& error) {
-    fail(source + ": not valid JSON near character " + std::to_string(error.byte));
+  } catch (const json::exception& error) {
+    const std::string reason = error.what();  // behind a name in brackets
+    fail(source + ": not valid JSON: " + reason.substr(reason.find("] ") + 2));
   } catch (const Error& error) {
     fail(source + ": " + error.what());
   }
@@ -126,8 +137,8 @@ Settings load_preset(const std::string& name_or_path) {
     if (name_or_path == preset.name) return parse_preset(preset.json, preset.name);
   }
   if (name_or_path.find_first_of("./") == std::string::npos) {
-    fail("no preset is called \"" + name_or_path +
-         "\": see --list-presets, or name a file such as ./" + name_or_path + ".json");
+    fail("no preset is called \"" + name_or_path + "\": use one of " + built_in_names() +
+         ", or a file such as ./" + name_or_path + ".json");
   }
   return load_preset_file(name_or_path);
 }

@@ -92,19 +92,21 @@ bool collect(const Process& process, std::string& text) {
   return count > 0;
 }
 
-int wait_for(pid_t id, std::string& text) {
+int wait_for(pid_t id, const std::string& name, std::string& text) {
   int status = 0;
   while (waitpid(id, &status, 0) < 0 && errno == EINTR) {
   }
   if (WIFEXITED(status)) return WEXITSTATUS(status);
-  text = "the process that worked on it died of signal " + std::to_string(WTERMSIG(status));
+  text =
+      name + ": the process that worked on it died of signal " + std::to_string(WTERMSIG(status));
   return static_cast<int>(ExitCode::kInternal);
 }
 
 }  // namespace
 
-std::vector<Outcome> run_in_processes(std::size_t count, std::size_t jobs, const Work& work,
-                                      const ReportFraction& report) {
+std::vector<Outcome> run_in_processes(const std::vector<std::string>& names, std::size_t jobs,
+                                      const Work& work, const ReportFraction& report) {
+  const std::size_t count = names.size();
   SharedFractions fractions(count);
   std::vector<Outcome> outcomes(count);
   std::vector<Process> running;
@@ -124,7 +126,7 @@ std::vector<Outcome> run_in_processes(std::size_t count, std::size_t jobs, const
       try {
         running.push_back(start(work, next, fractions[next]));
       } catch (const Error& error) {
-        outcomes[next] = {error.code(), error.what()};
+        outcomes[next] = {error.code(), names[next] + ": " + error.what()};
       }
       ++next;
     }
@@ -136,7 +138,7 @@ std::vector<Outcome> run_in_processes(std::size_t count, std::size_t jobs, const
       if (results[i].revents == 0) continue;
       Outcome& outcome = outcomes[running[i].index];
       if (collect(running[i], outcome.text)) continue;
-      outcome.code = wait_for(running[i].id, outcome.text);
+      outcome.code = wait_for(running[i].id, names[running[i].index], outcome.text);
       fractions[running[i].index] = 1;
       running.erase(running.begin() + static_cast<std::ptrdiff_t>(i));
     }

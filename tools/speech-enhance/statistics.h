@@ -59,12 +59,13 @@ struct Statistics {
   double attenuation_db = 0;     // level in - level out
   double echo_reduction_db = 0;  // NaN without a reference or if it never plays
   std::uint64_t clipped_samples = 0;
+  std::uint64_t missing_bytes = 0;  // that the input announces but lacks
 };
 
-// Several lines for people. Levels that do not exist (silence) read "-".
+// Several lines for people. Levels of silence read "silence", figures that do not exist "-".
 std::string format_text(const std::string& file, const Statistics& statistics);
 
-// One line with an object; levels that do not exist are null.
+// One line with an object; levels of silence and figures that do not exist are null.
 std::string format_json(const std::string& file, const Statistics& statistics);
 
 }  // namespace se_tool

@@ -18,22 +18,36 @@ namespace fs = std::filesystem;
   throw Error(ExitCode::kUsage, line);
 }
 
+// Neither a folder nor a pipe nor a device.
+bool is_file_or_nothing(const fs::path& path) {
+  std::error_code ignored;
+  const fs::file_type type = fs::status(path, ignored).type();
+  return type == fs::file_type::regular || type == fs::file_type::not_found;
+}
+
+// In lower case.
+std::string suffix_of(const fs::path& path) {
+  std::string suffix = path.extension().string();
+  for (char& c : suffix) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  return suffix;
+}
+
 bool has_audio_suffix(const fs::path& path) {
   static const std::set<std::string> suffixes = {".aif",  ".aifc", ".aiff", ".au",  ".caf",
                                                  ".flac", ".mp3",  ".oga",  ".ogg", ".opus",
                                                  ".rf64", ".snd",  ".w64",  ".wav", ".wave"};
-  std::string suffix = path.extension().string();
-  for (char& c : suffix) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-  return suffixes.count(suffix) != 0;
+  return suffixes.count(suffix_of(path)) != 0;
 }
 
 std::vector<std::string> audio_files_in(const std::string& folder) {
   std::vector<std::string> files;
   std::error_code error;
-  for (const fs::directory_entry& entry : fs::directory_iterator(folder, error)) {
-    const bool hidden = entry.path().filename().string().front() == '.';
-    if (!hidden && entry.is_regular_file(error) && has_audio_suffix(entry.path())) {
-      files.push_back(entry.path().string());
+  for (fs::directory_iterator entry(folder, error), end; entry != end; entry.increment(error)) {
+    const fs::path& path = entry->path();
+    const bool hidden = path.filename().string().front() == '.';
+    // A link to nothing is a recording, too: one that cannot be opened, as its line will say.
+    if (!hidden && is_file_or_nothing(path) && has_audio_suffix(path)) {
+      files.push_back(path.string());
     }
   }
   if (error) throw Error(ExitCode::kInput, folder + ": cannot be read: " + error.message());
@@ -104,6 +118,15 @@ void check_apart(const std::vector<Task>& tasks) {
   }
 }
 
+// No file may carry the suffix of a format that it does not have.
+void check_suffix(const std::string& output, const std::set<std::string>& suffixes,
+                  const char* content) {
+  const std::string suffix = suffix_of(output);
+  if (suffix.empty() || suffixes.count(suffix) != 0 || !is_file_or_nothing(output)) return;
+  fail(output + ": would hold " + content + ", name it " +
+       fs::path(output).replace_extension(*suffixes.begin()).string());
+}
+
 void create_folder(const std::string& folder) {
   std::error_code error;
   fs::create_directories(folder, error);
@@ -119,9 +142,10 @@ std::vector<Task> plan_tasks(const Options& options) {
   const std::vector<std::string> files = expand(options.inputs);
   const bool to_folder = goes_to_folder(options);
   if (to_folder) {
-    if (options.output == kStream) fail("several recordings need a folder as output, not \"-\"");
     for (const std::string& folder : {options.output, options.plot}) {
-      if (folder.empty() || is_directory(folder) || !fs::exists(folder)) continue;
+      if (folder == kStream) fail("several recordings need a folder as output, not \"-\"");
+      std::error_code ignored;
+      if (folder.empty() || is_directory(folder) || !fs::exists(folder, ignored)) continue;
       fail(folder + ": several recordings need a folder as output, this is a file");
     }
     if (std::count(files.begin(), files.end(), kStream) != 0) {
@@ -131,6 +155,9 @@ std::vector<Task> plan_tasks(const Options& options) {
       fail(options.ref + ": several recordings need a folder of references of the same names");
     }
   }
+  if (options.ref == kStream && std::count(files.begin(), files.end(), kStream) != 0) {
+    fail("recording and reference cannot both come from standard input");
+  }
   if (options.plot == kStream && options.output == kStream) {
     fail("recording and plot cannot both go to standard output");
   }
@@ -138,6 +165,10 @@ std::vector<Task> plan_tasks(const Options& options) {
   std::vector<Task> tasks;
   for (const std::string& file : files) tasks.push_back(plan_task(options, file, to_folder));
   check_apart(tasks);
+  for (const Task& task : tasks) {
+    check_suffix(task.output, {".wav", ".wave"}, "a WAV file");
+    check_suffix(task.plot, {".png"}, "a PNG image");
+  }
   if (to_folder) {
     create_folder(options.output);
     if (!options.plot.empty()) create_folder(options.plot);
