@@ -3,6 +3,7 @@
 
 #include <cmath>
 #include <cstring>
+#include <numeric>
 #include <string>
 #include <vector>
 
@@ -210,6 +211,45 @@ TEST(Engine, DelayIs1152SamplesAnd16MoreWithTheLimiter) {
     }
     EXPECT_EQ(peak, impulse + 1152 + (limiter ? 16 : 0));
     EXPECT_GT(out[peak], 0.1f);
+  }
+}
+
+double energy(const std::vector<float>& x, std::size_t from) {
+  return std::inner_product(x.begin() + static_cast<std::ptrdiff_t>(from), x.end(),
+                            x.begin() + static_cast<std::ptrdiff_t>(from), 0.0);
+}
+
+// The recurrent layers start from nothing: what they make of noise before anybody has spoken is for
+// training to have taught them.
+TEST(Engine, TakesNoiseAndEchoDownFromTheStart) {
+  constexpr std::size_t kStart = SE_SAMPLE_RATE / 2;
+  struct Sound {
+    const char* name;
+    float colour, tones;
+    bool is_echo;
+  };
+  for (const Sound& sound : {Sound{"white noise", 0.0f, 0.0f, false},
+                             {"rumble", 0.95f, 0.0f, false},
+                             {"a machine's tones", 0.0f, 0.3f, false},
+                             {"echo", 0.7f, 0.0f, true}}) {
+    RandomSignal random(7);
+    std::vector<float> mic(2 * SE_SAMPLE_RATE), ref(mic.size(), 0.0f);
+    float low = 0.0f;
+    for (std::size_t i = 0; i < mic.size(); ++i) {
+      low = sound.colour * low + (1.0f - sound.colour) * random.uniform();
+      mic[i] = 0.02f * low;
+      for (const float bin : {10.0f, 20.0f, 40.0f, 60.0f}) {
+        mic[i] += 0.02f * sound.tones * std::sin(0.01234f * bin * static_cast<float>(i));
+      }
+    }
+    if (sound.is_echo) {
+      ref = mic;
+      for (std::size_t i = mic.size(); i-- > 0;) mic[i] = i < 200 ? 0.0f : 0.6f * mic[i - 200];
+    }
+    Engine engine;
+    engine.configure(NnProcessConfig{});
+    const std::vector<float> out = run(engine.get(), mic, ref, true, false);
+    EXPECT_LT(energy(out, kStart), energy(mic, kStart) * 1e-3) << sound.name;
   }
 }
 

@@ -21,10 +21,10 @@ from training.library import SHAPE
 class Weights:
     magnitude: float = 0.5
     complex: float = 0.5
-    attenuated: float = 3.0  # extra on magnitude errors that take speech away
-    ratio: float = 0.03  # per dB
-    envelope: float = 1.25
-    silence: float = 0.18
+    attenuated: float = 4.0  # extra on magnitude errors that take speech away
+    ratio: float = 0.035  # per dB
+    envelope: float = 1.8
+    silence: float = 0.1
 
 
 EXPONENT = 0.3
