@@ -113,7 +113,7 @@ def targets(r):
               for entry in r.counts.get(architecture, {}).values() if "hash" in entry}
     rows = [("instructions per frame, everything on, AVX2", "≤ 450,000", number(avx2), avx2 and avx2 <= 450_000)]
     for peer, count in peers.items():
-        time = r.ratio("full/avx2", peer) if "full/avx2" in r.times else None
+        time = r.ratio("full/avx2", f"{peer}/debian") if "full/avx2" in r.times else None
         rows.append((f"… over {LABELS[peer]} (in brackets: time)", "< 1",
                      f"{avx2 / count:.2f} ({time:.2f})" if avx2 and time else "–", avx2 and avx2 < count))
     rows.append(("instructions per frame, everything on, ARMv7 NEON", "≤ 1,200,000", number(neon),
