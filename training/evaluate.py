@@ -108,7 +108,7 @@ def targets(results: dict, errors: dict) -> list[tuple[str, str, dict[str, str],
         error = errors.get(t.condition, {}).get(t.key) if by == "engine" else None
         theirs = {name: row[t.condition][t.key] for name, row in peers.items()}
         rows.append((t.what,
-                     f"{value:.{t.digits}f}" + (f" ± {error:.{t.digits}f}" if error else ""),
+                     f"{value:.{t.digits}f}" + (f" ± {error:.{t.digits}f}" if error is not None else ""),
                      {name: f"{v:.{t.digits}f}" for name, v in theirs.items()},
                      t.reached(value, max(theirs.values(), default=-np.inf))))
     if "float network" in results:

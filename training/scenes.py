@@ -2,8 +2,8 @@
 
 A scene is drawn in two steps. `draw_plan` decides what happens (who talks when, which noises, is
 there a loudspeaker, how loud); `Mixer.scene` makes the sound, with every convolution done as one
-product over the whole scene. The target is the talker's direct sound with the first 40 ms of reflections at
-microphone 1, the microphone that the engine enhances.
+product over the whole scene. The target is the talker's direct sound with the first 40 ms of
+reflections at microphone 1, the microphone that the engine enhances.
 """
 
 import dataclasses
@@ -72,7 +72,9 @@ def draw_plan(rng: np.random.Generator) -> Plan:
     level = rng.uniform(-55, -10) if talks else rng.uniform(-65, -15)
     # Often enough that noise or echo before the first words is not taken for the talker.
     begins = rng.uniform(0.2, 0.8) if rng.random() < 0.3 else 0.0
-    bandwidth = rng.choice([3400.0, 3900.0, rng.uniform(3000, 7500)]) if rng.random() < 0.15 else np.inf
+    bandwidth = np.inf
+    if rng.random() < 0.15:
+        bandwidth = rng.choice([3400.0, 3900.0, rng.uniform(3000, 7500)])
     return Plan(talks, str(noise), far_end, float(snr), float(echo), float(level),
                 clip=rng.random() < 0.04, dead_microphone=rng.random() < 0.03,
                 digital_silence=rng.random() < 0.05, path_change=rng.random() < 0.2,

@@ -100,7 +100,8 @@ SE_API size_t agc_core_query_scratch(void);
 SE_API AgcCore* agc_core_init(void* mem, void* scratch, float window_energy_db);
 
 /* Measures the 257 bins of `spectrum`, averaged with the frame before, calls it active above a mean
- * bin power of -55 dB, and scales it in place. The bins are finite. */
+ * bin power of -55 dB, and scales it in place. The bins must be finite: a NaN
+ * stays in the level, and the gain stops moving. */
 SE_API void agc_core_process(AgcCore* core, zel_lcomplex* spectrum);
 
 /* agc_set_max_gain for the control inside. */

@@ -37,8 +37,7 @@ class FrameSource {
 class AudioInput {
  public:
   // `path` may be "-" for standard input. What is no regular file (standard input, pipes, devices)
-  // is read to its end first. Throws an Error (input)
-  // for what cannot be read or holds no samples.
+  // is read to its end first. Throws an Error (input) for what cannot be read or holds no samples.
   explicit AudioInput(const std::string& path);
 
   const std::string& name() const { return name_; }
