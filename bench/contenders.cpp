@@ -14,8 +14,8 @@ NnProcessConfig everything_on() {
   config.limiter_enable = 1;
   config.limiter_max_gain = 0.9f;
   config.limiter_level_db = 3.0f;
-  config.low_shelf = {1, 310.0f, -6.0f};
-  config.high_shelf = {1, 7000.0f, -3.0f};
+  config.low_shelf = {1, 310.0f, 6.0f};
+  config.high_shelf = {1, 7000.0f, 3.0f};
   for (int i = 0; i < 10; ++i) config.peak[i] = {500 + 600 * i, i % 2 == 0 ? 2.0f : -2.0f, 2};
   return config;
 }

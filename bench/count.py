@@ -21,11 +21,10 @@ from count_instructions import instructions_per_frame
 
 OURS = ("denoise", "full", "rfft512")
 PEERS = ("speexdsp", "webrtc", "fftw3f")
-VARIANTS = {"x86-64": ("scalar", "avx2", "avx512"), "armv7": ("scalar", "neon"), "aarch64": ("scalar", "neon", "dotprod")}
 CALLGRIND_KNOWS = ("scalar", "avx2")
 
-# Stages of a frame and the functions whose inclusive cost they are. The stages of the denoiser lie
-# inside nn_process_api; what is left of it is its rest.
+# Stages of a frame and the functions whose inclusive cost they are. The layers lie inside the denoiser's
+# functions; what is left of these is its rest.
 STAGES = {
     "transforms": ("zel_stft_analysis", "zel_stft_synthesis_envelop"),
     "echo canceller": ("aec_process",),
@@ -35,7 +34,7 @@ STAGES = {
     "equaliser": ("se::equalise",),
     "limiter": ("limiter_process_float",),
 }
-DENOISER = "nn_process_api"
+DENOISER = ("se::nn::make_features", "se::nn::run_network", "se::nn::gains_from_bands")
 REST_OF_DENOISER = "features, head, expansion"
 REST = "copies, mix, gains"
 
@@ -77,20 +76,24 @@ def callgrind(build, variant, contender, frames):
 def shares(total, by_function):
     stages = {stage: sum(by_function.get(name, 0) for name in names) for stage, names in STAGES.items()}
     inside = stages["convolution layers"] + stages["GRU layers"]
-    stages[REST_OF_DENOISER] = by_function[DENOISER] - inside
+    stages[REST_OF_DENOISER] = sum(by_function[name] for name in DENOISER) - inside
     stages[REST] = total - sum(stages.values())
     return stages
 
 
 def output_hashes(command, variant, frames):
-    """The hash of every contender's output; None if this machine or build does not have the variant."""
+    """The hash of every contender's output."""
     hashes = {}
     for contender in OURS:
         ran, hashes[contender] = subprocess.run([*command, str(frames), contender], env=environment(variant),
                                                 check=True, capture_output=True, text=True).stdout.split()
-        if ran != variant:
-            return None
+        assert ran == variant
     return hashes
+
+
+def variants(command):
+    """The kernel variants that run there, the plain one first."""
+    return subprocess.run([*command, "variants"], check=True, capture_output=True, text=True).stdout.split()[::-1]
 
 
 def single_steps(build, variant, contender, frames):
@@ -102,10 +105,8 @@ def single_steps(build, variant, contender, frames):
 
 def count_native(build, frames, steps):
     result = {}
-    for variant in VARIANTS["x86-64"]:
+    for variant in variants([driver(build)]):
         entry = {"hash": output_hashes([driver(build)], variant, frames)}
-        if not entry["hash"]:
-            continue
         if variant in CALLGRIND_KNOWS:
             counted = {contender: callgrind(build, variant, contender, frames) for contender in OURS}
             entry["instructions"] = {contender: total for contender, (total, _) in counted.items()}
@@ -117,12 +118,11 @@ def count_native(build, frames, steps):
     return result
 
 
-def count_emulated(qemu, architecture, build, frames):
+def count_emulated(qemu, build, frames):
     result = {}
-    for variant in VARIANTS[architecture]:
-        entry = {"hash": output_hashes([qemu, driver(build)], variant, frames), "instructions": {}, "functions": {}}
-        if not entry["hash"]:
-            continue
+    for variant in variants([*qemu.split(), driver(build)]):
+        entry = {"hash": output_hashes([*qemu.split(), driver(build)], variant, frames), "instructions": {},
+                 "functions": {}}
         os.environ["SPEECHENHANCE_KERNELS"] = variant  # handed on to the emulated program
         for contender in OURS:
             by_function = instructions_per_frame(qemu, driver(build), [contender], 100, 200)
@@ -143,9 +143,9 @@ def main():
     args = parser.parse_args()
     result = {"frames": args.frames, "x86-64": count_native(args.native, args.frames, args.steps)}
     if args.armhf:
-        result["armv7"] = count_emulated("qemu-arm", "armv7", args.armhf, args.frames)
+        result["armv7"] = count_emulated("qemu-arm", args.armhf, args.frames)
     if args.aarch64:
-        result["aarch64"] = count_emulated("qemu-aarch64", "aarch64", args.aarch64, args.frames)
+        result["aarch64"] = count_emulated("qemu-aarch64 -cpu max", args.aarch64, args.frames)
     args.output.write_text(json.dumps(result, indent=1) + "\n")
 
 

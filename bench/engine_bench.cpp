@@ -6,6 +6,7 @@
 
 #include "contenders.h"
 #include "kernels/kernels.h"
+#include "nn/packed_model.h"
 #include "streaming_limit.h"
 
 namespace {
@@ -30,7 +31,10 @@ void add(const ContenderKind& kind, const char* variant) {
   std::size_t frame = 0;
   const std::string name = std::string(kind.name) + "/" + variant;
   const auto run = [=](benchmark::State& state) mutable {
-    if (kind.ours) se::use_kernels(variant);
+    if (kind.ours) {
+      se::use_kernels(variant);
+      se::nn::pack_model();  // in the order of this variant, as at the creation of an engine
+    }
     if (!contender) {
       contender = kind.make();
       while (frame < kWarmUpFrames) contender->process(scene().frame(frame++));

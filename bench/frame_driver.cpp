@@ -1,6 +1,7 @@
 // Runs one contender over the scene, for tools that count instructions.
 //
 //   frame_driver FRAMES CONTENDER
+//   frame_driver variants            prints the names of the kernel variants that run here
 //
 // Everything but the frames costs the same whatever FRAMES is, so that two runs differ by the
 // frames alone; a counter that can be told to look only inside `counted_frame` needs one run. The
@@ -32,6 +33,12 @@ extern "C" __attribute__((noinline, visibility("default"))) const void* counted_
 using se_bench::CountedRun;
 
 int main(int argc, char** argv) {
+  if (argc == 2 && std::strcmp(argv[1], "variants") == 0) {
+    for (int i = 0; const se::Kernels* variant = se::available_kernels(i); ++i) {
+      std::printf("%s\n", variant->name);
+    }
+    return 0;
+  }
   CountedRun run(argc, argv);
   const std::size_t bytes = run.contender().output_bytes();
   std::vector<char> output(CountedRun::kMostFrames * bytes);  // the same for any FRAMES

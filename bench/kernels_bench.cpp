@@ -8,10 +8,13 @@
 #include <cstdio>
 #include <functional>
 #include <map>
+#include <memory>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "kernels/kernels.h"
+#include "kernels/packing.h"
 
 namespace {
 
@@ -23,9 +26,9 @@ constexpr int kBins = 257, kFrame = 512;
 struct Data {
   std::vector<float> a, b, c, d, ones;
   std::vector<zel_lcomplex> x, y, z;
-  std::vector<std::int16_t> q;
+  std::vector<std::int16_t> q, small_q;  // the second within +-2048, as a GRU's state
   std::vector<std::int8_t> w;
-  std::vector<std::int32_t> flags;
+  std::vector<std::int32_t> flags, sums;
   std::vector<std::uint8_t> band;
 
   Data()
@@ -38,8 +41,10 @@ struct Data {
         y(2048),
         z(2048),
         q(4096),
+        small_q(512),
         w(std::size_t{4} * 600 * 400),
         flags(512, 1),
+        sums(1024, 100000),
         band(256) {
     std::uint32_t state = 1;
     const auto next = [&] { return state = state * 1664525u + 1013904223u; };
@@ -51,8 +56,31 @@ struct Data {
       for (zel_lcomplex& f : *v) f = {real() - 0.5f, real() - 0.5f};
     }
     for (auto& v : q) v = static_cast<std::int16_t>(next() >> 19);
+    for (auto& v : small_q) v = static_cast<std::int16_t>(static_cast<std::int32_t>(next()) >> 20);
     for (auto& v : w) v = static_cast<std::int8_t>(next() >> 24);
     for (std::size_t k = 0; k < band.size(); ++k) band[k] = static_cast<std::uint8_t>(k / 2);
+  }
+
+  // The matrix in an order, packed once.
+  const se::PackedMatrix& packed(const se::Matrix& matrix, const se::PackShape& shape,
+                                 const se::PackOrder& order) {
+    struct Packed {
+      std::vector<std::int8_t> weights;
+      std::vector<std::int32_t> row_sums;
+      se::PackedMatrix matrix;
+    };
+    static std::map<std::tuple<const void*, int, int, int>, Packed> all;
+    Packed& p = all[{matrix.weights, matrix.rows, matrix.cols, order.panel}];
+    if (p.weights.empty()) {
+      p.weights.resize(shape.bytes(order) + 63);
+      p.row_sums.resize(static_cast<std::size_t>(shape.packed_rows(order)));
+      void* start = p.weights.data();
+      std::size_t space = p.weights.size();
+      std::align(64, shape.bytes(order), start, space);
+      p.matrix =
+          se::pack(matrix, shape, order, static_cast<std::int8_t*>(start), p.row_sums.data());
+    }
+    return p.matrix;
   }
 };
 
@@ -66,24 +94,32 @@ using Call = std::function<void(const Kernels&)>;
 // The kernels with the sizes of one frame's calls.
 std::vector<std::pair<std::string, Call>> calls() {
   Data& m = data();
+  // Packed where the variant has an order of its own.
   const auto conv = [&m](int frame_len, int window, int step, int positions, int rows,
                          int row_len) {
     return [=, &m](const Kernels& k) {
       const std::int16_t* frames[] = {m.q.data(), m.q.data() + 64, m.q.data() + 128};
-      k.nn->convolve({m.w.data(), rows, row_len, m.a.data(), 1.0f / 1024, m.b.data()},
-                     {frames, 3, frame_len, window, step, positions}, m.c.data());
+      const se::Matrix weights = {m.w.data(), rows, row_len};
+      const se::ConvInput in = {frames, 3, frame_len, window, step, positions};
+      const se::OutputScale out = {m.a.data(), 1.0f / 1024, m.b.data()};
+      const se::PackOrder& order = k.nn->convolve_order;
+      if (order.panel == 0) return k.nn->convolve(weights, in, out, m.c.data());
+      const se::PackedMatrix& packed = m.packed(weights, {rows, 3, window}, order);
+      k.nn->packed_convolve(packed, weights, in, out, m.c.data());
     };
   };
-  const auto gru = [&m](int input) {
+  const auto product = [&m](int rows, int cols) {
     return [=, &m](const Kernels& k) {
-      static int layer = 0;
+      static std::size_t layer = 0;
       layer = (layer + 1) % 4;
-      const std::int8_t* w = m.w.data() + layer * 600 * 400;
-      const se::GruGate gate = {w, w + 600 * 200, m.a.data(), m.b.data()};
-      const se::GruStep step = {m.q.data(), m.q.data() + 200, input, 200};
-      k.nn->gru_gate(gate, step, m.c.data());
+      const std::int16_t* q = m.small_q.data();
+      const se::Matrix weights = {m.w.data() + layer * 600 * 400, rows, cols};
+      const se::PackOrder& order = k.nn->product_order;
+      if (order.panel == 0) return k.nn->product(weights, q, m.sums.data());
+      k.nn->packed_product(m.packed(weights, {rows, 1, cols}, order), weights, q, m.sums.data());
     };
   };
+  const se::GruGate gate = {m.sums.data(), m.sums.data() + 200, m.a.data(), m.b.data()};
   const auto echo = [&m](int bins, int taps) {
     return [=, &m](const Kernels& k) {
       const se::EchoBand band = {bins,           0.05f,      m.x.data(),        m.ones.data(),
@@ -114,7 +150,7 @@ std::vector<std::pair<std::string, Call>> calls() {
       {"apply_gain 257", [=](const Kernels& k) { k.spectral->apply_gain(x, a, y, kBins); }},
       {"apply_slope 32",
        [=](const Kernels& k) { k.spectral->apply_slope(z, 1.0f, 1.0f, 1e-9f, 1.0f, 32); }},
-      {"mix 257", [=](const Kernels& k) { k.spectral->mix(x, z, 0.3f, y, kBins); }},
+      {"mix 257", [=](const Kernels& k) { k.spectral->mix(x, z, 3.0f, 0.3f, y, kBins); }},
       {"sum 256", [=](const Kernels& k) { benchmark::DoNotOptimize(k.spectral->sum(a, 256)); }},
       {"subtract_8, 29 bins", echo(29, 8)},
       {"subtract_4, 96 bins", echo(96, 4)},
@@ -124,12 +160,15 @@ std::vector<std::pair<std::string, Call>> calls() {
       {"convolve 3", conv(544, 48, 32, 16, 32, 144)},
       {"convolve 4", conv(576, 96, 32, 16, 64, 288)},
       {"convolve 5", conv(1152, 192, 64, 16, 16, 576)},
-      {"gru_gate 128", gru(128)},
-      {"gru_gate 200", gru(200)},
-      {"affine 128 x 400",
+      {"product 600 x 128", product(600, 128)},
+      {"product 600 x 200", product(600, 200)},
+      {"product 128 x 400", product(128, 400)},
+      {"scale_sums 128",
        [=, &m](const Kernels& k) {
-         k.nn->affine({m.w.data(), 128, 400, a, 1.0f / 2048, b}, m.q.data(), c);
+         k.nn->scale_sums(m.sums.data(), {a, 1.0f / 2048, b}, 128, c);
        }},
+      {"gru_gate 200", [=](const Kernels& k) { k.nn->gru_gate(gate, 200, c); }},
+      {"gru_candidate 200", [=](const Kernels& k) { k.nn->gru_candidate(gate, a, 200, c); }},
       {"quantise 512", [=, &m](const Kernels& k) { k.nn->quantise(a, 512, 1024.0f, m.q.data()); }},
       {"normalise 512", [=](const Kernels& k) { k.nn->normalise(a, b, d, 512, c); }},
       {"gru_blend 200", [=, &m](const Kernels& k) { k.nn->gru_blend(a, b, m.q.data(), 200, c); }},
@@ -150,6 +189,7 @@ std::vector<std::pair<std::string, Call>> calls() {
        [=, &m](const Kernels& k) { k.sample->s16_to_float(m.q.data(), c, 320); }},
       {"float_to_s16 160",
        [=, &m](const Kernels& k) { k.sample->float_to_s16(a, m.q.data(), 160); }},
+      {"limit 160", [=](const Kernels& k) { k.sample->limit(a, 0.9f, c, 160); }},
       {"peak 16", [=](const Kernels& k) { benchmark::DoNotOptimize(k.sample->peak(a, 16)); }},
       {"apply_ramp 16", [=](const Kernels& k) { k.sample->apply_ramp(a, 0.5f, 0.01f, c, 16); }},
   };

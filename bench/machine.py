@@ -33,6 +33,7 @@ def main():
     caches = json.loads(output_of("lscpu", "--json", "--caches=NAME,ONE-SIZE"))["caches"]
     Path(output).write_text(json.dumps({
         "cpu": f"{fields['Model name']} (family {fields['CPU family']}, model {fields['Model']})",
+        "kind": f"{fields['Vendor ID']} family {fields['CPU family']} model {fields['Model']}",
         "cores": fields["CPU(s)"],
         "l2": next((c["one-size"] for c in caches if c["name"] == "L2"), "unknown"),
         "os": os_name,

@@ -17,7 +17,7 @@ import matplotlib.pyplot as plt  # noqa: E402
 
 OURS, OTHERS = "#1f6f8b", "#b9b4a7"
 STAGES = ("#1f6f8b", "#67a9a0", "#d1603d", "#e0a458", "#6a4c93", "#a05195", "#444444", "#8a8578", "#c9c4b8")
-THREADS = {1: "#1f6f8b", 2: "#d1603d"}
+ONE_THREAD, ALL_CORES = "#1f6f8b", "#d1603d"
 
 
 def save(figure, path):
@@ -69,8 +69,9 @@ def scale(path, title, series):
     figure, axes = plt.subplots(figsize=(7.5, 3.4))
     for threads, points in series.items():
         engines, median, low, high = zip(*points)
-        axes.fill_between(engines, low, high, color=THREADS[threads], alpha=0.2, linewidth=0)
-        axes.plot(engines, median, "o-", color=THREADS[threads], markersize=4,
+        colour = ONE_THREAD if threads == 1 else ALL_CORES
+        axes.fill_between(engines, low, high, color=colour, alpha=0.2, linewidth=0)
+        axes.plot(engines, median, "o-", color=colour, markersize=4,
                   label=f"{threads} thread{'s' if threads > 1 else ''}")
     axes.set_xscale("log", base=2)
     ticks = [engines for engines, *_ in next(iter(series.values()))]

@@ -1,6 +1,6 @@
-// Many engines in one process, served round-robin one frame each, by one thread and by two: time of
-// the CPU and of the wall clock per frame and bytes per engine, as their number grows beyond the
-// caches.
+// Many engines in one process, served round-robin one frame each, by one thread and by one for
+// every core: time of the CPU and of the wall clock per frame and bytes per engine, as their number
+// grows beyond the caches.
 //
 //   scale ROUNDS OUTPUT.json
 #include <malloc.h>
@@ -109,6 +109,7 @@ int main(int argc, char** argv) {
   const ContenderKind* const kind = find_contender("full");
   std::fprintf(output, "[");
   const char* separator = "\n";
+  const std::size_t cores = std::max(2u, std::thread::hardware_concurrency());
   std::vector<std::unique_ptr<Contender>> engines;
   const std::size_t bytes_before = allocated_bytes();
   for (int count = 1; count <= kMostEngines; count *= 2) {
@@ -116,7 +117,7 @@ int main(int argc, char** argv) {
     const std::size_t bytes = (allocated_bytes() - bytes_before) / engines.size();
     for (std::size_t f = 0; f < 8; ++f) round_of(engines, 0, 1, f, scene);
     const int rounds = std::max(5, std::min(most_rounds, kMostFrames / count));
-    for (const std::size_t threads : {std::size_t{1}, std::size_t{2}}) {
+    for (const std::size_t threads : {std::size_t{1}, cores}) {
       const Timing timing = time_rounds(engines, threads, rounds, scene);
       std::fprintf(
           output,

@@ -5,8 +5,8 @@
   fft512_tables.cpp      twiddles of the 512-point real transform
 
 All values have six decimals. The twiddles are the formulas, rounded. The window is not quite: its
-history is that of single-precision arithmetic, and models and levels are tuned to its sums. It is
-fixed by what is known of it: the stored values sum to 255.999994 and their squares to 191.999994,
+history is that of single-precision arithmetic, and models and levels are tuned to its sums. Four
+figures fix it: the stored values sum to 255.999994 and their squares to 191.999994,
 w[67] is 0.159699, and 20 entries differ in the last digit from the formula rounded exactly.
 Evaluating 0.5 - 0.5 cos(x) with x, and then the result, rounded to single precision before the
 rounding to six decimals gives 16 such entries and that sum; four more, of those whose exact values

@@ -16,6 +16,7 @@ constexpr bool kAllocationTrapWorks = true;
 extern "C" {
 void* __libc_malloc(std::size_t bytes);
 void* __libc_calloc(std::size_t count, std::size_t bytes);
+void* __libc_realloc(void* memory, std::size_t bytes);
 void __libc_free(void* memory);
 
 __attribute__((visibility("default"))) void* malloc(std::size_t bytes) {
@@ -29,6 +30,12 @@ __attribute__((visibility("default"))) void* calloc(std::size_t count, std::size
   if (g_failing_calloc > 0 && --g_failing_calloc == 0) return nullptr;
   ++g_live;
   return __libc_calloc(count, bytes);
+}
+
+__attribute__((visibility("default"))) void* realloc(void* memory, std::size_t bytes) {
+  ++g_allocations;
+  if (memory == nullptr) ++g_live;
+  return __libc_realloc(memory, bytes);
 }
 
 __attribute__((visibility("default"))) void free(void* memory) {

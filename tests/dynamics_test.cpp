@@ -241,6 +241,27 @@ TEST(Limiter, DelaysByOneBlockAndPassesQuietSignals) {
   limiter_process_float(limiter.state, nullptr, -160, true, 0.0f);
 }
 
+// Levels that the model cannot tell apart from their neighbours by its tolerance.
+TEST(Limiter, ItsLevelsLieWhereTheyAreSaidToLie) {
+  const auto gain_at = [](float level, float level_db) {
+    Limiter limiter;
+    limiter(std::vector<float>(kBlock, level), level_db);
+    return limiter.state->gain;
+  };
+  EXPECT_EQ(gain_at(0.81f * 0.999f, 0.0f), 1.0f) << "below the knee";
+  EXPECT_LT(gain_at(0.81f * 1.001f, 0.0f), 0.9996f) << "above it";
+  EXPECT_NEAR(gain_at(1.0f, 0.0f), 0.9f * 0.9999f, 1e-6f) << "the ceiling and what stays free";
+  // Levels below 1e-5 count as 1e-5: with 100 dB of make-up gain that level comes to 1.0.
+  const float lowest = gain_at(0.0f, 100.0f);
+  EXPECT_EQ(gain_at(0.995e-5f, 100.0f), lowest);
+  EXPECT_LT(gain_at(1.005e-5f, 100.0f), lowest);
+  // A hundredth of the distance per block.
+  Limiter limiter;
+  limiter(std::vector<float>(kBlock, 1.0f), 0.0f);
+  limiter(std::vector<float>(kBlock, 0.5f), 0.0f);
+  EXPECT_NEAR(limiter.state->envelope, 0.995f, 1e-6f);
+}
+
 TEST(Limiter, SixteenBitSamplesTakeTheSamePath) {
   Limiter floats, ints;
   limiter_set_max_gain(floats.state, 0.7f);

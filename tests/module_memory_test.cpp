@@ -1,5 +1,5 @@
-// What all modules have in common: memory and scratch memory of the published size at any address,
-// with nothing touched around them.
+// What all modules have in common: memory and scratch memory of the size that the headers state, at
+// any address, with nothing touched around them.
 #include <gtest/gtest.h>
 
 #include <deque>
@@ -18,14 +18,14 @@
 
 namespace {
 
-// What a record has grown since its size was published, for 4-byte pointers.
+// What a record is larger by than with 4-byte pointers, for which its size is stated.
 template <class Record>
-std::size_t growth(std::size_t published) {
-  EXPECT_TRUE(sizeof(void*) != 4 || sizeof(Record) == published);
-  return sizeof(Record) - published;
+std::size_t growth(std::size_t stated) {
+  EXPECT_TRUE(sizeof(void*) != 4 || sizeof(Record) == stated);
+  return sizeof(Record) - stated;
 }
 
-TEST(ModuleMemory, FollowsThePublishedFigures) {
+TEST(ModuleMemory, FollowsTheFiguresInTheHeaders) {
   const std::size_t c2c = growth<c2c_plan>(24), r2c = growth<r2c_plan>(20),
                     real = c2c + growth<real_plan>(20), handle = growth<r2c_handle>(12),
                     stft = sizeof(void*) == 4 ? 0 : 24,
@@ -41,7 +41,7 @@ TEST(ModuleMemory, FollowsThePublishedFigures) {
   };
   const struct {
     const char* module;
-    std::size_t actual, published, growth;
+    std::size_t actual, stated, growth;
   } figures[] = {
       {"complex transform", zel_fft_c2c_float32_query_mem(480), 8 * 480 + 302, c2c},
       {"its scratch", zel_fft_c2c_float32_query_scratch_mem(480), 8 * 480 + 15, 0},
@@ -75,7 +75,7 @@ TEST(ModuleMemory, FollowsThePublishedFigures) {
       {"denoiser", static_cast<std::size_t>(nn_query_mem_api()), 37598, network},
       {"its scratch", static_cast<std::size_t>(nn_query_scratch_api()), 134317, 0},
   };
-  for (const auto& f : figures) EXPECT_EQ(f.actual, f.published + f.growth) << f.module;
+  for (const auto& f : figures) EXPECT_EQ(f.actual, f.stated + f.growth) << f.module;
 }
 
 // All modules in a chain, each in guarded memory of the same misalignment.
@@ -87,8 +87,8 @@ class Chain {
     const auto aligned = [](auto*... arrays) {
       return ((reinterpret_cast<std::uintptr_t>(arrays) % 16 == 0) && ...);
     };
-    EXPECT_TRUE(aligned(aec_->ref_energy, aec_->subtraction[1]->mic_smooth, denoiser_->fc2_out,
-                        denoiser_->feat, estimator_->min_age, suppressor_->gain,
+    EXPECT_TRUE(aligned(aec_->ref_energy, aec_->subtraction[1]->mic_smooth, denoiser_->fc_out[1],
+                        denoiser_->features.feat, estimator_->min_age, suppressor_->gain,
                         agc_->agc->level_hist, limiter_->conv_buf));
   }
 

@@ -134,10 +134,10 @@ class Network {
  public:
   explicit Network(const DenoiseModel* m)
       : m_(m),
-        gru_{{m->gru1_1, 200, 128},
-             {m->gru1_2, 200, 128},
-             {m->gru2_1, 200, 200},
-             {m->gru2_2, 200, 200}} {
+        gru_{{m->gru1_1, se::nn::kGruHidden, 128},
+             {m->gru1_2, se::nn::kGruHidden, 128},
+             {m->gru2_1, se::nn::kGruHidden, se::nn::kGruHidden},
+             {m->gru2_2, se::nn::kGruHidden, se::nn::kGruHidden}} {
     for (const se::nn::ConvShape& s : se::nn::kConv) {
       conv_.emplace_back(ConvShape{s.in_channels, s.in_width, s.out_channels, s.out_width, 3,
                                    s.kernel_freq, s.freq_stride, 1, s.freq_pad});
@@ -180,8 +180,8 @@ class Network {
     Values bands;
     for (std::size_t o = 0; o < 128; ++o) {
       std::int64_t sum = 0;
-      for (std::size_t i = 0; i < 400; ++i) {
-        sum += m_->fc2->weight[400 * o + i] * quantized(second[i], 2048);
+      for (std::size_t i = 0; i < second.size(); ++i) {
+        sum += m_->fc2->weight[second.size() * o + i] * quantized(second[i], 2048);
       }
       bands.push_back(
           sigmoid(static_cast<double>(sum) / 2048 * m_->fc2->weight_scale[o] + m_->fc2->bias[o]));

@@ -42,21 +42,27 @@ struct Estimator {
 // Keeps all accepted frames; minima are searched for in the past instead of being tracked.
 class EstimatorModel {
  public:
-  explicit EstimatorModel(size_t bins)
-      : smooth_(bins, 0.0), age_(bins, 0), min_(bins, 1e10), gathered_(bins) {}
+  EstimatorModel(size_t bins, int frame_ms)
+      : span_(static_cast<size_t>(60 / frame_ms)),
+        window_(4000 / frame_ms),
+        smooth_(bins, 0.0),
+        age_(bins, 0),
+        min_(bins, 1e10),
+        gathered_(bins) {}
 
   std::vector<double> operator()(const std::vector<float>& power) {
     ++calls_;
     if (mean(power) >= 1e-7 * kWindowEnergy) {
       frames_.push_back(power);
-      if (calls_ < 6) {
+      if (calls_ < span_) {
         min_.assign(power.begin(), power.end());
         smooth();
       } else {
         std::vector<double> average(power.size(), 0.0);
-        const size_t span = std::min<size_t>(6, frames_.size());
+        const size_t span = std::min(span_, frames_.size());
+        const auto divisor = static_cast<double>(span_);
         for (size_t i = frames_.size() - span; i < frames_.size(); ++i)
-          for (size_t k = 0; k < power.size(); ++k) average[k] += double{frames_[i][k]} / 6;
+          for (size_t k = 0; k < power.size(); ++k) average[k] += double{frames_[i][k]} / divisor;
         if (mean(average) >= 3.16e-7 * kWindowEnergy) {
           for (size_t k = 0; k < power.size(); ++k) track(k, average[k]);
           smooth();
@@ -69,7 +75,7 @@ class EstimatorModel {
   }
 
  private:
-  // A low not undercut for 400 frames gives way to the lowest average of the last 200.
+  // A low not undercut for the window gives way to the lowest average of its second half.
   void track(size_t k, double average) {
     if (average < min_[k]) {
       min_[k] = average;
@@ -78,18 +84,20 @@ class EstimatorModel {
       return;
     }
     ++age_[k];
-    if (age_[k] >= 200) gathered_[k].push_back(average);
-    if (age_[k] == 400) {
+    if (age_[k] >= window_ / 2) gathered_[k].push_back(average);
+    if (age_[k] == window_) {
       min_[k] = *std::min_element(gathered_[k].begin(), gathered_[k].end());
       gathered_[k].clear();
-      age_[k] = 200;
+      age_[k] = window_ / 2;
     }
   }
   void smooth() {
     for (size_t k = 0; k < smooth_.size(); ++k) smooth_[k] += 0.25 * (min_[k] - smooth_[k]);
   }
 
-  int calls_ = 0;
+  size_t span_;  // frames of 60 ms
+  int window_;   // frames of 4 s
+  size_t calls_ = 0;
   std::vector<std::vector<float>> frames_;
   std::vector<double> smooth_;
   std::vector<int> age_;
@@ -97,11 +105,11 @@ class EstimatorModel {
   std::vector<std::vector<double>> gathered_;
 };
 
-// 25 s of noise whose level steps, bin by bin, with speech-like bursts, pauses below each gate.
-TEST(NoiseEstimator, FollowsTheModelOverALongRun) {
+// Noise whose level steps, bin by bin, with speech-like bursts, pauses below each gate.
+void follow_over_a_long_run(int32_t frame_ms) {
   constexpr size_t kBins = 37;
-  Estimator estimator(10, kBins);
-  EstimatorModel model(kBins);
+  Estimator estimator(frame_ms, kBins);
+  EstimatorModel model(kBins, frame_ms);
   RandomSignal random(17);
   std::vector<float> level(kBins, 1.0f);
   for (int frame = 0; frame < 2500; ++frame) {
@@ -114,8 +122,31 @@ TEST(NoiseEstimator, FollowsTheModelOverALongRun) {
     const auto expected = model(power);
     const auto noise = estimator(power);
     for (size_t k = 0; k < kBins; ++k) {
-      ASSERT_NEAR(expected[k], noise[k], 1e-5 * expected[k]) << frame << " " << k;
+      ASSERT_NEAR(expected[k], noise[k], 1e-5 * expected[k])
+          << frame_ms << " ms, " << frame << " " << k;
     }
+  }
+}
+
+TEST(NoiseEstimator, FollowsTheModelOverALongRun) {
+  for (const int32_t frame_ms : {5, 10, 20}) follow_over_a_long_run(frame_ms);
+}
+
+// The gates lie where they are said to lie, to half a percent.
+TEST(NoiseEstimator, GatesWhatIsTooQuiet) {
+  for (const float side : {0.995f, 1.005f}) {
+    const auto at_power = [side](float power) {
+      return std::vector<float>(257, side * power * kWindowEnergy);
+    };
+    Estimator silence, floor;
+    silence(at_power(1e-7f));
+    EXPECT_EQ(side > 1.0f, silence.state->smooth_noise[0] > 0.0f) << side;
+    for (int i = 0; i < 5; ++i) floor(std::vector<float>(257, 1.0f));
+    const float before = floor.state->min_power[0];
+    for (int i = 0; i < 6; ++i) floor(at_power(3.16e-7f));
+    EXPECT_EQ(before, 1.0f);
+    // After six frames the short span holds nothing else.
+    EXPECT_EQ(side > 1.0f, floor.state->min_power[0] < 1e-6f * kWindowEnergy) << side;
   }
 }
 
@@ -154,10 +185,10 @@ TEST(NoiseEstimator, TakesAnyGeometry) {
 // ---- Suppressor ---------------------------------------------------------------------------------
 
 struct Suppressor {
-  explicit Suppressor(int32_t bins = 257, float max_atten_db = 10.0f)
+  explicit Suppressor(int32_t bins = 257, float max_atten_db = 10.0f, int32_t frame_ms = 10)
       : mem(noise_suppress_query_mem(bins), 3),
         scratch(noise_suppress_query_scratch(bins), 12),
-        state(noise_suppress_init(mem.data(), scratch.data(), 10, bins, max_atten_db)) {}
+        state(noise_suppress_init(mem.data(), scratch.data(), frame_ms, bins, max_atten_db)) {}
 
   void operator()(const std::vector<float>& noise, const std::vector<zel_lcomplex>& in,
                   std::vector<zel_lcomplex>& out) {
@@ -174,9 +205,13 @@ double norm(zel_lcomplex x) {
 }
 
 TEST(NoiseSuppressor, FollowsTheFormulas) {
-  for (size_t bins : {size_t{2}, size_t{3}, size_t{257}}) {
-    Suppressor suppressor(static_cast<int32_t>(bins), 12.0f);
+  for (const auto& [bins, frame_ms] :
+       {std::pair<size_t, int>{2, 10}, {3, 10}, {257, 10}, {257, 5}, {257, 20}}) {
+    Suppressor suppressor(static_cast<int32_t>(bins), 12.0f, frame_ms);
     RandomSignal random(bins);
+    // The smoothing constants belong to 10 ms.
+    const double slowest = std::pow(0.988, frame_ms / 10.0);
+    const double fastest = std::pow(0.98, frame_ms / 10.0);
     const double floor = std::pow(10.0, -12.0 / 20);
     std::vector<double> kept(bins);
     std::vector<zel_lcomplex> out(bins, {7.0f, -7.0f});
@@ -199,8 +234,9 @@ TEST(NoiseSuppressor, FollowsTheFormulas) {
       for (size_t k = 0; k < bins; ++k) {
         excess[k] = std::max(norm(in[k]) / double{noise[k]} - 1, 0.0);
       }
-      const double alpha = mean(excess) < 1 ? 0.988 : std::max(0.98, 1 - 0.012 * mean(excess));
-      ++(alpha < 0.981 ? fast : slow);
+      const double alpha =
+          mean(excess) < 1 ? slowest : std::max(fastest, 1 - (1 - slowest) * mean(excess));
+      ++(alpha < fastest + 0.001 ? fast : slow);
       for (size_t k = 0; k < bins; ++k) {
         const double prior = alpha * kept[k] / double{noise[k]} + (1 - alpha) * excess[k];
         gain[k] = prior / (prior + 1);

@@ -18,8 +18,11 @@ class RandomModel {
     bytes_ = storage_.data() + (se::nn::kModelAlignment - address % se::nn::kModelAlignment) %
                                    se::nn::kModelAlignment;
     RandomSignal random(seed);
-#define SE_MODEL_TABLE(name, type, rows, columns, offset) \
-  draw(random, #name, reinterpret_cast<type*>(bytes_ + (offset)), rows, columns);
+    unsigned char* next = bytes_ + se::nn::kModelHeaderBytes;
+    const se::nn::ModelTable* table = se::nn::kModelTables;
+#define SE_MODEL_TABLE(name, type, rows, columns)                    \
+  draw(random, #name, reinterpret_cast<type*>(next), rows, columns); \
+  next += (table++)->slot();
 #include "nn/model_tables.def"
 #undef SE_MODEL_TABLE
     seal();

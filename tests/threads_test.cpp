@@ -1,5 +1,5 @@
-// Two engines on two threads: no data races (the thread sanitizer watches), and each gives what it
-// gives alone.
+// Eight engines on eight threads, others created and destroyed meanwhile: no data races (the thread
+// sanitizer watches), and each gives what it gives alone.
 #include <gtest/gtest.h>
 
 #include <thread>
@@ -27,16 +27,26 @@ std::vector<float> run_alone(std::uint32_t seed, int frames) {
 }
 
 TEST(Threads, EnginesDoNotDisturbEachOther) {
-  constexpr int kFrames = 60;  // well below what turns the shared quiet history on
-  std::vector<float> together[2];
+  // All frames of this test are fewer than what turns the shared quiet history on.
+  constexpr std::size_t kEngines = 8;
+  constexpr int kFrames = 50;
+  std::vector<float> together[kEngines];
   {
-    std::thread first([&] { together[0] = run_alone(1, kFrames); });
-    std::thread second([&] { together[1] = run_alone(2, kFrames); });
-    first.join();
-    second.join();
+    std::vector<std::thread> threads;
+    for (std::size_t i = 0; i < kEngines; ++i) {
+      threads.emplace_back(
+          [&, i] { together[i] = run_alone(static_cast<std::uint32_t>(i), kFrames); });
+    }
+    for (int i = 0; i < 2; ++i) {
+      threads.emplace_back([] {
+        for (std::uint32_t life = 0; life < 20; ++life) run_alone(life, 1);
+      });
+    }
+    for (std::thread& thread : threads) thread.join();
   }
-  EXPECT_EQ(together[0], run_alone(1, kFrames));
-  EXPECT_EQ(together[1], run_alone(2, kFrames));
+  for (std::size_t i = 0; i < kEngines; ++i) {
+    EXPECT_EQ(together[i], run_alone(static_cast<std::uint32_t>(i), kFrames)) << i;
+  }
 
   int ones = 0;
   for (const std::int32_t flag : noise_buf) ones += flag;

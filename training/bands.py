@@ -1,8 +1,7 @@
 """The bands of the denoiser, from the same list that the library compiles.
 
-expansion() gives the rule by which the library turns band values into gains, as a matrix, and
-make_up() what the engine multiplies these gains by, so that tools can reason about gains without
-repeating the rule.
+expansion() gives the rule by which the library turns band values into gains, as a matrix, so that tools
+can reason about gains without repeating the rule.
 """
 import re
 from pathlib import Path
@@ -34,11 +33,3 @@ def expansion():
             matrix[first + j, band] = (1 - j / width) / width
             matrix[first + j, band + 1] = (j / width) / width
     return matrix
-
-
-def make_up():
-    """What the engine multiplies gains by, per bin: it removes bins 0 to 3."""
-    factor = np.full(BINS, 3.0)
-    factor[:4] = 0.0
-    factor[4:8] = 1.5
-    return factor

@@ -51,9 +51,17 @@ def load(path: Path) -> tuple[dict, dict, dict]:
     return states[0], states[1], counters
 
 
-def hours_of_audio(counters: dict) -> float:
-    """How much audio went through training, repeats included."""
-    return counters["frames"] * SHAPE.hop / SHAPE.sample_rate / 3600
+def is_checkpoint(path: Path) -> bool:
+    """Whether a file, which must be readable, is one of `save` (rather than master weights)."""
+    try:
+        with np.load(path) as file:
+            return "meta" in file.files
+    except UNREADABLE as error:
+        raise TrainingError(f"{path} is not a readable checkpoint: {error}") from error
+
+
+def hours_of_audio(frames: int) -> float:
+    return frames * SHAPE.hop / SHAPE.sample_rate / 3600
 
 
 def check_layout(path: Path, state: dict) -> None:

@@ -4,7 +4,7 @@ import dataclasses
 
 import numpy as np
 
-from training.audio import ClipLibrary
+from training.audio import Material
 from training.library import SHAPE
 from training.scenes import Mixer, Plan, Scene
 
@@ -41,7 +41,7 @@ CONDITIONS = (
 
 
 def held_out_scenes(cache, condition: Condition, count: int) -> list[Scene]:
-    library = ClipLibrary(cache, held_out=True)
+    material = Material(cache, "near")
     seed = [20, *condition.name.encode()]
-    mixer = Mixer(library, SHAPE.sample_rate, seed, vary_noise=False)
+    mixer = Mixer(material, SHAPE.sample_rate, seed, vary_noise=False)
     return [mixer.scene(SECONDS * SHAPE.sample_rate, condition.plan) for _ in range(count)]

@@ -1,6 +1,11 @@
-"""python3 -m training.evaluate --cache FOLDER (--model FILE | --checkpoint FILE) [--out FOLDER]
+"""python3 -m training.evaluate --cache FOLDER --far [--quick] (--model | --checkpoint) [NAME=]FILE ...
+python3 -m training.evaluate --cache FOLDER (--model FILE | --checkpoint FILE) [--out FOLDER]
 
-Scores on held-out talkers and noises (the rule is in training/audio.py). With --model, through the
+With --far, scores on recordings from elsewhere beside those on other talkers of the trained collections
+(training/validation.py), for as many models and checkpoints as are given. Decisions rest on these.
+
+Otherwise the conditions of a release, which the card shows.
+Scores on held-out talkers and noises (the rule is in training/material.py). With --model, through the
 engine itself and beside the alternatives; with --checkpoint, a quick look through the network in
 PyTorch. Writes scores.json, scores.md and plots to --out."""
 
@@ -15,7 +20,7 @@ from pathlib import Path
 import numpy as np
 import torch
 
-from training import checkpoint, conditions, metrics, processors
+from training import checkpoint, conditions, metrics, processors, validation
 from training.conditions import CONDITIONS
 from training.errors import TrainingError, reported_briefly
 from training.gain_rule import GainRule
@@ -172,8 +177,10 @@ def lineup(arguments, folder: Path) -> list:
 def main() -> None:
     parser = argparse.ArgumentParser(description=__doc__)
     parser.add_argument("--cache", type=Path, required=True)
-    parser.add_argument("--model", type=Path)
-    parser.add_argument("--checkpoint", type=Path)
+    parser.add_argument("--far", action="store_true", help="far and near scores side by side")
+    parser.add_argument("--quick", action="store_true", help="with --far: a third of the scenes")
+    parser.add_argument("--model", action="append", help="model file; with --far as many as you like")
+    parser.add_argument("--checkpoint", action="append", help="the same for checkpoints")
     parser.add_argument("--count", type=int, default=12, help="scenes per condition")
     parser.add_argument("--presets", type=Path, help="folder of the tool's presets to score as well")
     parser.add_argument("--only-engine", action="store_true")
@@ -182,8 +189,16 @@ def main() -> None:
     arguments = parser.parse_args()
     torch.set_num_threads(1)
     with reported_briefly(), tempfile.TemporaryDirectory() as folder:
+        if arguments.far:
+            validation.run(arguments)
+            return
         if not arguments.model and not arguments.checkpoint:
             raise TrainingError("give --model, --checkpoint or both")
+        for option in ("model", "checkpoint"):
+            given = getattr(arguments, option)
+            if given and len(given) > 1:
+                raise TrainingError(f"more than one --{option} can only be compared with --far")
+            setattr(arguments, option, Path(given[0]) if given else None)
         if arguments.presets and not arguments.model:
             raise TrainingError("--presets runs the engine: give --model as well")
         if arguments.count < 1:

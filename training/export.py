@@ -120,7 +120,7 @@ def main() -> None:
     with reported_briefly():
         network = checkpoint.load_average(arguments.checkpoint)
         counters = checkpoint.load(arguments.checkpoint)[2]
-        name = arguments.name or f"{checkpoint.hours_of_audio(counters):.0f} h of training"
+        name = arguments.name or f"{checkpoint.hours_of_audio(counters['frames']):.0f} h of training"
         if arguments.scores:
             from training import card  # here, so that an export needs no matplotlib
 

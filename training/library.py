@@ -34,11 +34,12 @@ native.se_training_shape.restype = ctypes.c_char_p
 for _function in (native.se_training_network, native.se_training_engine):
     _function.restype = ctypes.c_char_p
 native.se_training_network.argtypes = [ctypes.c_char_p, ctypes.c_long, ctypes.c_void_p,
-                                        ctypes.c_void_p, ctypes.c_int, ctypes.c_void_p]
+                                       ctypes.c_int, ctypes.c_void_p]
 native.se_training_engine.argtypes = [ctypes.c_char_p, ctypes.c_long, ctypes.c_void_p,
                                        ctypes.c_void_p, ctypes.c_void_p, ctypes.c_int, ctypes.c_int,
                                        ctypes.c_int, ctypes.c_char_p, ctypes.c_void_p]
 SHAPE = json.loads(native.se_training_shape(), object_hook=lambda d: SimpleNamespace(**d))
+RULE = SHAPE.rule  # the numbers of the gain rule
 
 
 def _floats(array: np.ndarray) -> ctypes.c_void_p:
@@ -102,9 +103,16 @@ def network_gains(model: bytes | None, front: FrontEnd) -> np.ndarray:
     contents, None the compiled-in one. Row t belongs to frame t - lookahead; earlier ones are 0."""
     frames = len(front.energy)
     gains = np.zeros((frames, SHAPE.bins), np.float32)
-    _check(native.se_training_network(model, len(model or b""), _floats(front.microphones),
-                                       _floats(front.reference), frames, _floats(gains)))
+    _check(native.se_training_network(model, len(model or b""), _floats(front.features), frames,
+                                       _floats(gains)))
     return gains
+
+
+def applied_gains(gains: np.ndarray, front: FrontEnd) -> np.ndarray:
+    """What the library's gain rule makes of `network_gains`."""
+    applied = gains.copy()
+    native.se_training_gain_rule(_floats(applied), _floats(front.energy), len(applied))
+    return applied
 
 
 def engine(model: bytes | None, mic0, mic1, reference, nn_only: bool = True, use_ns: bool = False,
@@ -115,6 +123,14 @@ def engine(model: bytes | None, mic0, mic1, reference, nn_only: bool = True, use
     _check(native.se_training_engine(model, len(model or b""), *map(_floats, signals), frames,
                                       nn_only, use_ns, config, _floats(out)))
     return out
+
+
+def make_up() -> np.ndarray:
+    """What the gain rule multiplies each bin's gain by."""
+    factor = np.full(SHAPE.bins, float(RULE.make_up))
+    factor[:RULE.first_full_bin] = RULE.low_make_up
+    factor[:RULE.first_kept_bin] = 0.0
+    return factor
 
 
 def _check(message: bytes | None) -> None:

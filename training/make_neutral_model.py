@@ -4,22 +4,23 @@
 
 It denoises nothing. All weights are zero, so the network's output is the sigmoid of the head's
 biases, whatever the input. The biases are chosen so that without far-end signal the gain that the
-engine applies comes as close to 1 as it can in the least-squares sense, over bins 4 to 255 (the engine
-removes bins 0 to 3):
+engine applies comes as close to 1 as it can in the least-squares sense, over the bins that the engine
+keeps:
 
     minimise  sum over bins of (make_up * (expansion @ value) - 1)^2   with 0 <= value <= 1
 
-A bin of a band of width w gets a mix of two values divided by w, and the engine multiplies by 3
-(bins 4 to 7: by 1.5). Bands of width 1 therefore reach unity, where they touch wider ones not quite;
-bands wider than 3 top out at 3 / w. The problem is convex with one bound per value; coordinate
+A bin of a band of width w gets a mix of two values divided by w, and the engine multiplies by its
+make-up gain. Bands of width 1 therefore reach unity, where they touch wider ones not quite; bands wider
+than the make-up gain top out at make_up / w. The problem is convex with one bound per value; coordinate
 descent solves it.
 """
 import sys
 
 import numpy as np
 
-from training.bands import BINS, expansion, make_up
+from training.bands import BINS, expansion
 from training.errors import reported_briefly
+from training.library import make_up
 from training.model_file import TABLES, write_model
 
 LARGEST_BIAS = 12.0  # sigmoid(12) = 1 - 6e-6

@@ -3,9 +3,13 @@
 import numpy as np
 import scipy.fft
 import scipy.signal
+import torch
 
 from training import library
 from training.library import SHAPE
+from training.loudness import LOWEST_BIN, Disturbance
+
+DISTURBANCE = Disturbance(SHAPE.bins, SHAPE.sample_rate)
 
 
 def decibels(ratio: float) -> float:
@@ -29,8 +33,14 @@ def reachable(target: np.ndarray, ceiling: np.ndarray) -> np.ndarray:
     return library.synthesise(spectra * ceiling)[delay:delay + len(target)]
 
 
-def stoi(enhanced: np.ndarray, clean: np.ndarray) -> float:
-    """Short-time objective intelligibility (Taal, Hendriks, Heusdens, Jensen 2011)."""
+def without_bass(signal: np.ndarray) -> np.ndarray:
+    """The signal without the bins that the engine removes by design, those below 125 Hz."""
+    return reachable(signal, (np.arange(SHAPE.bins) >= LOWEST_BIN).astype(np.float32))
+
+
+def intelligibility(enhanced: np.ndarray, clean: np.ndarray) -> tuple[float, float]:
+    """STOI (Taal, Hendriks, Heusdens, Jensen 2011) and ESTOI (Jensen, Taal 2016). Their lowest band begins
+    at 133 Hz."""
     rate, frame, fft, bands, segment, floor_db = 10000, 256, 512, 15, 30, 40
     clean = scipy.signal.resample_poly(clean, rate, SHAPE.sample_rate).astype(np.float64)
     enhanced = scipy.signal.resample_poly(enhanced, rate, SHAPE.sample_rate).astype(np.float64)
@@ -41,10 +51,10 @@ def stoi(enhanced: np.ndarray, clean: np.ndarray) -> float:
     loud = energy > energy.max() - floor_db
 
     def rebuilt(frames):
-        out = np.zeros((len(frames) + 1) * frame // 2)
-        for i, f in enumerate(frames):
-            out[i * frame // 2:i * frame // 2 + frame] += f
-        return out
+        out = np.zeros((len(frames) + 1, frame // 2))
+        out[:-1] += frames[:, :frame // 2]
+        out[1:] += frames[:, frame // 2:]
+        return out.reshape(-1)
 
     frequencies = np.arange(fft // 2 + 1) * rate / fft
     centres = 150.0 * 2.0 ** (np.arange(bands) / 3)
@@ -60,15 +70,23 @@ def stoi(enhanced: np.ndarray, clean: np.ndarray) -> float:
 
     x, y = envelopes(x[loud]), envelopes(y[loud])
     if len(x) < segment:
-        return float("nan")
+        return float("nan"), float("nan")
     x, y = (np.lib.stride_tricks.sliding_window_view(e, segment, axis=0) for e in (x, y))
-    y = y * (np.linalg.norm(x, axis=-1, keepdims=True) /
-             (np.linalg.norm(y, axis=-1, keepdims=True) + 1e-12))
-    y = np.minimum(y, x * (1 + 10 ** (15 / 20)))
-    x = x - x.mean(-1, keepdims=True)
-    y = y - y.mean(-1, keepdims=True)
-    correlation = (x * y).sum(-1) / (np.linalg.norm(x, axis=-1) * np.linalg.norm(y, axis=-1) + 1e-12)
-    return float(correlation.mean())
+
+    def unit(e, axis):
+        e = e - e.mean(axis, keepdims=True)
+        return e / (np.linalg.norm(e, axis=axis, keepdims=True) + 1e-12)
+
+    scaled = y * (np.linalg.norm(x, axis=-1, keepdims=True) /
+                  (np.linalg.norm(y, axis=-1, keepdims=True) + 1e-12))
+    limited = np.minimum(scaled, x * (1 + 10 ** (15 / 20)))
+    rows = [unit(e, -1) for e in (x, y)]
+    return (float((unit(x, -1) * unit(limited, -1)).sum(-1).mean()),
+            float((unit(rows[0], 1) * unit(rows[1], 1)).sum(1).mean()))
+
+
+def stoi(enhanced: np.ndarray, clean: np.ndarray) -> float:
+    return intelligibility(enhanced, clean)[0]
 
 
 def _frames(signal: np.ndarray) -> np.ndarray:
@@ -87,6 +105,28 @@ def segmental_snr(enhanced: np.ndarray, clean: np.ndarray) -> float:
     c, e = _frames(clean)[active], _frames(enhanced)[active]
     snr = 10 * np.log10((np.sum(c ** 2, 1) + 1e-12) / (np.sum((c - e) ** 2, 1) + 1e-12))
     return float(np.clip(snr, -10, 35).mean())
+
+
+def weighted_segmental_snr(enhanced: np.ndarray, clean: np.ndarray) -> float:
+    """Frequency-weighted segmental SNR in dB over Bark bands, weights the clean magnitude to the power of
+    0.2, limited to -10..35 dB (Tribolet et al. 1978, Hu and Loizou 2008)."""
+    active = active_frames(clean)
+    window = np.hanning(SHAPE.frame)
+    members = DISTURBANCE.members.numpy() > 0
+    c, e = (np.abs(np.fft.rfft(_frames(s)[active] * window)) @ members for s in (clean, enhanced))
+    snr = 20 * np.log10((c + 1e-9) / (np.abs(c - e) + 1e-9))
+    weights = c ** 0.2
+    return float(((np.clip(snr, -10, 35) * weights).sum(1) / (weights.sum(1) + 1e-12)).mean())
+
+
+def bark_disturbance(enhanced: np.ndarray, clean: np.ndarray) -> tuple[float, float]:
+    """Symmetric and asymmetric disturbance of loudness (training/loudness.py), means over all frames, both
+    signals being as loud where the clean one is active."""
+    active = np.repeat(active_frames(clean), SHAPE.frame // 2)
+    level = lambda s: np.sqrt(np.mean(s[:len(active)][active[:len(s)]].astype(np.float64) ** 2)) + 1e-9
+    spectra = [torch.from_numpy(np.abs(library.analyse(s.astype(np.float32))) / np.float32(
+        level(s) * np.sqrt(0.375 * SHAPE.frame))) for s in (enhanced, clean)]
+    return tuple(float(d.mean()) for d in DISTURBANCE(*spectra))
 
 
 def log_spectral_distance(enhanced: np.ndarray, clean: np.ndarray) -> float:

@@ -26,7 +26,8 @@ Model = namedtuple("Model", "name checksum tables")
 
 _LIST = Path(__file__).resolve().parent.parent / "src" / "nn" / "model_tables.def"
 _TYPES = {"int8_t": np.dtype("i1"), "float": np.dtype("<f4")}
-_ENTRY = re.compile(r"^SE_MODEL_TABLE\((\w+), (\w+), (\d+), (\d+), (\d+)\)$", re.MULTILINE)
+_ENTRY = re.compile(r"^SE_MODEL_TABLE\((\w+), (\w+), (\d+), (\d+)\)$", re.MULTILINE)
+_ALIGNMENT = 16
 
 
 class ModelFileError(TrainingError):
@@ -34,11 +35,12 @@ class ModelFileError(TrainingError):
 
 
 def _read_list():
-    tables = []
-    for name, kind, rows, columns, offset in _ENTRY.findall(_LIST.read_text()):
+    tables, offset = [], HEADER.size
+    for name, kind, rows, columns in _ENTRY.findall(_LIST.read_text()):
         rows, columns = int(rows), int(columns)
         shape = (columns,) if rows == 1 else (rows, columns)
-        tables.append(Table(name, _TYPES[kind], shape, int(offset)))
+        tables.append(Table(name, _TYPES[kind], shape, offset))
+        offset += -(-rows * columns * _TYPES[kind].itemsize // _ALIGNMENT) * _ALIGNMENT
     return tables
 
 
@@ -112,6 +114,9 @@ def read_model(path):
                                   table.offset).reshape(table.shape)
         for table in TABLES
     }
+    for name, values in tables.items():
+        if not np.isfinite(values).all():
+            raise ModelFileError(f"{path}: {name}: holds values that are not finite")
     try:
         name = label[:label.index(0)].decode()
     except ValueError as error:  # no closing zero, or not UTF-8

@@ -164,18 +164,26 @@ class ConvBlock(nn.Module):
         multiplier = self.gamma / torch.sqrt(self.var + BN_EPSILON)
         return multiplier, self.beta - self.mean * multiplier
 
-    def forward(self, x, quick: bool = False):
-        """(B, C, T, F) -> (B, C', T - 2, F'): only frames whose whole window is given."""
+    def in_integers(self):
+        """Integer weights, and multiplier and offset (F', C') that the scale of the weights and the
+        bias have joined."""
         multiplier, offset = self.folded()
-        if quick:  # the scale of the weights and the bias join the normalisation
-            with torch.no_grad():
-                scale = row_scales(self.weight.reshape(self.shape.out_channels, -1))
-            y = F.conv2d(x, accelerate.IntegerRows.apply(self.weight, scale), None,
-                         stride=(1, self.shape.freq_stride), padding=(0, self.shape.freq_pad))
-            offset = offset + multiplier * self.bias.reshape(-1, 1, 1)
-            multiplier = multiplier * scale.reshape(-1, 1, 1)
-            return accelerate.NormClamp.apply(y, multiplier.squeeze(1).t().contiguous(),
-                                              offset.squeeze(1).t().contiguous(), ACTIVATION_LIMIT)
+        with torch.no_grad():
+            scale = row_scales(self.weight.reshape(self.shape.out_channels, -1))
+        offset = offset + multiplier * self.bias.reshape(-1, 1, 1)
+        multiplier = multiplier * scale.reshape(-1, 1, 1)
+        return (accelerate.IntegerRows.apply(self.weight, scale),
+                multiplier.squeeze(1).t().contiguous(), offset.squeeze(1).t().contiguous())
+
+    def forward(self, x, path: str = "plain"):
+        """(B, C, T, F) -> (B, C', T - 2, F'): only frames whose whole window is given."""
+        if path == "amx":
+            weight, multiplier, offset = self.in_integers()
+            weight = weight.bfloat16().contiguous(memory_format=torch.channels_last)
+            y = F.conv2d(x, weight, None, stride=(1, self.shape.freq_stride),
+                         padding=(0, self.shape.freq_pad))
+            return accelerate.NormClamp.apply(y, multiplier, offset, ACTIVATION_LIMIT)
+        multiplier, offset = self.folded()
         return torch.addcmul(offset, self.convolve(x), multiplier).clamp(0, ACTIVATION_LIMIT)
 
 
@@ -191,13 +199,13 @@ class GruPair(nn.Module):
         for p in self.parameters():
             nn.init.uniform_(p, -1 / math.sqrt(hidden), 1 / math.sqrt(hidden))
 
-    def forward(self, x, h0, quick: bool = False):
+    def forward(self, x, h0, path: str = "plain"):
         """x (2, T, B, I), h0 (2, B, H) -> states (2, T, B, H)."""
         _, steps, batch, inputs = x.shape
         xq = quantise(x, Q11)
         w_ih, w_hh = quantise(self.weight_ih, GRU_STEP), quantise(self.weight_hh, GRU_STEP)
-        if quick:
-            return accelerate.GruPairLoop.apply(xq, w_ih, w_hh, self.bias_ih, self.bias_hh, h0)
+        if path != "plain":
+            return accelerate.GruPairLoop.apply(path, xq, w_ih, w_hh, self.bias_ih, self.bias_hh, h0)
         gates = torch.baddbmm(self.bias_ih.unsqueeze(1), xq.reshape(2, steps * batch, inputs),
                               w_ih.transpose(1, 2)).reshape(2, steps, batch, -1).transpose(0, 1)
         return _GruPairRecurrence.apply(gates, w_hh.transpose(1, 2), self.bias_hh.unsqueeze(1),
@@ -214,7 +222,7 @@ class Denoiser(nn.Module):
         self.gru2 = GruPair(SHAPE.gru2_inputs, SHAPE.hidden)
         self.head = nn.Linear(2 * SHAPE.hidden, SHAPE.bands)
         nn.init.constant_(self.head.bias, -1.0)
-        self.quick = accelerate.available()  # in training mode; evaluation takes the exact path
+        self.path = accelerate.choose_path()  # in training mode; evaluation takes the exact path
 
     @staticmethod
     def initial_state(batch: int) -> torch.Tensor:
@@ -227,28 +235,38 @@ class Denoiser(nn.Module):
         Streams marked in `fresh` (B,) begin where the engine begins: the first `lookahead` frames of
         their features, which are zero, lie before that, and every layer's history is zero. Without
         it the layers would answer to those frames, and the states that follow differ for seconds."""
-        quick = (self.training and self.quick and features.device.type == "cpu" and
-                 features.shape[0] % accelerate.BATCH_STEP == 0)
-        x = features.permute(0, 2, 1, 3)
-        if quick:
-            x = x.bfloat16().contiguous(memory_format=torch.channels_last)
-        for before, conv in zip(range(SHAPE.lookahead - 1, -1, -1), self.convs):
-            x = conv(x, quick)
-            if fresh is not None and before > 0:
-                x = _AtRest.apply(x, fresh, before)
-        if quick:
-            x = x.float()
-        batch, channels, steps, _ = x.shape
-        # Frequency halves, channel-major: (half, T, B, channel * positions).
-        x = x.reshape(batch, channels, steps, 2, self.half).permute(3, 2, 0, 1, 4)
-        h1 = self.gru1(x.reshape(2, steps, batch, channels * self.half), state[0], quick)
+        usable = (self.training and _rounding and features.device.type == "cpu" and
+                  features.shape[0] % accelerate.BATCH_STEP == 0)
+        path = self.path if usable else "plain"
+        x = self._convolved(features, fresh, path)
+        _, batch, steps, channels, _ = x.shape
+        # Channel-major: (half, T, B, channel * positions).
+        x = x.transpose(1, 2).reshape(2, steps, batch, channels * self.half)
+        h1 = self.gru1(x, state[0], path)
         # Channel shuffle: even elements of both outputs to one GRU, odd elements to the other.
         joined = h1.permute(1, 2, 0, 3).reshape(steps, batch, SHAPE.hidden, 2)
-        h2 = self.gru2(joined.permute(3, 0, 1, 2).contiguous(), state[1], quick)
+        h2 = self.gru2(joined.permute(3, 0, 1, 2).contiguous(), state[1], path)
         flat = h2.permute(1, 2, 0, 3).reshape(steps, batch, 2 * SHAPE.hidden)
         values = torch.sigmoid(F.linear(flat, quantise_rows(self.head.weight), self.head.bias))
         new_state = torch.stack([h1[:, -1], h2[:, -1]]).detach()
         return values.transpose(0, 1), new_state
+
+    def _convolved(self, features, fresh, path: str):
+        """(frequency half, B, T, C, position) of the last convolution."""
+        if path in ("avx512", "avx2"):
+            parameters = [p for conv in self.convs for p in conv.in_integers()]
+            if fresh is None:
+                fresh = torch.zeros(len(features), dtype=torch.bool)
+            x = accelerate.ConvStack.apply(path, ACTIVATION_LIMIT, features, fresh, *parameters)
+            return x.unflatten(2, (2, self.half)).permute(2, 0, 1, 4, 3)
+        x = features.permute(0, 2, 1, 3)
+        if path == "amx":
+            x = x.bfloat16().contiguous(memory_format=torch.channels_last)
+        for before, conv in zip(range(SHAPE.lookahead - 1, -1, -1), self.convs):
+            x = conv(x, path)
+            if fresh is not None and before > 0:
+                x = _AtRest.apply(x, fresh, before)
+        return x.float().unflatten(3, (2, self.half)).permute(3, 0, 2, 1, 4)
 
     def whole_scene(self, features: torch.Tensor) -> torch.Tensor:
         """Band values (T, bands) for features (T + lookahead, 3, bands) from the engine's start on."""

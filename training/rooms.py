@@ -1,6 +1,6 @@
-"""Statistical room impulse responses for two microphones.
+"""Room impulse responses for two microphones: measured ones, and statistical ones.
 
-A response is a direct sound, a handful of early reflections and an exponentially decaying tail
+A statistical response is a direct sound, a handful of early reflections and an exponentially decaying tail
 whose coherence between the microphones is that of a diffuse field, sinc(2 f d / c) (Cook et al.
 1955); Habets (2007) describes the construction. Statistical rather than image-method responses:
 they cost a tenth and a network that only sees band magnitudes cannot tell them apart.
@@ -16,19 +16,52 @@ DIRECT_AT = 24  # sample of the direct sound at microphone 1: room for the fract
 _SINC_HALF = 12
 
 
+_DIRECT_ENDS = DIRECT_AT + 40  # 2.5 ms after the direct sound of a measured response
+
+
+class MeasuredRoom:
+    """Responses that were measured in one room, from several places to the same microphones."""
+
+    def __init__(self, responses: list[tuple[float, np.ndarray]]):
+        """(distance in m, (channels, n) with the direct sound of the last channel at DIRECT_AT)."""
+        self.responses = responses
+        channels = responses[0][1].shape[0]
+        self.spacing = 0.05 if channels == 2 else 0.0
+        self.length = max(r.shape[1] for _, r in responses)
+
+    def response(self, rng: np.random.Generator, sample_rate: int, distance: float) -> np.ndarray:
+        """(2, length): one of the places, the reverberation as loud against the direct sound as it
+        is at `distance` in the direction of that place."""
+        measured, response = self.responses[rng.integers(len(self.responses))]
+        late = np.float32(np.clip(distance / measured, 0.05, 2.0))
+        out = np.zeros((2, self.length), np.float32)
+        out[:, :response.shape[1]] = response
+        ramp = np.linspace(1, late, 16, dtype=np.float32)
+        out[:, _DIRECT_ENDS:_DIRECT_ENDS + 16] *= ramp
+        out[:, _DIRECT_ENDS + 16:] *= late
+        return out
+
+
 @dataclasses.dataclass(frozen=True)
-class Room:
+class StatisticalRoom:
     """What every source in one scene shares."""
 
     t60: float  # s; 0 is an anechoic room
     spacing: float  # m between the microphones; 0 for one signal on both inputs
     length: int  # samples of a response
+    critical: float  # m at which direct and reverberant sound are equally loud
 
     @staticmethod
-    def draw(rng: np.random.Generator, sample_rate: int, dry: bool = False) -> "Room":
+    def draw(rng: np.random.Generator, sample_rate: int, dry: bool = False) -> "StatisticalRoom":
         t60 = 0.0 if rng.random() < 0.12 or dry else rng.uniform(0.1, 0.7)
         spacing = 0.0 if rng.random() < 0.35 else rng.uniform(0.02, 0.15)
-        return Room(t60, spacing, int(min(0.75 * t60, 0.45) * sample_rate) + 1024)
+        return StatisticalRoom(t60, spacing, int(min(0.75 * t60, 0.45) * sample_rate) + 1024,
+                               rng.uniform(0.6, 2.0))
+
+    def response(self, rng: np.random.Generator, sample_rate: int, distance: float) -> np.ndarray:
+        """(2, length) float32, unit direct sound at microphone 1."""
+        ratio = np.clip(20 * np.log10(self.critical / distance), -10, 18)
+        return _draw_response(rng, self, sample_rate, ratio)
 
 
 def _tap(response: np.ndarray, position: float, amplitude: float) -> None:
@@ -39,17 +72,13 @@ def _tap(response: np.ndarray, position: float, amplitude: float) -> None:
     response[n] += amplitude * np.sinc(x) * (0.5 + 0.5 * np.cos(np.pi * x / (_SINC_HALF + 1)))
 
 
-def draw_response(rng: np.random.Generator, room: Room, sample_rate: int, near: bool) -> np.ndarray:
-    """(2, room.length) float32, unit direct sound at microphone 1.
-
-    `near` draws the direct-to-reverberant ratio of somebody who talks to the device, otherwise
-    that of a source anywhere in the room."""
+def _draw_response(rng: np.random.Generator, room: StatisticalRoom, sample_rate: int,
+                   direct_to_reverberant: float) -> np.ndarray:
     response = np.zeros((2, room.length))
     max_lag = room.spacing / SPEED_OF_SOUND * sample_rate
     _tap(response[1], DIRECT_AT, 1.0)
     _tap(response[0], DIRECT_AT + rng.uniform(-max_lag, max_lag), 10 ** (rng.normal(0, 0.7) / 20))
     if room.t60 > 0:
-        direct_to_reverberant = rng.uniform(0, 15) if near else rng.uniform(-6, 10)
         decay = 3 * np.log(10) / (room.t60 * sample_rate)  # per sample, of the amplitude
         late = np.zeros((2, room.length))
         for _ in range(rng.integers(4, 12)):
@@ -72,7 +101,7 @@ def draw_response(rng: np.random.Generator, room: Room, sample_rate: int, near: 
     return response.astype(np.float32)
 
 
-def _diffuse_pair(rng: np.random.Generator, room: Room, sample_rate: int) -> np.ndarray:
+def _diffuse_pair(rng: np.random.Generator, room: StatisticalRoom, sample_rate: int) -> np.ndarray:
     return diffuse(rng.standard_normal((2, room.length), dtype=np.float32), room.spacing, sample_rate)
 
 

@@ -10,15 +10,25 @@ import dataclasses
 
 import numpy as np
 import scipy.fft
-import scipy.signal
 
 from training import rooms
-from training.audio import Clip, ClipLibrary
+from training.audio import Material, active_level
+from training.sources import Sources, decibels_to_gain, rms
 
 EARLY_MS = 40.0
-FOLDER_WEIGHTS = {"commands": 0.33, "keywords": 0.22, "community": 0.08, "german": 0.27,
-                  "dutch": 0.10}
-OTHER_FOLDER = 0.2  # weight of a collection that is not listed
+NOISE_EASE = 15.0  # dB that noise and echo are lower where scenes are easiest
+MEASURED_ROOMS = 0.4  # share of the scenes
+DEVICES = 0.25  # recorded through a measured microphone
+TALKER_DISTANCES = 0.3, 4.0  # m
+NOISE_DISTANCES = 0.8, 5.0
+LOUDSPEAKER_DISTANCES = 0.1, 1.5
+
+# What noise is made of, and how often: (with a talker, without). Voices that nobody is to hear are left
+# out where nobody else talks: nothing would tell them from a talker.
+NOISES = {
+    "real": (0.46, 0.56), "mixed": (0.16, 0.14), "synthetic": (0.11, 0.15), "babble": (0.06, 0.07),
+    "cafe": (0.06, 0.05), "behind": (0.05, 0.0), "television": (0.06, 0.0), "handling": (0.04, 0.03),
+}
 
 
 @dataclasses.dataclass
@@ -27,7 +37,7 @@ class Plan:
     microphone 1, or to nothing (and then `level` is theirs) when nobody talks."""
 
     talks: bool
-    noise: str  # "none", "real", "synthetic", "babble", "mixed"
+    noise: str  # "none" or a key of NOISES
     far_end: bool
     snr: float
     echo: float  # level of the echo over the talker's; -inf: the loudspeaker is not heard
@@ -40,6 +50,10 @@ class Plan:
     bandwidth: float = np.inf  # Hz; recordings at 8 kHz or from a narrow codec hold nothing above
     dry: bool = False  # no room at all
     mild_loudspeaker: bool = False  # little distortion, always the same amount
+    effort: str = "normal"  # or "whisper", "shout"
+    overlap: bool = False  # the talker begins while the far end says its last words
+    group: str = ""  # of the real noise; empty: any
+    distance: float | None = None  # of the talker in m; None: any of TALKER_DISTANCES
 
 
 @dataclasses.dataclass
@@ -48,9 +62,11 @@ class Scene:
     reference: np.ndarray  # (n,)
     target: np.ndarray  # (n,) zero where nobody talks
     plan: Plan
+    facts: dict = dataclasses.field(default_factory=dict)  # who, where, which noise, how far away
 
 
-def draw_plan(rng: np.random.Generator) -> Plan:
+def draw_plan(rng: np.random.Generator, ease: float = 0.0) -> Plan:
+    """`ease` from 0 to 1 takes noise and echo down, for a run that begins with easy scenes."""
     far_end = rng.random() < 0.5
     echo = -np.inf
     if far_end:
@@ -63,198 +79,118 @@ def draw_plan(rng: np.random.Generator) -> Plan:
     else:
         kind = rng.choice(["noisy", "nearly clean", "noise", "clean"], p=[0.47, 0.24, 0.24, 0.05])
         talks = kind != "noise"
-        noise = rng.choice(["real", "mixed", "synthetic", "babble"], p=[0.58, 0.17, 0.15, 0.10])
+        noise = rng.choice(list(NOISES), p=[p[0 if talks else 1] for p in NOISES.values()])
         snr = rng.uniform(25, 50) if kind == "nearly clean" else rng.uniform(-8, 30)
         if kind == "noisy" and rng.random() < 0.4:
             snr = rng.uniform(-8, 10)
+        if kind == "noisy" and noise in ("behind", "television"):
+            snr = rng.uniform(2, 25)  # as loud as the talker, nothing tells which is which
         if kind == "clean":
             noise = "none"
     level = rng.uniform(-55, -10) if talks else rng.uniform(-65, -15)
+    effort = rng.choice(["normal", "whisper", "shout"], p=[0.93, 0.03, 0.04]) if talks else "normal"
+    if effort == "whisper":
+        level, snr = rng.uniform(-58, -35), max(snr, rng.uniform(0, 15))
+    elif effort == "shout":
+        level = rng.uniform(-25, -8)
     # Often enough that noise or echo before the first words is not taken for the talker.
     begins = rng.uniform(0.2, 0.8) if rng.random() < 0.3 else 0.0
+    overlap = far_end and talks and rng.random() < 0.2
+    if overlap:
+        begins = rng.uniform(0.25, 0.7)
+    snr, echo = snr + NOISE_EASE * ease, echo - NOISE_EASE * ease
     bandwidth = np.inf
     if rng.random() < 0.15:
         bandwidth = rng.choice([3400.0, 3900.0, rng.uniform(3000, 7500)])
     return Plan(talks, str(noise), far_end, float(snr), float(echo), float(level),
                 clip=rng.random() < 0.04, dead_microphone=rng.random() < 0.03,
                 digital_silence=rng.random() < 0.05, path_change=rng.random() < 0.2,
-                begins=float(begins), bandwidth=float(bandwidth))
+                begins=float(begins), bandwidth=float(bandwidth), effort=str(effort), overlap=overlap)
 
 
 class Mixer:
     """Draws and renders scenes from one side of the split; one generator per process."""
 
-    def __init__(self, library: ClipLibrary, sample_rate: int, seed, vary_noise: bool = True):
-        self.library = library
-        self.vary_noise = vary_noise
-        self.rate = sample_rate
+    def __init__(self, material: Material, sample_rate: int, seed, vary_noise: bool = True,
+                 equaliser: float = 5.0):
+        """`equaliser`: dB that talkers and microphones are coloured by, either way."""
+        self.equaliser = equaliser
+        self.material, self.rate = material, sample_rate
         self.rng = np.random.default_rng(seed)
-        self.levels: dict[str, float] = {}
-        self.folders = list(library.talkers)
-        weights = np.array([FOLDER_WEIGHTS.get(f, OTHER_FOLDER) for f in self.folders])
-        self.folder_weights = weights / weights.sum()
+        self.sources = Sources(material, sample_rate, self.rng, vary_noise)
+        self.rooms = {name: rooms.MeasuredRoom(r) for name, r in material.rooms.items()}
+        self.room_probabilities = material.room_probabilities()
 
-    # --- sources -------------------------------------------------------------------------------
+    def reseed(self, seed) -> None:
+        """From here on draws as a mixer of this seed would."""
+        self.rng = self.sources.rng = np.random.default_rng(seed)
 
-    def speech(self, n: int, busy: float | None = None) -> np.ndarray:
-        """n samples of one talker: clips joined with pauses, active level about 1.0 rms."""
+    def draw_room(self, dry: bool, facts: dict):
         rng = self.rng
-        folder = self.folders[rng.choice(len(self.folders), p=self.folder_weights)]
-        talkers = list(self.library.talkers[folder].values())
-        clips = talkers[rng.integers(len(talkers))]
-        pace = rng.choice([0.1, 0.5, 1.2], p=[0.5, 0.3, 0.2]) if busy is None else busy
-        stretch = rng.uniform(0.87, 1.15) if rng.random() < 0.5 else 1.0
-        out = np.zeros(n, np.float32)
-        at = int(rng.exponential(0.5 * pace + 0.1) * self.rate)
-        gain = 1.0
-        while at < n:
-            clip = clips[rng.integers(len(clips))]
-            samples = self._excerpt(clip, n - at, stretch)
-            level = self._level(clip)
-            if level > 0:
-                if gain == 1.0 or rng.random() < 0.3:
-                    gain = 10 ** (rng.normal(0, 1.5) / 20)
-                out[at:at + len(samples)] = samples * (gain / level)
-            at += len(samples) + int(rng.exponential(pace) * self.rate)
-        return out
+        if not dry and self.rooms and rng.random() < MEASURED_ROOMS:
+            facts["room"] = str(rng.choice(list(self.rooms), p=self.room_probabilities))
+            return self.rooms[facts["room"]]
+        facts["room"] = "dry" if dry else "statistical"
+        return rooms.StatisticalRoom.draw(rng, self.rate, dry)
 
-    def _level(self, clip: Clip) -> float:
-        """Active level of the whole clip: what fits into a scene may end before the first word."""
-        if clip.name not in self.levels:
-            self.levels[clip.name] = active_level(self.library.samples(clip), self.rate)
-        return self.levels[clip.name]
+    def distance(self, limits: tuple[float, float]) -> float:
+        return float(np.exp(self.rng.uniform(*np.log(limits))))
 
-    def _excerpt(self, clip: Clip, room: int, stretch: float) -> np.ndarray:
-        samples = self.library.samples(clip)[:int(room * stretch) + 1]
-        if stretch != 1.0:
-            samples = self._stretched(samples, stretch)
-        samples = samples[:room].astype(np.float32)
-        fade = min(160, len(samples))
-        samples[-fade:] *= np.linspace(1, 0, fade, dtype=np.float32)
-        return samples
-
-    def _stretched(self, samples: np.ndarray, stretch: float, spread: float = 0.0) -> np.ndarray:
-        """Played `stretch` times as fast, under a random equaliser of up to `spread` dB."""
-        padded = scipy.fft.next_fast_len(len(samples), real=True)
-        spectrum = scipy.fft.rfft(samples, padded)
-        m = int(round(padded / stretch / 2)) * 2
-        bins = np.zeros(m // 2 + 1, spectrum.dtype)
-        keep = min(len(bins), len(spectrum))
-        bins[:keep] = spectrum[:keep]
-        if spread:
-            bins *= self._equaliser(np.linspace(0, self.rate / 2, len(bins), dtype=np.float32), spread)
-        return scipy.fft.irfft(bins, m)[:int(len(samples) / stretch)] * np.float32(m / padded)
-
-    def real_noise(self, n: int) -> np.ndarray:
-        """One of the noises; in training most often at another speed and colour, sometimes backwards,
-        for they are few."""
-        rng = self.rng
-        samples = self.library.samples(self.library.noises[rng.integers(len(self.library.noises))])
-        stretch = rng.uniform(0.7, 1.4) if self.vary_noise and rng.random() < 0.7 else 1.0
-        length = int(n * stretch)
-        start = rng.integers(max(1, len(samples) - length))
-        out = samples[start:start + length].astype(np.float32)
-        if stretch != 1.0:
-            out = self._stretched(out, stretch, spread=10.0)
-            if rng.random() < 0.4:
-                out = out[::-1]
-        while len(out) < n:  # a short clip repeats, overlapping itself by 50 ms
-            fade = self.rate // 20
-            ramp = np.linspace(0, 1, fade, dtype=np.float32)
-            joint = out[-fade:] * (1 - ramp) + samples[:fade] * ramp
-            out = np.concatenate([out[:-fade], joint, samples[fade:]])
-        return normalised(out[:n])
-
-    def synthetic_noise(self, n: int) -> np.ndarray:
-        """Coloured noise, steady, modulated or in bursts, with or without hum."""
-        rng = self.rng
-        out = rng.standard_normal(n, dtype=np.float32)
-        spectrum = scipy.fft.rfft(out, scipy.fft.next_fast_len(n, real=True))
-        tilt = rng.uniform(-1.0, 0.2)  # of the amplitude over frequency, as an exponent
-        f = np.arange(len(spectrum), dtype=np.float32) * (self.rate / 2 / len(spectrum))
-        shape = np.maximum(f, 40.0) ** np.float32(tilt) * self._equaliser(f, 8.0)
-        out = normalised(scipy.fft.irfft(spectrum * shape)[:n].astype(np.float32))
-        t = np.arange(n, dtype=np.float32) / self.rate
-        if rng.random() < 0.4:
-            rate, depth = rng.uniform(0.3, 8), rng.uniform(0.3, 1.0)
-            out *= 1 + np.float32(depth) * np.sin(2 * np.pi * np.float32(rate) * t + rng.uniform(0, 6))
-        elif rng.random() < 0.4:  # strikes and rustles, at random or in a beat
-            period, decay = rng.uniform(0.08, 1.5), rng.uniform(0.004, 0.2)
-            gaps = rng.exponential(period, n) if rng.random() < 0.6 else np.full(n, period)
-            times = (np.cumsum(gaps) * self.rate).astype(int)
-            strikes = np.zeros(n, np.float32)
-            strikes[times[times < n]] = rng.uniform(0.2, 1.0, np.count_nonzero(times < n))
-            fall = np.exp(-1 / (decay * self.rate))
-            out *= scipy.signal.lfilter([1.0], [1.0, -fall], strikes).astype(np.float32) + np.float32(
-                rng.choice([0.0, 0.02, 0.1]))
-        if rng.random() < 0.3:
-            mains = rng.choice([50.0, 60.0, rng.uniform(80, 400)])
-            hum = np.zeros(n, np.float32)
-            for k in range(1, rng.integers(2, 12)):
-                if k * mains < 0.45 * self.rate:
-                    phase = np.float32(2 * np.pi * k * mains) * t + np.float32(rng.uniform(0, 6))
-                    hum += np.float32(rng.uniform(0.1, 1) / k ** rng.uniform(0.3, 1.2)) * np.sin(phase)
-            out += normalised(hum) * np.float32(10 ** (rng.uniform(-10, 10) / 20))
-        return normalised(out)
-
-    def babble(self, n: int) -> np.ndarray:
-        return normalised(sum(self.speech(n, busy=0.2) * np.float32(self.rng.uniform(0.4, 1.0))
-                              for _ in range(self.rng.integers(3, 7))))
+    def talk(self, n: int, plan: Plan, facts: dict) -> np.ndarray:
+        """The talker before any room."""
+        source = np.zeros(n, np.float32)
+        start = int(plan.begins * n)
+        talker = self.sources.draw_talker()
+        facts["collection"], facts["talker"] = talker
+        source[start:] = self.sources.speech(n - start, talker)
+        if active_level(source, self.rate) < 0.3:  # the scene ends before the first word
+            return np.zeros(n, np.float32)
+        if plan.effort == "whisper":
+            return self.sources.whispered(source)
+        if plan.effort == "shout":
+            return self.sources.shouted(source)
+        return source
 
     def loudspeaker_sound(self, n: int) -> np.ndarray:
         """What a loudspeaker plays: mostly another talker."""
-        return self.speech(n) if self.rng.random() < 0.8 else self.real_noise(n)
-
-    def _equaliser(self, f: np.ndarray, spread: float) -> np.ndarray:
-        """Random smooth gain over frequency: points an octave apart, `spread` dB either way."""
-        points = np.log2(np.maximum(f, 50.0) / 50.0)
-        gains = self.rng.uniform(-spread, spread, 9)
-        coarse = np.linspace(0, 8, 9)
-        return (10 ** (np.interp(points, coarse, gains) / 20)).astype(np.float32)
+        return self.sources.speech(n) if self.rng.random() < 0.8 else self.sources.real_noise(n)
 
     # --- the scene -----------------------------------------------------------------------------
 
     def scene(self, n: int, plan: Plan | None = None) -> Scene:
         plan = plan or draw_plan(self.rng)
-        rng = self.rng
-        room = rooms.Room.draw(rng, self.rate, plan.dry)
+        rng, facts = self.rng, {}
+        room = self.draw_room(plan.dry, facts)
         size = scipy.fft.next_fast_len(n + room.length, real=True)
         f = np.arange(size // 2 + 1, dtype=np.float32) * np.float32(self.rate / size)
 
         def spectrum(signal):
             return scipy.fft.rfft(signal, size)
 
-        def at_microphones(source, near):
-            response = rooms.draw_response(rng, room, self.rate, near)
+        def at_microphones(source, distance):
+            response = room.response(rng, self.rate, distance)
             return spectrum(source) * spectrum(response), response
 
         silence = np.zeros((2, size // 2 + 1), np.complex64)
         talker, target = silence, silence[0]
         if plan.talks:
-            source = np.zeros(n, np.float32)
-            start = int(plan.begins * n)
-            source[start:] = self.speech(n - start)
-            if active_level(source, self.rate) < 0.3:  # the scene ends before the first word
-                source[:] = 0
-            voice = self._equaliser(f, 4.0) if rng.random() < 0.5 else 1.0
-            talker, response = at_microphones(source, near=True)
+            source = self.talk(n, plan, facts)
+            facts["distance"] = plan.distance or self.distance(TALKER_DISTANCES)
+            voice = self.sources.equaliser(f, self.equaliser) if rng.random() < 0.5 else 1.0
+            talker, response = at_microphones(source, facts["distance"])
             target = spectrum(source) * spectrum(rooms.early_part(response[1], self.rate, EARLY_MS))
             talker, target = talker * voice, target * voice
         noise = silence if plan.noise == "none" else self._noise(n, plan, room, spectrum,
-                                                                 at_microphones)
+                                                                 at_microphones, facts)
         reference = np.zeros(n, np.float32)
         echo = np.zeros((2, n), np.float32)
         if plan.far_end:
             reference, echo = self._loudspeaker(n, plan, room, f, size, spectrum)
         elif rng.random() < 0.1:  # the noise floor of a line that plays nothing
-            reference = rng.standard_normal(n, dtype=np.float32) * np.float32(
-                10 ** (rng.uniform(-100, -75) / 20))
+            reference = rng.standard_normal(n, dtype=np.float32) * decibels_to_gain(
+                rng.uniform(-100, -75))
 
-        pickup = self._equaliser(f, 5.0) if rng.random() < 0.5 else np.ones_like(f)
-        if rng.random() < 0.3:  # DC blocker or small microphone
-            corner = rng.uniform(30, 180)
-            pickup = pickup * (f / np.sqrt(f ** 2 + corner ** 2)).astype(np.float32)
-        pickup = pickup * (f < plan.bandwidth)
+        pickup = self._pickup(f) * (f < plan.bandwidth)
         parts = scipy.fft.irfft(np.concatenate([talker, target[None], noise]) * pickup, size)[:, :n]
         talker, target, noise = parts[:2], parts[2], parts[3:]
 
@@ -274,20 +210,40 @@ class Mixer:
         target = target * scale
         self._finish(microphones, target, plan, room)
         return Scene(microphones.astype(np.float32), reference.astype(np.float32),
-                     target.astype(np.float32), plan)
+                     target.astype(np.float32), plan, facts)
 
-    def _noise(self, n, plan, room, spectrum, at_microphones):
+    def _pickup(self, f: np.ndarray) -> np.ndarray:
+        """What the microphones do to everything they hear."""
         rng = self.rng
-        kinds = {"real": ["real"], "synthetic": ["synthetic"], "babble": ["babble"],
-                 "mixed": list(rng.choice(["real", "synthetic", "babble"], 2, p=[0.6, 0.25, 0.15]))}
-        make = {"real": self.real_noise, "synthetic": self.synthetic_noise, "babble": self.babble}
+        if rng.random() < DEVICES:
+            return self.sources.device(f)
+        pickup = self.sources.equaliser(f, self.equaliser) if rng.random() < 0.5 else np.ones_like(f)
+        if rng.random() < 0.3:  # DC blocker or small microphone
+            corner = rng.uniform(30, 180)
+            pickup = pickup * (f / np.sqrt(f ** 2 + corner ** 2)).astype(np.float32)
+        return pickup
+
+    def _noise(self, n, plan, room, spectrum, at_microphones, facts):
+        rng, sources = self.rng, self.sources
+        make = {"synthetic": sources.synthetic_noise, "babble": sources.babble, "cafe": sources.cafe,
+                "behind": sources.voices_behind, "television": sources.television,
+                "handling": sources.handling_noise}
+        kinds = [plan.noise]
+        if plan.noise == "mixed":
+            kinds = list(rng.choice(["real", "synthetic", "babble"], 2, p=[0.7, 0.2, 0.1]))
         total = 0
-        for kind in kinds[plan.noise]:
-            if rng.random() < 0.5:
-                both, _ = at_microphones(make[kind](n), near=False)
+        for kind in kinds:
+            if kind == "real":
+                clip = sources.draw_noise(plan.group)
+                facts["noise"] = clip.name
+                sound = sources.real_noise(n, clip)
             else:
-                first = spectrum(make[kind](n))
-                if room.spacing == 0:
+                sound = make[kind](n)
+            if kind in ("behind", "television") or (kind != "handling" and rng.random() < 0.5):
+                both, _ = at_microphones(sound, self.distance(NOISE_DISTANCES))
+            else:
+                first = spectrum(sound)
+                if room.spacing == 0 or kind == "handling":
                     both = np.stack([first, first])
                 else:  # the same ambience from elsewhere in time is independent of itself
                     shift = rng.integers(self.rate // 2, n)
@@ -295,7 +251,7 @@ class Mixer:
                                   np.arange(len(first))).astype(np.complex64)
                     both = rooms.diffuse_spectra(np.stack([first, first * turn]),
                                                  2 * (len(first) - 1), room.spacing, self.rate)
-            total = total + both * np.float32(10 ** (rng.uniform(-6, 0) / 20))
+            total = total + both * decibels_to_gain(rng.uniform(-6, 0))
         return total
 
     def _loudspeaker(self, n, plan, room, f, size, spectrum):
@@ -304,11 +260,13 @@ class Mixer:
         reference = self.loudspeaker_sound(n)
         if np.isfinite(plan.bandwidth) and rng.random() < 0.7:
             reference = scipy.fft.irfft(spectrum(reference) * (f < plan.bandwidth), size)[:n]
-        start = int(rng.choice([0, rng.uniform(0, 0.4)], p=[0.7, 0.3]) * n)
+        start = 0 if plan.overlap else int(rng.choice([0, rng.uniform(0, 0.4)], p=[0.7, 0.3]) * n)
         reference[:start] = 0
-        if rng.random() < 0.25:
+        if plan.overlap:
+            reference[int((plan.begins + rng.uniform(0, 0.15)) * n):] = 0
+        elif rng.random() < 0.25:
             reference[int(rng.uniform(0.5, 0.9) * n):] = 0
-        reference *= np.float32(10 ** (rng.uniform(-38, -12) / 20))
+        reference *= decibels_to_gain(rng.uniform(-38, -12))
         np.clip(reference, -1, 1, out=reference)
         if not np.isfinite(plan.echo):
             return reference, np.zeros((2, n), np.float32)
@@ -318,15 +276,14 @@ class Mixer:
         peak = np.abs(reference).max() + 1e-9
         driven = reference / peak * drive
         played = (np.tanh(driven) + np.float32(rng.uniform(0, 0.05)) * driven ** 2) / drive * peak
-        box = self._equaliser(f, 4.0) * (f / np.sqrt(f ** 2 + rng.uniform(80, 350) ** 2))
-        box = box * (f < plan.bandwidth)
+        case = self.sources.device(f) if rng.random() < 0.5 else self.sources.equaliser(f, 4.0)
+        case = case * (f / np.sqrt(f ** 2 + rng.uniform(80, 350) ** 2)) * (f < plan.bandwidth)
         delay = int(rng.uniform(0, 0.06) * self.rate)
         turn = np.exp(-2j * np.pi * delay / size * np.arange(len(f))).astype(np.complex64)
-        source = spectrum(played) * (box * turn).astype(np.complex64)
+        source = spectrum(played) * (case * turn).astype(np.complex64)
         paths = 2 if plan.path_change else 1
-        echoes = [scipy.fft.irfft(source * spectrum(
-            rooms.draw_response(rng, room, self.rate, near=True)), size)[:, :n]
-            for _ in range(paths)]
+        echoes = [scipy.fft.irfft(source * spectrum(room.response(
+            rng, self.rate, self.distance(LOUDSPEAKER_DISTANCES))), size)[:, :n] for _ in range(paths)]
         if paths == 2:
             change, fade = int(rng.uniform(0.3, 0.8) * n), self.rate // 50
             ramp = np.clip((np.arange(n) - change) / fade, 0, 1).astype(np.float32)
@@ -356,24 +313,3 @@ class Mixer:
         if plan.dead_microphone:
             microphones[0] = 0
         np.clip(microphones, -1, 1, out=microphones)
-
-
-def rms(x: np.ndarray) -> float:
-    return float(np.sqrt(np.mean(np.square(x)))) if x.size else 0.0
-
-
-def normalised(x: np.ndarray) -> np.ndarray:
-    return x * np.float32(1 / (rms(x) + 1e-9))
-
-
-def active_level(x: np.ndarray, rate: int) -> float:
-    """rms over the 20 ms frames within 30 dB of the loudest 1 percent; 0 for silence."""
-    frame = rate // 50
-    if len(x) < frame:
-        return rms(x)
-    frames = x[:len(x) // frame * frame].reshape(-1, frame)
-    power = np.einsum("ij,ij->i", frames, frames) / frame
-    loud = np.quantile(power, 0.99)
-    if loud <= 1e-14:
-        return rms(x)
-    return float(np.sqrt(power[power > loud * 1e-3].mean()))

@@ -8,11 +8,13 @@ import torch
 import torch.multiprocessing as mp
 
 from training import library, scenes
+from training.audio import active_level
 from training.bands import band_start
 from training.errors import TrainingError
 from training.gain_rule import FAR_END_ENERGY
 from training.library import SHAPE
 from training.loss import EXPONENT
+from training.sources import rms
 
 
 BAND_START = band_start()
@@ -37,9 +39,9 @@ def make_example(scene: scenes.Scene) -> Example:
     frames = len(spectra) - lag
     padded = np.concatenate([np.zeros((lag, *features.shape[1:]), np.float32), features])
     target = library.analyse(scene.target)[:frames]
-    level = scenes.active_level(scene.target, SHAPE.sample_rate)
+    level = active_level(scene.target, SHAPE.sample_rate)
     if level <= 1e-7:
-        level = scenes.rms(scene.microphones[1])
+        level = rms(scene.microphones[1])
     # Mean bin power of white noise of 1.0 rms under the squared window.
     scale = np.float32(1 / (max(level, 1e-6) * np.sqrt(0.375 * SHAPE.frame)))
     mixture = spectra[:frames] * scale
@@ -58,10 +60,13 @@ class Streams:
     KEEP_STATE = 0.3  # of the scene changes happen in a running engine
 
     def __init__(self, mixer: scenes.Mixer, batch: int, window: int, reuse: float = 0.5,
-                 pool: int = 700, draw_plan=scenes.draw_plan):
+                 pool: int = 700, draw_plan=scenes.draw_plan, curriculum: tuple[float, float] = (0, 0)):
+        """`curriculum`: windows per stream until scenes are as hard as they get, and how many of them
+        the run has seen."""
         self.mixer, self.window, self.reuse, self.pool_size = mixer, window, reuse, pool
         self.rng = mixer.rng
         self.draw_plan = draw_plan
+        self.easy_windows, self.windows = curriculum
         self.pool: list[Example] = []
         self.current = [self._next() for _ in range(batch)]
         # Streams start at different places so that their scenes do not all change at once.
@@ -72,12 +77,15 @@ class Streams:
             return self._varied(self.pool[self.rng.integers(len(self.pool))])
         windows = int(self.rng.integers(3, 7))
         samples = (windows * self.window + SHAPE.lookahead) * SHAPE.hop
-        example = make_example(self.mixer.scene(samples, self.draw_plan(self.rng)))
+        example = make_example(self.mixer.scene(samples, self.draw_plan(self.rng, self.ease())))
         if len(self.pool) < self.pool_size:
             self.pool.append(example)
         else:
             self.pool[self.rng.integers(self.pool_size)] = example
         return example
+
+    def ease(self) -> float:
+        return max(0.0, 1 - self.windows / self.easy_windows) if self.easy_windows else 0.0
 
     def _varied(self, example: Example) -> Example:
         """Features are square roots of magnitudes; the normalised spectra follow the response only."""
@@ -93,6 +101,7 @@ class Streams:
     def next_windows(self):
         """(features, mixture, target, cosine, far_end) tensors and the streams (batch,) whose
         recurrent state starts anew."""
+        self.windows += 1
         fresh = np.zeros(len(self.current), bool)
         parts = []
         for i, example in enumerate(self.current):

@@ -14,9 +14,11 @@
  * Two modules, each usable on its own: `aec_*` keeps the history of the reference and serves two
  * microphones; `echo_subtraction_*` holds the filters of one microphone.
  *
- * Common to all functions here: nothing is allocated and no argument is checked. Every sample of
- * every input must be finite: a NaN or an infinity may stay in the filters of its bin for good. A
- * state belongs to one thread at a time. There is no reset: zero the memory and initialise again.
+ * Common to all functions here: nothing is allocated and no argument is checked. Inputs ought to be
+ * finite, with powers below 1e16 (full scale in one bin is 65536). What is not spoils its bin of
+ * the output, in the reference for the 8, 4 or 2 frames that the bin remembers; then the bin starts
+ * anew, as after initialisation. The others never notice. A state belongs to one thread at a time.
+ * There is no reset: zero the memory and initialise again.
  */
 #ifndef SPEECHENHANCE_AEC_H
 #define SPEECHENHANCE_AEC_H
@@ -53,7 +55,9 @@ SE_API aec_state* aec_init(void* mem, void* scratch);
  * read
  *
  * No two of the five arrays may overlap. A bin adapts while the reference energy over its taps
- * exceeds 0.001; with a silent reference the microphones pass unchanged. */
+ * exceeds 0.001, so a reference that falls silent stops it within 8, 4 or 2 frames; until one has
+ * sounded the microphones pass unchanged. The energy is a running sum that stays within 2^-10 of
+ * the sum of the frames' powers, however loud the reference was before. */
 SE_API void aec_process(aec_state* state, zel_lcomplex* const* mic_spectra,
                         float* const* mic_powers, const zel_lcomplex* ref_spectrum);
 

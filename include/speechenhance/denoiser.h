@@ -100,8 +100,10 @@ SE_API extern const DenoiseModel nn_denoise_model;
  * quiet, gains that are still low are multiplied by 0.6.
  *
  * Denoisers on several threads update it with relaxed atomic operations, so that noise_flag_sum is
- * the number of ones in noise_buf whenever no nn_process_api call is under way. Read-only for
- * hosts; on other threads than the denoiser's, read with __atomic_load_n(&x, __ATOMIC_RELAXED). */
+ * the number of ones in noise_buf whenever no nn_process_api call is under way. On other threads
+ * than the denoiser's, read with __atomic_load_n(&x, __ATOMIC_RELAXED). Hosts write at most zeros
+ * to all four, and only while no nn_process_api call is under way: so that the next recording does
+ * not depend on those before it. */
 SE_API extern int32_t noise_flag;       /* the flag of the latest frame, 0 or 1 */
 SE_API extern int32_t noise_buf[1000];  /* the flags of the last 1000 frames, as a ring */
 SE_API extern int32_t noise_flag_sum;   /* ones in noise_buf */

@@ -3,9 +3,11 @@
  *   #include <speechenhance/speechenhance.h>
  *   #include <stdio.h>
  *
- *   int main(void) {
- *     int16_t mic[320], ref[160] = {0}, out[160];
- *     SEInstance* engine = se_create();
+ *   // embed IN OUT: from raw 16-bit samples at 16 kHz, two microphones interleaved, to the voice.
+ *   int main(int argc, char** argv) {
+ *     FILE* in = argc == 3 ? fopen(argv[1], "rb") : NULL;
+ *     FILE* out = in ? fopen(argv[2], "wb") : NULL;
+ *     SEInstance* engine = out ? se_create() : NULL;
  *     if (!engine) return 1;
  *
  *     NnProcessConfig config = {0};
@@ -13,12 +15,13 @@
  *     config.limiter_max_gain = 0.9f;
  *     set_nn_process_config(engine, config);
  *
- *     while (fread(mic, sizeof mic, 1, stdin) == 1) {
- *       se_process_frames(engine, mic, ref, 160, out, true, false);
- *       fwrite(out, sizeof out, 1, stderr);
+ *     int16_t mic[320], ref[160] = {0}, voice[160];  // ref: what the loudspeaker plays
+ *     while (fread(mic, sizeof mic, 1, in) == 1) {
+ *       se_process_frames(engine, mic, ref, 160, voice, true, false);
+ *       fwrite(voice, sizeof voice, 1, out);
  *     }
  *     se_destroy(engine);
- *     return 0;
+ *     return fclose(out) == 0 ? 0 : 1;
  *   }
  *
  * The engine works at 16 kHz on blocks of 160 samples (10 ms) in a short-time Fourier domain of
@@ -63,6 +66,8 @@ SE_BEGIN_C
 #define SE_BLOCK_LEN 160
 /* Samples per second of every signal that crosses this interface. */
 #define SE_SAMPLE_RATE 16000
+/* The largest magnitude of an input sample, 24 dB above full scale. */
+#define SE_MAX_SAMPLE 16.0f
 
 /* One engine, for one audio stream. Opaque. */
 typedef struct SEInstance SEInstance;
@@ -97,7 +102,8 @@ typedef struct NnProcessConfig {
   PeakBand peak[10];      /* applied in order after the shelves; the gains of all bands multiply */
 } NnProcessConfig;
 
-/* The library's version and build, a constant string. Any thread. */
+/* The version of this interface, a constant string whose build date is part of it: hosts compare
+ * the text. The library's own version is that of its package and file name. Any thread. */
 SE_API const char* se_get_version(void);
 
 /* Creates an engine: unconfigured (no mix, limiter off, equaliser off), with all histories zero.
@@ -117,8 +123,11 @@ SE_API void se_destroy(SEInstance* instance);
  *   use_ns   if nn_only is false: true mixes at the level of ns_residual_db and runs the classical
  *            suppressor on the mix; false mixes at the level of residual_db alone (bins from
  *            125 Hz up). With nn_only true it has no effect.
- * The first blocks come out silent (see Delay above). Any finite input is accepted. One thread per
- * instance at a time; does not allocate, lock or print. */
+ * The first blocks come out silent (see Delay above). Every input is accepted: samples beyond
+ * +-SE_MAX_SAMPLE, infinities among them, are taken as +-SE_MAX_SAMPLE and NaN as 0, so that the
+ * output is always finite (as long as the configuration's gains are) and the echo canceller is as
+ * good as a new one within ten seconds after the worst of bursts. One thread per instance at a
+ * time; does not allocate, lock or print. */
 SE_API void se_process(SEInstance* instance, const float* mic, const float* ref, float* out,
                        bool nn_only, bool use_ns);
 

@@ -1,21 +1,28 @@
 // The echo canceller: keeps what the loudspeaker played over the last frames, bin by bin, decides
 // where there is enough of it to learn from, and runs the echo subtraction of both microphones.
 //
-// The energy of a bin over its history is a running sum: the newest power is added and the one that
-// leaves is taken off, so it carries the rounding of all frames before. It normalises the filters'
-// steps and gates them: a bin adapts while its energy exceeds kMinRefEnergy.
+// The energy of a bin over its history normalises the filters' steps and gates them: a bin adapts
+// while its energy exceeds kMinRefEnergy. It is a running sum: the newest power is added and the
+// one that leaves is taken off. What such a sum rounds away stays in it for good, so a loud second
+// would hide a quiet one after it, or let a silent reference adapt. The powers are therefore added
+// up afresh as well, and where the two differ by more than kMaxDrift the fresh sum takes over; a
+// bin without any power has no energy. The same happens when powers that overflowed have left.
 //
-// Cost per frame: one move of each history (874 complex entries and as many powers) and a few
-// operations per bin, besides the two subtractions.
+// Cost per frame: one move of each history (874 complex entries and as many powers), one addition
+// per entry and a few operations per bin, besides the two subtractions.
+#include <cmath>
 #include <cstring>
 
 #include "aec/aec_state.h"
 #include "aec/echo_bands.h"
+#include "common/geometry.h"
 
 namespace {
 
-constexpr int kBins = 257;
 constexpr float kMinRefEnergy = 0.001f;  // energy of a bin's history below which filters hold
+
+// What a running sum may be off, relative to the sum: 2^-10 less what the fresh sum rounds itself.
+constexpr float kMaxDrift = 0.00097f;
 
 struct StaticLayout {
   aec_state* state;
@@ -48,7 +55,7 @@ struct ScratchLayout {
 };
 
 ScratchLayout lay_out_scratch(se::MemoryWalk& scratch) {
-  return {scratch.buffer<int32_t>(se::kEchoBins), scratch.buffer<float>(kBins)};
+  return {scratch.buffer<int32_t>(se::kEchoBins), scratch.buffer<float>(se::kNumBins)};
 }
 
 // Moves every row of `history` one entry towards its old end and puts the values of this frame in
@@ -71,7 +78,7 @@ float oldest_first(float energy, float newest, float oldest) {
 
 using EnergyUpdate = float (*)(float energy, float newest, float oldest);
 
-template <EnergyUpdate Update>
+template <int Taps, EnergyUpdate Update>
 void advance_band(const se::EchoBandShape& band, const zel_lcomplex* ref_spectrum,
                   zel_lcomplex* ref_history, float* power_history, aec_state* state) {
   const zel_lcomplex* ref = ref_spectrum + band.first;
@@ -80,7 +87,11 @@ void advance_band(const se::EchoBandShape& band, const zel_lcomplex* ref_spectru
   push_front(band, ref, ref_history);
   for (int bin = 0; bin < band.bins; ++bin) {
     power[bin] = ref[bin].re * ref[bin].re + ref[bin].im * ref[bin].im;
-    energy[bin] = Update(energy[bin], power[bin], power_history[bin * band.taps + band.taps - 1]);
+    const float* row = power_history + bin * Taps;
+    float sum = power[bin];
+    for (int t = 0; t < Taps - 1; ++t) sum += row[t];
+    const float running = Update(energy[bin], power[bin], row[Taps - 1]);
+    energy[bin] = std::fabs(running - sum) <= kMaxDrift * sum ? running : sum;
   }
   push_front(band, power, power_history);
 }
@@ -120,12 +131,12 @@ aec_state* aec_init(void* mem, void* scratch) {
 
 void aec_process(aec_state* state, zel_lcomplex* const* mic_spectra, float* const* mic_powers,
                  const zel_lcomplex* ref_spectrum) {
-  advance_band<difference_first>(se::kLowBand, ref_spectrum, state->ref_history_low,
-                                 state->power_history_low, state);
-  advance_band<difference_first>(se::kMidBand, ref_spectrum, state->ref_history_mid,
-                                 state->power_history_mid, state);
-  advance_band<oldest_first>(se::kHighBand, ref_spectrum, state->ref_history_high,
-                             state->power_history_high, state);
+  advance_band<se::kLowBand.taps, difference_first>(
+      se::kLowBand, ref_spectrum, state->ref_history_low, state->power_history_low, state);
+  advance_band<se::kMidBand.taps, difference_first>(
+      se::kMidBand, ref_spectrum, state->ref_history_mid, state->power_history_mid, state);
+  advance_band<se::kHighBand.taps, oldest_first>(
+      se::kHighBand, ref_spectrum, state->ref_history_high, state->power_history_high, state);
 
   for (int i = 0; i < se::kEchoBins; ++i) {
     state->adapt_flags[i] = state->ref_energy[i] > kMinRefEnergy ? 1 : 0;

@@ -6,7 +6,9 @@
 // T. Ogihara, "Echo canceler with two echo path models", IEEE Trans. Commun. 25, 1977: one filter
 // adapts all the time, a second one keeps a state that was seen to work. During double talk the
 // adaptive filter may go astray; the output then comes from the stored one, which no step spoils.
-// Unlike Ochiai's, the copy goes both ways, and either filter is cleared when it has diverged.
+// Unlike Ochiai's, the copy goes both ways, and either filter is cleared when it has diverged. A
+// bin with powers that no audio has, NaN among them, is cleared whole, so that it learns anew from
+// the first frame whose reference history is ordinary again.
 //
 // Cost per frame: 874 complex taps, each multiplied into two filters and updated once, and about 30
 // operations for the decisions of each of the 254 bins. The kernels hold the loop itself.

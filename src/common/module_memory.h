@@ -20,11 +20,11 @@
 
 namespace se {
 
-// What a state record takes in its module's memory. `bytes` is the published figure of the slot on
-// targets with 4-byte pointers, slack for alignment included, and `record_bytes` the size of the
-// record there. Wider pointers grow the slot by exactly what the record grows.
-// `alignment` asks for a wider boundary than the record's own (a record of 4-byte pointers that
-// starts on a multiple of 8).
+// What a state record takes in its module's memory. `bytes` is the figure in the headers for the
+// slot on targets with 4-byte pointers, slack for alignment included, and `record_bytes` the size
+// of the record there. Wider pointers grow the slot by exactly what the record grows. `alignment`
+// asks for a wider boundary than the record's own (a record of 4-byte pointers that starts on a
+// multiple of 8).
 struct RecordSlot {
   std::size_t bytes;
   std::size_t record_bytes;

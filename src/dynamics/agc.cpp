@@ -10,12 +10,11 @@
 // Cost: a few operations, a square root, and one pass over the spectrum where the gain is applied.
 #include <cmath>
 
+#include "common/geometry.h"
 #include "dynamics/agc_state.h"
 
 namespace {
 
-constexpr int kBins = 257;
-constexpr int kFrameMs = 10;
 constexpr int kHistory = 20;            // frames in the mean level: 200 ms
 constexpr float kTargetDb = 22.0f;      // below full scale
 constexpr float kActiveDb = 80.0f;      // below full scale
@@ -89,7 +88,7 @@ float step_towards(float ratio) {
 void update(AgcState& s, float level) {
   count_up(s.update_count);
   track_peak(s, push_level(s, level));
-  if (kFrameMs * static_cast<int64_t>(s.update_count) <= kLearnMs) return;
+  if (se::kFrameMs * static_cast<int64_t>(s.update_count) <= kLearnMs) return;
   float desired = s.target_amp / std::sqrt(s.peak_level);
   if (desired > s.max_gain) desired = s.max_gain;
   if (desired <= s.min_gain) desired = s.min_gain;
@@ -103,7 +102,7 @@ bool updates(AgcState& s, bool active) {
     return false;
   }
   count_up(s.active_run);
-  return s.active_run >= kMinActiveRun && kFrameMs * s.frame_count >= kStartMs;
+  return s.active_run >= kMinActiveRun && se::kFrameMs * s.frame_count >= kStartMs;
 }
 
 }  // namespace
@@ -147,7 +146,7 @@ void agc_process(AgcState* state, zel_lcomplex* spectrum, bool active, float lev
     s.gain *= kOverloadStep;
   }
   if (s.gain > kUnityTo || s.gain < kUnityFrom) {
-    for (int k = 0; k < kBins; ++k) {
+    for (int k = 0; k < se::kNumBins; ++k) {
       spectrum[k].re *= s.gain;
       spectrum[k].im *= s.gain;
     }

@@ -2,12 +2,12 @@
 //
 // The level is the mean bin power, averaged with the frame before; activity is a fixed threshold on
 // it. Cost: one pass over the spectrum, besides the gain control's own.
+#include "common/geometry.h"
 #include "common/lane_sum.h"
 #include "dynamics/agc_state.h"
 
 namespace {
 
-constexpr int kBins = 257;
 constexpr float kPerBin = 0.0038910506f;            // 1 / 257
 constexpr float kActiveThreshold = 3.1622776e-06f;  // -55 dB
 
@@ -42,7 +42,7 @@ AgcCore* agc_core_init(void* mem, void* /*scratch*/, float window_energy_db) {
 
 void agc_core_process(AgcCore* core, zel_lcomplex* spectrum) {
   const float mean_power =
-      se::lane_sum(kBins,
+      se::lane_sum(se::kNumBins,
                    [spectrum](int k) {
                      return spectrum[k].re * spectrum[k].re + spectrum[k].im * spectrum[k].im;
                    }) *

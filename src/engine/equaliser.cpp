@@ -11,12 +11,12 @@
 #include <cmath>
 
 #include "common/decibel.h"
+#include "common/geometry.h"
 #include "kernels/kernels.h"
 
 namespace se {
 namespace {
 
-constexpr int kNumBins = 257;
 constexpr int kHzPerBin = 31;
 constexpr float kBinPerHz = 0.0322580636f;  // 1/31
 constexpr int kRamp = 8;                    // bins over which a shelf falls

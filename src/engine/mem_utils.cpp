@@ -1,3 +1,4 @@
+// Aligned allocation, offered to hosts beside the engine; the library allocates with calloc alone.
 #include "speechenhance/mem_utils.h"
 
 #include <cstdint>

@@ -144,6 +144,15 @@ void initialise(SEInstance* s, const Layout& at, void* scratch, const DenoiseMod
   s->limiter = limiter_init(at.limiter);
 }
 
+// An instance in two zero-filled blocks.
+SEInstance* place(void* static_mem, void* scratch_mem, const DenoiseModel* model) {
+  const Layout at = lay_out(MemoryWalk(static_mem));
+  at.instance->static_mem = static_mem;
+  at.instance->scratch_mem = scratch_mem;
+  initialise(at.instance, at, scratch_mem, model);
+  return at.instance;
+}
+
 // 10^(-attenuation/20), at most 1.
 float mix_level(std::int64_t attenuation_db) {
   const float level = se::amplitude_from_db(-static_cast<float>(attenuation_db));
@@ -153,29 +162,31 @@ float mix_level(std::int64_t attenuation_db) {
 }  // namespace
 
 SEInstance* se::create_instance(const DenoiseModel* model) {
-  const Layout need = lay_out(MemoryWalk());
-  std::printf("Static mem: %zd, stft: %zd, aec: %zd, nn: %zd, limiter: %zd, agc: %zd\n", need.total,
-              need.stft_bytes, need.aec_bytes, need.nn_bytes, need.limiter_bytes, need.agc_bytes);
-  void* static_mem = std::calloc(need.total, 1);
-
-  const ScratchNeed scratch = scratch_need();
-  std::printf("Scratch mem: %zd, stft: %zd, aec: %zd, nn: %zd\n", scratch.largest(), scratch.stft,
-              scratch.aec, scratch.nn);
-  void* scratch_mem = std::calloc(scratch.largest(), 1);
-
+  void* static_mem = std::calloc(lay_out(MemoryWalk()).total, 1);
+  void* scratch_mem = std::calloc(scratch_need().largest(), 1);
   if (static_mem == nullptr || scratch_mem == nullptr) {
     std::free(scratch_mem);
     std::free(static_mem);
     return nullptr;
   }
-  const Layout at = lay_out(MemoryWalk(static_mem));
-  at.instance->static_mem = static_mem;
-  at.instance->scratch_mem = scratch_mem;
-  initialise(at.instance, at, scratch_mem, model);
-  return at.instance;
+  return place(static_mem, scratch_mem, model);
+}
+
+void se::reset_instance(SEInstance* instance, const DenoiseModel* model) {
+  void* const static_mem = instance->static_mem;
+  void* const scratch_mem = instance->scratch_mem;
+  std::memset(static_mem, 0, lay_out(MemoryWalk()).total);
+  std::memset(scratch_mem, 0, scratch_need().largest());
+  place(static_mem, scratch_mem, model);
 }
 
 SEInstance* se_create(void) {
+  const Layout need = lay_out(MemoryWalk());
+  std::printf("Static mem: %zd, stft: %zd, aec: %zd, nn: %zd, limiter: %zd, agc: %zd\n", need.total,
+              need.stft_bytes, need.aec_bytes, need.nn_bytes, need.limiter_bytes, need.agc_bytes);
+  const ScratchNeed scratch = scratch_need();
+  std::printf("Scratch mem: %zd, stft: %zd, aec: %zd, nn: %zd\n", scratch.largest(), scratch.stft,
+              scratch.aec, scratch.nn);
   return se::create_instance(&nn_denoise_model);
 }
 
@@ -190,7 +201,7 @@ void se_destroy(SEInstance* instance) {
   std::free(static_mem);
 }
 
-void set_nn_process_config(SEInstance* instance, NnProcessConfig config) {
+void se::configure(SEInstance* instance, const NnProcessConfig& config) {
   instance->dry_mix = mix_level(config.residual_db);
   instance->ns_dry_mix = mix_level(config.ns_residual_db - kNsOffsetDb);
   instance->limiter_enable = config.limiter_enable;
@@ -201,9 +212,14 @@ void set_nn_process_config(SEInstance* instance, NnProcessConfig config) {
   instance->low_shelf = config.low_shelf;
   instance->high_shelf = config.high_shelf;
   std::memcpy(instance->peak, config.peak, sizeof instance->peak);
+}
+
+void set_nn_process_config(SEInstance* instance, NnProcessConfig config) {
+  se::configure(instance, config);
   std::puts("########### set over ##############");
 }
 
+// Hosts compare this text, build date and all: it is part of the interface and follows no release.
 const char* se_get_version(void) {
   return "1.0.0-branch(HEAD)-hash()-build(2024-08-14 03:45)";
 }

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 
+#include "common/geometry.h"
 #include "common/module_memory.h"
 #include "engine/equaliser.h"
 #include "speechenhance/aec.h"
@@ -14,9 +15,6 @@
 
 namespace se {
 
-constexpr int kFrameLen = 512;  // samples per transform
-constexpr int kNumBins = kFrameLen / 2 + 1;
-constexpr int kFrameMs = 10;
 constexpr int kLookAhead = 5;  // frames the denoiser sees beyond the one it shapes
 constexpr int kHistoryLen = kLookAhead + 1;
 
@@ -63,8 +61,14 @@ namespace se {
 
 constexpr RecordSlot kInstanceSlot{287, 280};
 
-// As se_create(), with the parameters of `model` in place of the compiled-in ones. `model` and its
-// tables outlive the instance.
+// As se_create(), but with the parameters of `model`, which outlives the instance with its tables,
+// and without a word on standard output. Null where memory is short.
 SEInstance* create_instance(const DenoiseModel* model);
+
+// Makes the instance what create_instance() gave, in the memory that it has.
+void reset_instance(SEInstance* instance, const DenoiseModel* model);
+
+// As set_nn_process_config(), without a word on standard output.
+void configure(SEInstance* instance, const NnProcessConfig& config);
 
 }  // namespace se

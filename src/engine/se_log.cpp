@@ -1,3 +1,5 @@
+// The log sink that hosts and tools share. Offered to them beside the engine; the library itself
+// does not log.
 #include "speechenhance/se_log.h"
 
 #include <cstdarg>

@@ -1,3 +1,4 @@
+// The monotonic clock, offered to hosts beside the engine; the library never looks at it.
 #include "speechenhance/time_utils.h"
 
 #include <ctime>

@@ -11,6 +11,28 @@
 namespace se {
 namespace {
 
+inline __m256 fill(float x) {
+  return _mm256_set1_ps(x);
+}
+
+inline __m256 greater(__m256 a, __m256 b) {
+  return _mm256_cmp_ps(a, b, _CMP_GT_OQ);
+}
+
+// Four complex numbers, real and imaginary parts by turns.
+inline __m256 load4(const zel_lcomplex* p) {
+  return _mm256_loadu_ps(&p->re);
+}
+
+inline void store4(zel_lcomplex* p, __m256 v) {
+  _mm256_storeu_ps(&p->re, v);
+}
+
+// Real and imaginary parts exchanged.
+inline __m256 swapped(__m256 v) {
+  return _mm256_permute_ps(v, 0xb1);
+}
+
 // Eight complex numbers as their parts. The numbers are in the order 0 1 4 5 2 3 6 7, which the
 // shuffles within halves give for free; `in_order` undoes it for what is computed from them.
 struct Parts {
@@ -71,6 +93,54 @@ inline void by_eights(int n, Body body) {
   int i = 0;
   for (; i + 8 <= n; i += 8) body(i, Whole());
   if (i < n) body(i, First(n - i));
+}
+
+// Eight floats for tanh_of (tanh.h).
+struct Float8 {
+  __m256 v;
+
+  static Float8 fill(float x) { return {_mm256_set1_ps(x)}; }
+};
+
+inline Float8 operator+(Float8 a, Float8 b) {
+  return {_mm256_add_ps(a.v, b.v)};
+}
+
+inline Float8 operator-(Float8 a, Float8 b) {
+  return {_mm256_sub_ps(a.v, b.v)};
+}
+
+inline Float8 operator*(Float8 a, Float8 b) {
+  return {_mm256_mul_ps(a.v, b.v)};
+}
+
+inline Float8 plus_product(Float8 c, Float8 a, Float8 b) {
+  return c + a * b;
+}
+
+inline Float8 minus_product(Float8 c, Float8 a, Float8 b) {
+  return c - a * b;
+}
+
+inline Float8 magnitude(Float8 a) {
+  return {_mm256_andnot_ps(fill(-0.0f), a.v)};
+}
+
+inline Float8 with_sign_of(Float8 a, Float8 x) {
+  return {_mm256_or_ps(a.v, _mm256_and_ps(fill(-0.0f), x.v))};
+}
+
+inline Float8 at_most(Float8 a, Float8 limit) {
+  return {_mm256_min_ps(limit.v, a.v)};  // the second operand wins where one is NaN
+}
+
+inline Float8 shifted_power(Float8 s) {
+  const __m256i exponent = _mm256_slli_epi32(_mm256_castps_si256(s.v), 23);
+  return {_mm256_castsi256_ps(_mm256_add_epi32(exponent, _mm256_set1_epi32(0x3f800000)))};
+}
+
+inline Float8 below(Float8 a, Float8 limit, Float8 yes, Float8 no) {
+  return {_mm256_blendv_ps(no.v, yes.v, greater(limit.v, a.v))};
 }
 
 }  // namespace

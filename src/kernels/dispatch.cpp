@@ -1,5 +1,5 @@
-// What happens when the library is loaded: the floating-point mode is set and the kernel variant
-// chosen.
+// The variants of this build, and what happens when the library is loaded: the floating-point mode
+// is set, where the library does that, the tables of the variants are filled and one is chosen.
 #include <cstdlib>
 #include <cstring>
 
@@ -7,7 +7,7 @@
 #include "kernels/kernels.h"
 #include "kernels/variants.h"
 
-#if SE_DOTPROD_KERNELS
+#if SE_KERNELS_DOTPROD
 #include <sys/auxv.h>
 #endif
 
@@ -18,72 +18,134 @@ const Kernels kScalarKernels = {"scalar",   &kScalarSpectral, &kScalarEcho,
 
 namespace {
 
-bool runs_everywhere() {
-  return true;
-}
+// The tables of a variant, by room.
+struct Rooms {
+  SpectralKernels spectral;
+  EchoKernels echo;
+  NnKernels nn;
+  NoiseKernels noise;
+  SampleKernels sample;
+};
 
-#if SE_X86_KERNELS
-const Kernels kAvx2Kernels = {"avx2",   &kAvx2Spectral, &kAvx2Echo,
-                              &kAvx2Nn, &kAvx2Noise,    &kAvx2Sample};
+struct Variant {
+  const char* name;
+  bool (*runs_here)();
+  void (*fill)(Rooms& rooms);  // starting from the scalar kernels, base before refinement
+};
 
-// The rooms that gain nothing from 512 bits keep their AVX2 kernels.
-const Kernels kAvx512Kernels = {"avx512",   &kAvx2Spectral, &kAvx2Echo,
-                                &kAvx512Nn, &kAvx2Noise,    &kAvx2Sample};
-
+#if SE_KERNELS_AVX2
 // The built-in asks the operating system as well: it must save the wide registers.
 bool runs_avx2() {
   return __builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma");
 }
 
+void fill_avx2(Rooms& rooms) {
+  use_avx2(rooms.spectral);
+  use_avx2(rooms.echo);
+  use_avx2(rooms.nn);
+  use_avx2(rooms.noise);
+  use_avx2(rooms.sample);
+}
+#endif
+
+#if SE_KERNELS_AVX512
 bool runs_avx512() {
   return runs_avx2() && __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw") &&
          __builtin_cpu_supports("avx512dq") && __builtin_cpu_supports("avx512vl") &&
          __builtin_cpu_supports("avx512vnni");
 }
+
+// The rooms that gain nothing from 512 bits keep their AVX2 kernels.
+void fill_avx512(Rooms& rooms) {
+  fill_avx2(rooms);
+  use_avx512(rooms.nn);
+}
 #endif
 
-#if SE_NEON_KERNELS
-const Kernels kNeonKernels = {"neon",   &kNeonSpectral, &kNeonEcho,
-                              &kNeonNn, &kNeonNoise,    &kNeonSample};
+#if SE_KERNELS_NEON
+void fill_neon(Rooms& rooms) {
+  use_neon(rooms.spectral);
+  use_neon(rooms.echo);
+  use_neon(rooms.nn);
+  use_neon(rooms.noise);
+  use_neon(rooms.sample);
+}
+
+// The build as a whole is for NEON.
+bool runs_neon() {
+  return true;
+}
 #endif
 
-#if SE_DOTPROD_KERNELS
-const Kernels kDotprodKernels = {"dotprod",   &kNeonSpectral, &kNeonEcho,
-                                 &kDotprodNn, &kNeonNoise,    &kNeonSample};
-
+#if SE_KERNELS_DOTPROD
 bool runs_dotprod() {
   constexpr unsigned long kDotProducts = 1ul << 20;  // HWCAP_ASIMDDP of Linux on AArch64
   return (getauxval(AT_HWCAP) & kDotProducts) != 0;
 }
+
+void fill_dotprod(Rooms& rooms) {
+  fill_neon(rooms);
+  use_dotprod(rooms.nn);
+}
 #endif
 
-struct Variant {
-  const Kernels* kernels;
-  bool (*runs_here)();
-};
+#if SE_KERNELS_WASM128
+void fill_wasm128(Rooms& rooms) {
+  use_wasm128(rooms.spectral);
+  use_wasm128(rooms.nn);
+}
 
-// Best first.
+// The module as a whole is for vectors.
+bool runs_wasm128() {
+  return true;
+}
+#endif
+
+// Best first. The scalar variant, behind all of them, needs no entry.
 constexpr Variant kVariants[] = {
-#if SE_X86_KERNELS
-    {&kAvx512Kernels, runs_avx512},  //
-    {&kAvx2Kernels, runs_avx2},
+#if SE_KERNELS_AVX512
+    {"avx512", runs_avx512, fill_avx512},
 #endif
-#if SE_DOTPROD_KERNELS
-    {&kDotprodKernels, runs_dotprod},
+#if SE_KERNELS_AVX2
+    {"avx2", runs_avx2, fill_avx2},
 #endif
-#if SE_NEON_KERNELS  // where the whole build is for NEON
-    {&kNeonKernels, runs_everywhere},
+#if SE_KERNELS_DOTPROD
+    {"dotprod", runs_dotprod, fill_dotprod},
 #endif
-    {&kScalarKernels, runs_everywhere},
-};
+#if SE_KERNELS_NEON
+    {"neon", runs_neon, fill_neon},
+#endif
+#if SE_KERNELS_WASM128
+    {"wasm128", runs_wasm128, fill_wasm128},
+#endif
+    {nullptr, nullptr, nullptr}};
 
+constexpr int kMostVariants = static_cast<int>(sizeof kVariants / sizeof kVariants[0]);
+Rooms g_rooms[kMostVariants];
+Kernels g_filled[kMostVariants];
+const Kernels* g_available[kMostVariants];  // those that run here, best first
+int g_available_count = 0;
 const Kernels* g_active = &kScalarKernels;
 
+void fill_tables() {
+  for (const Variant& variant : kVariants) {
+    if (!variant.name || !variant.runs_here()) continue;
+    Rooms& rooms = g_rooms[g_available_count];
+    rooms = {kScalarSpectral, kScalarEcho, kScalarNn, kScalarNoise, kScalarSample};
+    variant.fill(rooms);
+    Kernels& filled = g_filled[g_available_count];
+    filled = {variant.name, &rooms.spectral, &rooms.echo, &rooms.nn, &rooms.noise, &rooms.sample};
+    g_available[g_available_count++] = &filled;
+  }
+  g_available[g_available_count++] = &kScalarKernels;
+}
+
 __attribute__((constructor)) void on_load() {
-  flush_subnormals_to_zero();
-#if SE_X86_KERNELS
+  if (kLoadingSetsFloatMode) flush_subnormals_to_zero();
+#if SE_KERNELS_AVX2
   __builtin_cpu_init();
 #endif
+  fill_tables();
   g_active = available_kernels(0);
   if (const char* name = std::getenv("SPEECHENHANCE_KERNELS")) use_kernels(name);
 }
@@ -95,10 +157,7 @@ const Kernels& kernels() {
 }
 
 const Kernels* available_kernels(int index) {
-  for (const Variant& variant : kVariants) {
-    if (variant.runs_here() && index-- == 0) return variant.kernels;
-  }
-  return nullptr;
+  return index < g_available_count ? g_available[index] : nullptr;
 }
 
 bool use_kernels(const char* name) {

@@ -16,28 +16,6 @@ namespace {
 
 constexpr int kGroup = 8;
 
-constexpr float kStepSize = 0.5f;
-constexpr float kEnergyFloor = 1e-7f;
-constexpr float kDiverged = 8.0f;
-constexpr float kCancels = 8.0f;
-constexpr float kClearlyBetter = 2.0f;
-
-__m256 load4(const zel_lcomplex* p) {
-  return _mm256_loadu_ps(&p->re);
-}
-
-void store4(zel_lcomplex* p, __m256 v) {
-  _mm256_storeu_ps(&p->re, v);
-}
-
-__m256 swapped(__m256 v) {
-  return _mm256_permute_ps(v, 0xb1);
-}
-
-__m256 fill(float x) {
-  return _mm256_set1_ps(x);
-}
-
 // Four products of complex numbers.
 __m256 products(const zel_lcomplex* ref, const zel_lcomplex* filter) {
   const __m256 r = load4(ref);
@@ -102,10 +80,6 @@ Bins choose(__m256 condition, const Bins& yes, const Bins& no) {
   const Bins mask = each_twice(condition);
   return {_mm256_blendv_ps(no.low, yes.low, mask.low),
           _mm256_blendv_ps(no.high, yes.high, mask.high)};
-}
-
-__m256 greater(__m256 a, __m256 b) {
-  return _mm256_cmp_ps(a, b, _CMP_GT_OQ);
 }
 
 __m256 smooth(__m256 s, __m256 smoothing, __m256 power) {
@@ -210,7 +184,8 @@ __attribute__((always_inline)) inline void subtract_group(const EchoBand& band) 
   store4(band.mic + 4, out.high);
   _mm256_storeu_ps(band.mic_power, _mm256_blendv_ps(mic_power, best_power, improved));
 
-  // Each verdict excludes the ones after it.
+  // Each verdict excludes the ones after it; a broken bin clears both filters and learns from the
+  // microphone.
   Verdicts v;
   v.adaptive_diverged = greater(s_adaptive, _mm256_mul_ps(fill(kDiverged), s_mic));
   v.adaptive_better =
@@ -220,16 +195,20 @@ __attribute__((always_inline)) inline void subtract_group(const EchoBand& band) 
   v.stored_better =
       _mm256_and_ps(greater(s_mic, _mm256_mul_ps(fill(kCancels), s_stored)),
                     greater(s_adaptive, _mm256_mul_ps(fill(kClearlyBetter), s_stored)));
+  const __m256 broken = _mm256_cmp_ps(_mm256_add_ps(_mm256_add_ps(s_mic, s_adaptive), s_stored),
+                                      fill(kBeyondAudio), _CMP_NLE_UQ);
   Bins err = err_adaptive;
-  const __m256 any = _mm256_or_ps(_mm256_or_ps(v.adaptive_diverged, v.adaptive_better),
-                                  _mm256_or_ps(v.stored_diverged, v.stored_better));
+  const __m256 any =
+      _mm256_or_ps(_mm256_or_ps(_mm256_or_ps(v.adaptive_diverged, v.adaptive_better), broken),
+                   _mm256_or_ps(v.stored_diverged, v.stored_better));
   if (_mm256_movemask_ps(any) != 0) {
-    __m256 decided = v.adaptive_diverged;
+    __m256 decided = v.adaptive_diverged = _mm256_or_ps(v.adaptive_diverged, broken);
     v.adaptive_better = _mm256_andnot_ps(decided, v.adaptive_better);
     decided = _mm256_or_ps(decided, v.adaptive_better);
     v.stored_diverged = _mm256_andnot_ps(decided, v.stored_diverged);
     decided = _mm256_or_ps(decided, v.stored_diverged);
     v.stored_better = _mm256_andnot_ps(decided, v.stored_better);
+    v.stored_diverged = _mm256_or_ps(v.stored_diverged, broken);
     carry_out<Taps>(v, band.adaptive, band.stored);
 
     const __m256 new_stored = _mm256_blendv_ps(s_stored, s_adaptive, v.adaptive_better);
@@ -239,7 +218,7 @@ __attribute__((always_inline)) inline void subtract_group(const EchoBand& band) 
     s_mic = _mm256_andnot_ps(restart, s_mic);
     s_adaptive = _mm256_andnot_ps(restart, s_adaptive);
     s_stored = _mm256_andnot_ps(restart, s_stored);
-    err = choose(v.stored_better, err_stored, err_adaptive);
+    err = choose(broken, mic, choose(v.stored_better, err_stored, err_adaptive));
   }
 
   const __m256i hold = _mm256_cmpeq_epi32(
@@ -290,6 +269,10 @@ void subtract_2(const EchoBand& band) {
 
 }  // namespace
 
-const EchoKernels kAvx2Echo = {subtract_8, subtract_4, subtract_2};
+void use_avx2(EchoKernels& k) {
+  k.subtract_8 = subtract_8;
+  k.subtract_4 = subtract_4;
+  k.subtract_2 = subtract_2;
+}
 
 }  // namespace se

@@ -7,6 +7,13 @@
 
 namespace se {
 
+constexpr float kStepSize = 0.5f;       // of the normalised LMS step; 1 would be the fastest
+constexpr float kEnergyFloor = 1e-7f;   // keeps the step finite without reference
+constexpr float kDiverged = 8.0f;       // about 9 dB louder than the microphone
+constexpr float kCancels = 8.0f;        // about 9 dB quieter than the microphone
+constexpr float kClearlyBetter = 2.0f;  // about 3 dB quieter than the other filter
+constexpr float kBeyondAudio = 1e16f;   // sum of smoothed powers; full scale in a bin is 65536
+
 // A run of neighbouring bins of one microphone whose filters have the same number of taps. Arrays
 // named "rows" are bin-major: the taps of a bin are consecutive, tap 0 (the newest frame) first.
 // Rows start on 16-byte boundaries at the first bin; `mic` and `mic_power` may start anywhere.

@@ -12,23 +12,9 @@ namespace {
 
 using namespace neon;
 
-constexpr float kStepSize = 0.5f;
-constexpr float kEnergyFloor = 1e-7f;
-constexpr float kDiverged = 8.0f;
-constexpr float kCancels = 8.0f;
-constexpr float kClearlyBetter = 2.0f;
-
 inline Complex4 product(Complex4 a, Complex4 b) {
   return {vmlsq_f32(vmulq_f32(a.re, b.re), a.im, b.im),
           vmlaq_f32(vmulq_f32(a.re, b.im), a.im, b.re)};
-}
-
-inline Complex4 operator+(Complex4 a, Complex4 b) {
-  return {vaddq_f32(a.re, b.re), vaddq_f32(a.im, b.im)};
-}
-
-inline Complex4 operator-(Complex4 a, Complex4 b) {
-  return {vsubq_f32(a.re, b.re), vsubq_f32(a.im, b.im)};
 }
 
 inline float32x4_t power(Complex4 x) {
@@ -141,10 +127,10 @@ void change_filters(uint32x4_t changes, zel_lcomplex* adaptive, zel_lcomplex* st
   vst1q_u32(change, changes);
   for (int bin = 0; bin < 4; ++bin, adaptive += Taps, stored += Taps) {
     for (int t = 0; t < Taps; ++t) {
-      if (change[bin] == kClearAdaptive) adaptive[t] = {0.0f, 0.0f};
-      if (change[bin] == kStore) stored[t] = adaptive[t];
-      if (change[bin] == kClearStored) stored[t] = {0.0f, 0.0f};
-      if (change[bin] == kRestore) adaptive[t] = stored[t];
+      if (change[bin] & kClearAdaptive) adaptive[t] = {0.0f, 0.0f};
+      if (change[bin] & kStore) stored[t] = adaptive[t];
+      if (change[bin] & kClearStored) stored[t] = {0.0f, 0.0f};
+      if (change[bin] & kRestore) adaptive[t] = stored[t];
     }
   }
 }
@@ -234,14 +220,18 @@ inline void subtract4(const EchoBand& band, int bin) {
       smoothed(vld1q_f32(band.err_adaptive + bin), share, adaptive_power);
   const float32x4_t s_stored = smoothed(vld1q_f32(band.err_stored + bin), share, stored_power);
 
-  // The first decision that applies stands.
-  const uint32x4_t clears_adaptive = exceeds(s_adaptive, kDiverged, s_mic);
+  // The first decision that applies stands. A broken bin clears both filters and learns from the
+  // microphone.
+  const uint32x4_t broken = vmvnq_u32(
+      at_or_above(vdupq_n_f32(kBeyondAudio), vaddq_f32(vaddq_f32(s_mic, s_adaptive), s_stored)));
+  const uint32x4_t clears_adaptive = vorrq_u32(exceeds(s_adaptive, kDiverged, s_mic), broken);
   uint32x4_t decided = clears_adaptive;
   const uint32x4_t stores = vbicq_u32(vandq_u32(exceeds(s_mic, kCancels, s_adaptive),
                                                 exceeds(s_stored, kClearlyBetter, s_adaptive)),
                                       decided);
   decided = vorrq_u32(decided, stores);
-  const uint32x4_t clears_stored = vbicq_u32(exceeds(s_stored, kDiverged, s_mic), decided);
+  const uint32x4_t clears_stored =
+      vorrq_u32(vbicq_u32(exceeds(s_stored, kDiverged, s_mic), decided), broken);
   decided = vorrq_u32(decided, clears_stored);
   const uint32x4_t restores = vbicq_u32(
       vandq_u32(exceeds(s_mic, kCancels, s_stored), exceeds(s_adaptive, kClearlyBetter, s_stored)),
@@ -263,7 +253,7 @@ inline void subtract4(const EchoBand& band, int bin) {
   if (!any(vreinterpretq_u32_s32(vld1q_s32(band.adapt + bin)))) return;
   const float32x4_t energy = vaddq_f32(vld1q_f32(band.ref_energy + bin), vdupq_n_f32(kEnergyFloor));
   const float32x4_t gain = divide(vdupq_n_f32(kStepSize), energy);
-  const Complex4 err = select(restores, err_stored, err_adaptive);
+  const Complex4 err = select(broken, mic, select(restores, err_stored, err_adaptive));
   adapt<Taps>(band.adapt + bin, {vmulq_f32(gain, err.re), vmulq_f32(gain, err.im)}, ref, adaptive);
 }
 
@@ -297,6 +287,10 @@ void subtract_2(const EchoBand& band) {
 
 }  // namespace
 
-const EchoKernels kNeonEcho = {subtract_8, subtract_4, subtract_2};
+void use_neon(EchoKernels& k) {
+  k.subtract_8 = subtract_8;
+  k.subtract_4 = subtract_4;
+  k.subtract_2 = subtract_2;
+}
 
 }  // namespace se

@@ -4,17 +4,12 @@
 // what they leave of the microphone bin are the two residuals. The better residual is the output.
 // Smoothed powers of the microphone and of both residuals then decide: a filter that makes things
 // much louder has diverged and is cleared; a filter that is clearly better than the other is copied
-// over it. Last, A takes a normalised LMS step on its residual.
+// over it. A bin whose powers no audio can have starts anew. Last, A takes a normalised LMS step on
+// its residual.
 #include "kernels/echo_kernels.h"
 
 namespace se {
 namespace {
-
-constexpr float kStepSize = 0.5f;       // of the normalised LMS step; 1 would be the fastest
-constexpr float kEnergyFloor = 1e-7f;   // keeps the step finite without reference
-constexpr float kDiverged = 8.0f;       // about 9 dB louder than the microphone
-constexpr float kCancels = 8.0f;        // about 9 dB quieter than the microphone
-constexpr float kClearlyBetter = 2.0f;  // about 3 dB quieter than the other filter
 
 struct SmoothedPowers {
   float mic;
@@ -62,18 +57,27 @@ void adapt(zel_lcomplex err, float ref_energy, const zel_lcomplex* ref, zel_lcom
   }
 }
 
-// Compares the filters of one bin, of which `s.stored` is still the value of the frame before, and
-// clears or copies them. Returns the residual from which the adaptive filter learns.
+// Not so with NaN.
+bool are_of_audio(const SmoothedPowers& s) {
+  return (s.mic + s.adaptive) + s.stored <= kBeyondAudio;
+}
+
+// Compares the filters of one bin and clears or copies them. Returns the residual from which the
+// adaptive filter learns: the microphone itself for one that starts anew.
 template <int Taps>
-zel_lcomplex choose_filters(SmoothedPowers& s, float smoothing, zel_lcomplex err_adaptive,
-                            zel_lcomplex err_stored, float stored_power, zel_lcomplex* adaptive,
-                            zel_lcomplex* stored) {
+zel_lcomplex choose_filters(SmoothedPowers& s, zel_lcomplex mic, zel_lcomplex err_adaptive,
+                            zel_lcomplex err_stored, zel_lcomplex* adaptive, zel_lcomplex* stored) {
+  if (!are_of_audio(s)) {
+    clear<Taps>(adaptive);
+    clear<Taps>(stored);
+    s = {0.0f, 0.0f, 0.0f};
+    return mic;
+  }
   if (s.adaptive > kDiverged * s.mic) {
     clear<Taps>(adaptive);
     s = {0.0f, 0.0f, 0.0f};
     return err_adaptive;
   }
-  s.stored += smoothing * (stored_power - s.stored);
   if (s.mic > kCancels * s.adaptive && s.stored > kClearlyBetter * s.adaptive) {
     copy<Taps>(adaptive, stored);
     s.stored = s.adaptive;
@@ -94,16 +98,18 @@ void subtract(const EchoBand& band) {
     const zel_lcomplex* ref = band.ref + bin * Taps;
     zel_lcomplex* adaptive = band.adaptive + bin * Taps;
     zel_lcomplex* stored = band.stored + bin * Taps;
+    const zel_lcomplex mic = band.mic[bin];
     const float mic_power = band.mic_power[bin];
 
-    const zel_lcomplex err_adaptive = residual<Taps>(band.mic[bin], ref, adaptive);
-    const zel_lcomplex err_stored = residual<Taps>(band.mic[bin], ref, stored);
+    const zel_lcomplex err_adaptive = residual<Taps>(mic, ref, adaptive);
+    const zel_lcomplex err_stored = residual<Taps>(mic, ref, stored);
     const float adaptive_power = power(err_adaptive);
     const float stored_power = power(err_stored);
 
     SmoothedPowers s = {band.mic_smooth[bin], band.err_adaptive[bin], band.err_stored[bin]};
     s.mic += band.smoothing * (mic_power - s.mic);
     s.adaptive += band.smoothing * (adaptive_power - s.adaptive);
+    s.stored += band.smoothing * (stored_power - s.stored);
 
     if (mic_power > adaptive_power || mic_power > stored_power) {
       const bool adaptive_wins = adaptive_power < stored_power;
@@ -111,8 +117,8 @@ void subtract(const EchoBand& band) {
       band.mic_power[bin] = adaptive_wins ? adaptive_power : stored_power;
     }
 
-    const zel_lcomplex err = choose_filters<Taps>(s, band.smoothing, err_adaptive, err_stored,
-                                                  stored_power, adaptive, stored);
+    const zel_lcomplex err =
+        choose_filters<Taps>(s, mic, err_adaptive, err_stored, adaptive, stored);
     if (band.adapt[bin] != 0) adapt<Taps>(err, band.ref_energy[bin], ref, adaptive);
 
     band.mic_smooth[bin] = s.mic;
@@ -121,8 +127,16 @@ void subtract(const EchoBand& band) {
   }
 }
 
+constexpr EchoKernels table() {
+  EchoKernels k = {};
+  k.subtract_8 = subtract<8>;
+  k.subtract_4 = subtract<4>;
+  k.subtract_2 = subtract<2>;
+  return k;
+}
+
 }  // namespace
 
-const EchoKernels kScalarEcho = {subtract<8>, subtract<4>, subtract<2>};
+const EchoKernels kScalarEcho = table();
 
 }  // namespace se

@@ -170,6 +170,14 @@ struct Complex4 {
   float32x4_t im;
 };
 
+inline Complex4 operator+(Complex4 a, Complex4 b) {
+  return {vaddq_f32(a.re, b.re), vaddq_f32(a.im, b.im)};
+}
+
+inline Complex4 operator-(Complex4 a, Complex4 b) {
+  return {vsubq_f32(a.re, b.re), vsubq_f32(a.im, b.im)};
+}
+
 inline const float* floats(const zel_lcomplex* x) {
   return &x->re;
 }
@@ -191,6 +199,56 @@ inline void store4(zel_lcomplex* x, Complex4 v) {
 // |x|^2 with the squared real part fused onto the squared imaginary part.
 inline float32x4_t fused_power(Complex4 x) {
   return vfmaq_f32(vmulq_f32(x.im, x.im), x.re, x.re);
+}
+
+// Four floats for tanh_of (tanh.h).
+struct Float4 {
+  float32x4_t v;
+
+  static Float4 fill(float x) { return {vdupq_n_f32(x)}; }
+};
+
+inline Float4 operator+(Float4 a, Float4 b) {
+  return {vaddq_f32(a.v, b.v)};
+}
+
+inline Float4 operator-(Float4 a, Float4 b) {
+  return {vsubq_f32(a.v, b.v)};
+}
+
+inline Float4 operator*(Float4 a, Float4 b) {
+  return {vmulq_f32(a.v, b.v)};
+}
+
+inline Float4 plus_product(Float4 c, Float4 a, Float4 b) {
+  return {vmlaq_f32(c.v, a.v, b.v)};
+}
+
+inline Float4 minus_product(Float4 c, Float4 a, Float4 b) {
+  return {vmlsq_f32(c.v, a.v, b.v)};
+}
+
+inline Float4 magnitude(Float4 a) {
+  return {vabsq_f32(a.v)};
+}
+
+inline Float4 with_sign_of(Float4 a, Float4 x) {
+  return {vbslq_f32(vdupq_n_u32(kSignBit), x.v, a.v)};
+}
+
+inline Float4 at_most(Float4 a, Float4 limit) {
+  return {vminq_f32(a.v, limit.v)};
+}
+
+inline Float4 shifted_power(Float4 s) {
+  const uint32x4_t exponent = vshlq_n_u32(vreinterpretq_u32_f32(s.v), 23);
+  return {vreinterpretq_f32_u32(vaddq_u32(exponent, vdupq_n_u32(0x3f800000u)))};
+}
+
+// For values without sign, floats and their bits have the same order.
+inline Float4 below(Float4 a, Float4 limit, Float4 yes, Float4 no) {
+  const uint32x4_t is_below = vcltq_u32(vreinterpretq_u32_f32(a.v), vreinterpretq_u32_f32(limit.v));
+  return {vbslq_f32(is_below, yes.v, no.v)};
 }
 
 }  // namespace

@@ -1,195 +1,235 @@
-// Denoiser kernels for AVX-512 with VNNI: the integer products and tanh; everything else stays with
-// AVX2.
+// Denoiser kernels for AVX-512 with VNNI: the products of packed weights and tanh; everything else
+// stays with AVX2.
 //
-// Products as in AVX2, with thirty-two weights per step and the multiply-add of pairs and the
-// addition to the sum in one instruction (vpdpwssd, exact and without saturation). Masks take the
-// place of padding: what a mask leaves out is not read.
+// A 16-bit activation is two bytes. Each is multiplied with the 8-bit weights and four products are
+// added to a lane by one instruction (vpdpbusd, exact and without saturation), so that 64 weights
+// take two of them and need not be widened. Convolutions use a weight at many positions: theirs
+// widen once and meet pairs of whole activations (vpdpwssd), sixteen positions side by side.
 #include <cstring>
 
-#include "kernels/nn_avx2.h"
-#include "kernels/nn_x86.h"
+#include "kernels/avx2.h"
+#include "kernels/packing.h"
 #include "kernels/tanh.h"
+#include "kernels/unrolled.h"
 #include "kernels/variants.h"
 
 namespace se {
 namespace {
 
-constexpr int kStep = 32;
+NnKernels g_base;  // takes what this variant leaves
 
-__m512i widen32(const std::int8_t* w) {
-  return _mm512_cvtepi8_epi16(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(w)));
+constexpr int kLanes = 16;
+
+// Sixteen 32-bit sums. As a type of its own, since GCC copies sums that pass from one view of a
+// vector to another.
+using Sums = int __attribute__((vector_size(64)));
+
+__m512i as_integers(Sums s) {
+  return reinterpret_cast<__m512i>(s);
 }
 
-__m512i widen(__mmask32 mask, const std::int8_t* w) {
-  return _mm512_cvtepi8_epi16(_mm256_maskz_loadu_epi8(mask, w));
-}
+// ---- Matrix products ----------------------------------------------------------------------------
+
+// The accumulators of a panel's blocks of sixteen rows fill the registers: two of each for
+// thirteen.
+constexpr int kGroup = 4;
+constexpr PackOrder kProductOrder = {13 * kLanes, kLanes, kGroup};
+constexpr int kPanelBlocks = kProductOrder.panel / kLanes;
+constexpr int kBlockBytes = kLanes * kGroup;
 
 __mmask32 first_lanes(int count) {
-  return _cvtu32_mask32(0xffffffffu >> (kStep - count));
+  return _cvtu32_mask32(count >= 32 ? 0xffffffffu : 0xffffffffu >> (32 - count));
 }
 
-// Sixteen 32-bit sums, as a type of its own for the same reason as in AVX2.
-using Lanes = int __attribute__((vector_size(64)));
+// Activations as two unsigned bytes each. Where some are negative, `offset` stands for 0 in all
+// high bytes; where none is, groups of zeros can be left out.
+struct SplitVector {
+  alignas(64) std::uint8_t low[kMostPackedCols], high[kMostPackedCols];
+  int offset;
 
-void add_product(Lanes& sum, __m512i w, __m512i x) {
-  sum = reinterpret_cast<Lanes>(_mm512_dpwssd_epi32(reinterpret_cast<__m512i>(sum), w, x));
+  SplitVector(const std::int16_t* q, int n) {
+    __mmask32 negative = 0;
+    for (int i = 0; i < n; i += 32) {
+      const __m512i x = _mm512_maskz_loadu_epi16(first_lanes(n - i), q + i);
+      negative = _kor_mask32(negative, _mm512_movepi16_mask(x));
+      _mm256_store_si256(reinterpret_cast<__m256i*>(low + i), _mm512_cvtepi16_epi8(x));
+      _mm256_store_si256(reinterpret_cast<__m256i*>(high + i),
+                         _mm512_cvtepi16_epi8(_mm512_srli_epi16(x, 8)));
+    }
+    offset = negative != 0 ? 128 : 0;
+    if (offset == 0) return;
+    for (int i = 0; i < n; i += 32) {
+      auto* const highs = reinterpret_cast<__m256i*>(high + i);
+      _mm256_store_si256(highs, _mm256_xor_si256(_mm256_load_si256(highs), _mm256_set1_epi8(-128)));
+    }
+  }
+};
+
+__m512i broadcast32(const void* from) {
+  std::int32_t bits;
+  std::memcpy(&bits, from, sizeof bits);
+  return _mm512_set1_epi32(bits);
 }
 
-// Eight sums of sixteen lanes each.
-struct Sums {
-  Lanes a = {}, b = {}, c = {}, d = {}, e = {}, f = {}, g = {}, h = {};
-
-  // Adds the products w(i) * x(i) to the i-th sum.
-  template <class W, class X>
-  void add(W w, X x) {
-    add_product(a, w(0), x(0));
-    add_product(b, w(1), x(1));
-    add_product(c, w(2), x(2));
-    add_product(d, w(3), x(3));
-    add_product(e, w(4), x(4));
-    add_product(f, w(5), x(5));
-    add_product(g, w(6), x(6));
-    add_product(h, w(7), x(7));
-  }
-
-  // The sums over all lanes.
-  __m256i total() const {
-    const __m512i low = quarters(a, b, c, d);
-    const __m512i high = quarters(e, f, g, h);
-    const __m512i halves = _mm512_add_epi32(_mm512_shuffle_i64x2(low, high, 0x88),
-                                            _mm512_shuffle_i64x2(low, high, 0xdd));
-    return _mm256_add_epi32(_mm512_castsi512_si256(_mm512_shuffle_i64x2(halves, halves, 0x08)),
-                            _mm512_castsi512_si256(_mm512_shuffle_i64x2(halves, halves, 0x0d)));
-  }
-
- private:
-  // In every quarter, the sums over that quarter of all four.
-  static __m512i quarters(Lanes p, Lanes q, Lanes r, Lanes s) {
-    const auto pairs = [](Lanes x, Lanes y) {
-      const auto v = reinterpret_cast<__m512i>(x), w = reinterpret_cast<__m512i>(y);
-      return _mm512_add_epi32(_mm512_unpacklo_epi32(v, w), _mm512_unpackhi_epi32(v, w));
-    };
-    const __m512i pq = pairs(p, q), rs = pairs(r, s);
-    return _mm512_add_epi32(_mm512_unpacklo_epi64(pq, rs), _mm512_unpackhi_epi64(pq, rs));
-  }
-};
-
-struct Products {
-  // The sums start with what the length has beyond a multiple of 32 (or 32).
-  template <int kLength>
-  static __m256i eight_rows(Known<kLength> known, const std::int8_t* w, const std::int16_t* q,
-                            int length) {
-    const std::ptrdiff_t cols = known.or_else(length);
-    if (cols <= 0) return _mm256_setzero_si256();
-    const std::ptrdiff_t head = (cols - 1) % kStep + 1;
-    const __mmask32 mask = first_lanes(static_cast<int>(head));
-    Sums sums;
-    const __m512i first = _mm512_maskz_loadu_epi16(mask, q);
-    sums.add([&](int row) { return widen(mask, w + row * cols); }, [&](int) { return first; });
-    for (std::ptrdiff_t i = head; i < cols; i += kStep) {
-      const __m512i x = _mm512_loadu_si512(q + i);
-      sums.add([&](int row) { return widen32(w + row * cols + i); }, [&](int) { return x; });
-    }
-    return sums.total();
-  }
-};
-
-// Copies of frames that start on a cache line. A step of the larger layers is a whole number of
-// lines, so that with these no load crosses from one line to the next, which would cost another.
-class AlignedFrames {
- public:
-  explicit AlignedFrames(const ConvInput& in) : frames_(in.frames) {
-    if (in.frame_count > kMaxFrames || in.frame_len > kMaxLength) return;
-    for (int t = 0; t < in.frame_count; ++t) {
-      std::memcpy(values_[t], in.frames[t], static_cast<std::size_t>(in.frame_len) * 2);
-      copies_[t] = values_[t];
-    }
-    frames_ = copies_;
-  }
-  const std::int16_t* operator[](int t) const { return frames_[t]; }
-
- private:
-  static constexpr int kMaxFrames = 3, kMaxLength = 1152;
-
-  const std::int16_t* const* frames_;
-  const std::int16_t* copies_[kMaxFrames];
-  alignas(64) std::int16_t values_[kMaxFrames][kMaxLength];
-};
-
-void convolve(const IntegerLayer& layer, const ConvInput& in, float* y) {
-  // Short windows leave too much of a vector empty.
-  if (in.window < 2 * kStep) return avx2::convolve(layer, in, y);
-  if (layer.rows % 8 != 0 || in.positions % 8 != 0) return kScalarNn.convolve(layer, in, y);
-  const AlignedFrames frames(in);
-  const std::ptrdiff_t step = in.step;
-  const int whole = in.window / kStep * kStep;
-  const __mmask32 mask = in.window > whole ? first_lanes(in.window - whole) : __mmask32{0};
-  for (int first = 0; first < layer.rows; first += 8) {
-    convolve_eight_rows(layer, in, first, y, [&](int row, int position) {
-      const std::int8_t* w = layer.weights + (first + row) * layer.row_len;
-      Sums sums;
-      for (int t = 0; t < in.frame_count; ++t, w += in.window) {
-        const std::int16_t* const x = frames[t] + position * step;
-        for (int i = 0; i < whole; i += kStep) {
-          const __m512i weights = widen32(w + i);
-          sums.add([&](int) { return weights; },
-                   [&](int p) { return _mm512_loadu_si512(x + i + p * step); });
-        }
-        if (whole < in.window) {
-          const __m512i weights = widen(mask, w + whole);
-          sums.add([&](int) { return weights; },
-                   [&](int p) { return _mm512_maskz_loadu_epi16(mask, x + whole + p * step); });
-        }
-      }
-      return sums.total();
+// The sums of kBlocks * 16 rows.
+template <int kBlocks>
+__attribute__((noinline)) void panel_product(const std::int8_t* weights,
+                                             const std::int32_t* row_sums, const SplitVector& q,
+                                             const NonZeroFours& fours, std::int32_t* sums) {
+  Sums low[kBlocks], high[kBlocks];
+  unrolled<kBlocks>([&](int b) SE_INLINE {
+    low[b] = Sums{};
+    high[b] = reinterpret_cast<Sums>(_mm512_loadu_si512(row_sums + b * kLanes)) * -q.offset;
+  });
+  for (int i = 0; i < fours.count; ++i) {
+    const int group = fours.at[i];
+    const std::int8_t* const w = weights + group * (kBlocks * kBlockBytes);
+    const __m512i x_low = broadcast32(q.low + group * kGroup);
+    const __m512i x_high = broadcast32(q.high + group * kGroup);
+    unrolled<kBlocks>([&](int b) SE_INLINE {
+      const __m512i block = _mm512_load_si512(w + b * kBlockBytes);
+      low[b] = reinterpret_cast<Sums>(_mm512_dpbusd_epi32(as_integers(low[b]), x_low, block));
+      high[b] = reinterpret_cast<Sums>(_mm512_dpbusd_epi32(as_integers(high[b]), x_high, block));
     });
   }
+  unrolled<kBlocks>([&](int b) SE_INLINE {
+    _mm512_storeu_si512(
+        sums + b * kLanes,
+        _mm512_add_epi32(as_integers(low[b]), _mm512_slli_epi32(as_integers(high[b]), 8)));
+  });
+}
+
+// The function for a panel of so many blocks.
+template <int kBlocks = kPanelBlocks>
+void any_panel_product(int blocks, const std::int8_t* w, const std::int32_t* row_sums,
+                       const SplitVector& q, const NonZeroFours& fours, std::int32_t* sums) {
+  if constexpr (kBlocks > 0) {
+    if (blocks == kBlocks) return panel_product<kBlocks>(w, row_sums, q, fours, sums);
+    any_panel_product<kBlocks - 1>(blocks, w, row_sums, q, fours, sums);
+  }
+}
+
+void packed_product(const PackedMatrix& m, const Matrix& /*plain*/, const std::int16_t* q,
+                    std::int32_t* sums) {
+  const SplitVector split(q, m.cols);
+  const int cols = round_up(m.cols, kGroup);
+  const NonZeroFours fours(q, m.cols, split.offset == 0);
+  const std::int8_t* w = m.weights;
+  for (int block = 0; block * kLanes < m.rows; block += kPanelBlocks) {
+    const int left = round_up(m.rows, kLanes) / kLanes - block;
+    const int blocks = left < kPanelBlocks ? left : kPanelBlocks;
+    any_panel_product(blocks, w, m.row_sums + block * kLanes, split, fours, sums + block * kLanes);
+    w += blocks * kBlockBytes * (cols / kGroup);
+  }
+}
+
+// ---- Convolutions -------------------------------------------------------------------------------
+
+constexpr PackOrder kConvolveOrder = {kLanes, kLanes, 2};
+constexpr int kPositions = 16;  // at once: their sums stay in registers
+
+// The outputs of sixteen rows from `first` on at sixteen positions from `position` on. kStep is the
+// step between positions where it is known, so that loads reach them from one address; 0 otherwise.
+template <int kStep>
+void convolve_tile(const PackedMatrix& m, const ConvInput& in, const OutputScale& out, int first,
+                   int position, float* y) {
+  const std::ptrdiff_t step = kStep > 0 ? kStep : in.step;
+  const int window = round_up(in.window, 2);
+  const std::int8_t* w = m.weights + first * std::ptrdiff_t{in.frame_count} * window;
+  Sums sum[kPositions];
+  unrolled<kPositions>([&](int p) SE_INLINE { sum[p] = Sums{}; });
+  for (int t = 0; t < in.frame_count; ++t) {
+    const std::int16_t* x = in.frames[t] + position * step;
+    for (int i = 0; i < window; i += 2, x += 2, w += 2 * kLanes) {
+      forget(x);
+      const __m512i weights =
+          _mm512_cvtepi8_epi16(_mm256_load_si256(reinterpret_cast<const __m256i*>(w)));
+      unrolled<kPositions>([&](int p) SE_INLINE {
+        sum[p] = reinterpret_cast<Sums>(
+            _mm512_dpwssd_epi32(as_integers(sum[p]), weights, broadcast32(x + p * step)));
+      });
+    }
+  }
+  const int rows = m.rows - first;
+  const __mmask16 mask = _cvtu32_mask16(rows >= kLanes ? 0xffffu : 0xffffu >> (kLanes - rows));
+  const __m512 scale =
+      _mm512_mul_ps(_mm512_maskz_loadu_ps(mask, out.scale + first), _mm512_set1_ps(out.unit));
+  const __m512 bias = _mm512_maskz_loadu_ps(mask, out.bias + first);
+  unrolled<kPositions>([&](int p) SE_INLINE {
+    const __m512 v =
+        _mm512_add_ps(_mm512_mul_ps(_mm512_cvtepi32_ps(as_integers(sum[p])), scale), bias);
+    _mm512_mask_storeu_ps(y + (position + p) * m.rows + first, mask, v);
+  });
+}
+
+template <int kStep>
+void convolve_tiles(const PackedMatrix& m, const ConvInput& in, const OutputScale& out, float* y) {
+  for (int first = 0; first < m.rows; first += kLanes) {
+    for (int p = 0; p < in.positions; p += kPositions) {
+      convolve_tile<kStep>(m, in, out, first, p, y);
+    }
+  }
+}
+
+void packed_convolve(const PackedMatrix& packed, const Matrix& m, const ConvInput& in,
+                     const OutputScale& out, float* y) {
+  const bool readable = (in.positions - 1) * in.step + round_up(in.window, 2) <= in.frame_len;
+  if (in.positions % kPositions != 0 || !readable) return g_base.convolve(m, in, out, y);
+  // The steps of the denoiser's layers, and then any other.
+  if (in.step == 6) return convolve_tiles<6>(packed, in, out, y);
+  if (in.step == 16) return convolve_tiles<16>(packed, in, out, y);
+  if (in.step == 32) return convolve_tiles<32>(packed, in, out, y);
+  if (in.step == 64) return convolve_tiles<64>(packed, in, out, y);
+  convolve_tiles<0>(packed, in, out, y);
 }
 
 // ---- Activations: sixteen values per vector -----------------------------------------------------
 
-__m512 fill16(float x) {
-  return _mm512_set1_ps(x);
+struct Float16 {
+  __m512 v;
+
+  static Float16 fill(float x) { return {_mm512_set1_ps(x)}; }
+};
+
+Float16 operator+(Float16 a, Float16 b) {
+  return {_mm512_add_ps(a.v, b.v)};
 }
 
-template <int N>
-__m512 polynomial(const float (&c)[N], __m512 x) {
-  __m512 p = fill16(c[N - 1]);
-  for (int i = N - 2; i >= 0; --i) p = _mm512_add_ps(_mm512_mul_ps(p, x), fill16(c[i]));
-  return p;
+Float16 operator-(Float16 a, Float16 b) {
+  return {_mm512_sub_ps(a.v, b.v)};
 }
 
-// The sequence of kernels/tanh.h. Always inlined: its constants are loaded once per loop then.
-__attribute__((always_inline)) inline __m512 tanh16(__m512 x) {
-  using C = TanhConstants;
-  const __m512 sign = _mm512_and_ps(x, fill16(-0.0f));
-  const __m512 a = _mm512_xor_ps(x, sign);
+Float16 operator*(Float16 a, Float16 b) {
+  return {_mm512_mul_ps(a.v, b.v)};
+}
 
-  const __m512 s = _mm512_mul_ps(a, a);
-  const __m512 p = polynomial(C::kOdd, s);
-  const __m512 near = _mm512_add_ps(a, _mm512_mul_ps(a, _mm512_mul_ps(s, p)));
+Float16 plus_product(Float16 c, Float16 a, Float16 b) {
+  return c + a * b;
+}
 
-  const __m512 b = _mm512_min_ps(fill16(C::kLimit), a);  // NaN stays: the second operand wins
-  const __m512 shifted =
-      _mm512_add_ps(_mm512_mul_ps(b, fill16(C::kMinus2OverLn2)), fill16(C::kRound));
-  const __m512 n = _mm512_sub_ps(shifted, fill16(C::kRound));
-  const __m512 high =
-      _mm512_sub_ps(_mm512_mul_ps(b, fill16(-2.0f)), _mm512_mul_ps(n, fill16(C::kLn2High)));
-  const __m512 r = _mm512_sub_ps(high, _mm512_mul_ps(n, fill16(C::kLn2Low)));
-  const __m512 e = polynomial(C::kExp, r);
-  const __m512 power = _mm512_castsi512_ps(_mm512_add_epi32(
-      _mm512_slli_epi32(_mm512_castps_si512(shifted), 23), _mm512_set1_epi32(0x3f800000)));
-  const __m512 exponential =
-      _mm512_add_ps(fill16(1.0f), _mm512_add_ps(r, _mm512_mul_ps(_mm512_mul_ps(r, r), e)));
-  const __m512 t = _mm512_mul_ps(exponential, power);
+Float16 minus_product(Float16 c, Float16 a, Float16 b) {
+  return c - a * b;
+}
 
-  const __m512 q = polynomial(C::kInverse, t);
-  const __m512 t2 = _mm512_add_ps(t, t);
-  const __m512 far =
-      _mm512_sub_ps(fill16(1.0f), _mm512_add_ps(t2, _mm512_mul_ps(t2, _mm512_mul_ps(t, q))));
+Float16 magnitude(Float16 a) {
+  return {_mm512_andnot_ps(_mm512_set1_ps(-0.0f), a.v)};
+}
 
-  const __mmask16 is_near = _mm512_cmp_ps_mask(a, fill16(C::kSplit), _CMP_LT_OQ);
-  return _mm512_or_ps(_mm512_mask_blend_ps(is_near, far, near), sign);
+Float16 with_sign_of(Float16 a, Float16 x) {
+  return {_mm512_or_ps(a.v, _mm512_and_ps(_mm512_set1_ps(-0.0f), x.v))};
+}
+
+Float16 at_most(Float16 a, Float16 limit) {
+  return {_mm512_min_ps(limit.v, a.v)};  // the second operand wins where one is NaN
+}
+
+Float16 shifted_power(Float16 s) {
+  const __m512i exponent = _mm512_slli_epi32(_mm512_castps_si512(s.v), 23);
+  return {_mm512_castsi512_ps(_mm512_add_epi32(exponent, _mm512_set1_epi32(0x3f800000)))};
+}
+
+Float16 below(Float16 a, Float16 limit, Float16 yes, Float16 no) {
+  return {_mm512_mask_blend_ps(_mm512_cmp_ps_mask(a.v, limit.v, _CMP_LT_OQ), no.v, yes.v)};
 }
 
 // x[i] = f(x[i]) for sixteen values at a time, the last time for those that are left.
@@ -197,26 +237,28 @@ template <class Function>
 void transform(float* x, int n, Function f) {
   for (int i = 0; i < n; i += 16) {
     const __mmask16 mask = _cvtu32_mask16(n - i >= 16 ? 0xffffu : 0xffffu >> (16 - (n - i)));
-    _mm512_mask_storeu_ps(x + i, mask, f(_mm512_maskz_loadu_ps(mask, x + i)));
+    _mm512_mask_storeu_ps(x + i, mask, f(Float16{_mm512_maskz_loadu_ps(mask, x + i)}).v);
   }
 }
 
 void tanh(float* x, int n) {
-  transform(x, n, [](__m512 v) { return tanh16(v); });
+  transform(x, n, [](Float16 v) { return tanh_of(v); });
 }
 
 void sigmoid(float* x, int n) {
-  const __m512 half = fill16(0.5f);
-  transform(x, n, [half](__m512 v) {
-    return _mm512_mul_ps(half, _mm512_add_ps(tanh16(_mm512_mul_ps(half, v)), fill16(1.0f)));
-  });
+  transform(x, n, [](Float16 v) { return sigmoid_of(v); });
 }
 
 }  // namespace
 
-const NnKernels kAvx512Nn = {
-    avx2::pool, avx2::expand,    avx2::compress,     avx2::quantise,          affine<Products>,
-    convolve,   avx2::normalise, gru_gate<Products>, gru_candidate<Products>, avx2::gru_blend,
-    tanh,       sigmoid};
+void use_avx512(NnKernels& k) {
+  g_base = k;
+  k.product_order = kProductOrder;
+  k.packed_product = packed_product;
+  k.convolve_order = kConvolveOrder;
+  k.packed_convolve = packed_convolve;
+  k.tanh = tanh;
+  k.sigmoid = sigmoid;
+}
 
 }  // namespace se

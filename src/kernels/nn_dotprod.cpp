@@ -1,22 +1,26 @@
-// Denoiser kernels for AArch64 with dot products (ARMv8.2 and later): the integer products;
-// everything else stays with NEON.
+// Denoiser kernels for AArch64 with dot products (ARMv8.2 and later): the products of packed
+// weights; everything else stays with NEON.
 //
-// The instruction adds four products of bytes to each 32-bit lane. An activation is therefore split
-// in two, x = 128 * high + low with low from 0 to 127, and the products of both parts are summed
-// apart and put together at the end: two multiply-adds per sixteen weights instead of four behind
-// two widenings. What is outside -16384..16383 has no such parts, which the denoiser's activations
-// (at most 6 in Q11) never are; such calls, and lengths that fit no vector, go to NEON.
+// The instruction adds four products of bytes to each 32-bit lane, here of four columns to the lane
+// of their row. An activation is therefore split in two, x = 128 * high + low with low from 0 to
+// 127, and the products of both parts are summed apart and put together at the end: two
+// multiply-adds per sixteen weights instead of four behind two widenings. What is outside
+// -16384..16383 has no such parts, which the denoiser's activations (at most 6 in Q11) never are;
+// such calls go to NEON.
 #include "kernels/nn_arm.h"
-#include "kernels/nn_neon.h"
+#include "kernels/packing.h"
 #include "kernels/variants.h"
 
 namespace se {
-namespace dotprod {
 namespace {
 
 using namespace neon;
 
-constexpr int kStep = 16;  // bytes of a vector
+NnKernels g_base;  // takes what this variant leaves
+
+constexpr int kGroup = 4;     // columns of one multiply-add
+constexpr int kLanes = 4;     // rows of one
+constexpr int kColumns = 16;  // of activations in a vector
 constexpr int kLowBits = 7;
 
 // The parts of `n` values, a multiple of 8. False where a value has none.
@@ -31,110 +35,109 @@ bool split(const std::int16_t* q, int n, std::int8_t* high, std::int8_t* low) {
   return vminvq_s16(outside) >= 0;
 }
 
-// The sums of four rows from those of their parts.
-inline int32x4_t joined_totals(const int32x4_t* high, const int32x4_t* low) {
-  const int32x4_t highs = totals(high[0], high[1], high[2], high[3]);
-  return vaddq_s32(vshlq_n_s32(highs, kLowBits), totals(low[0], low[1], low[2], low[3]));
-}
+// Sums of four rows in their parts.
+struct PartSums {
+  int32x4_t high, low;
 
-inline int8x16_t load_and_step(const std::int8_t*& from) {
-  const int8x16_t v = vld1q_s8(from);
-  step(from, kStep);
-  return v;
-}
-
-// A vector of activations in parts, zeros behind them.
-class SplitVector {
- public:
-  static bool fits(int length) { return length % 8 == 0 && length <= kMaxLength; }
-
-  bool set(const std::int16_t* q, int length) {
-    length_ = length;
-    vst1_s8(high_ + length, vdup_n_s8(0));
-    vst1_s8(low_ + length, vdup_n_s8(0));
-    return split(q, length, high_, low_);
-  }
-
-  int length() const { return length_; }
-
-  // Not inlined, so that nothing of its callers competes for its registers.
-  __attribute__((noinline)) Int32x8 eight_rows(const std::int8_t* weights) const {
-    int32x4_t high[kRows], low[kRows];
-    const std::int8_t* w[kRows];
-    unrolled<kRows>([&](int r) SE_INLINE {
-      high[r] = low[r] = vdupq_n_s32(0);
-      w[r] = weights + r * length_;
-    });
-    const std::int8_t *q_high = high_, *q_low = low_;
-    const auto add = [&](auto load) SE_INLINE {
-      const int8x16_t x_high = vld1q_s8(q_high), x_low = vld1q_s8(q_low);
-      unrolled<kRows>([&](int r) SE_INLINE {
-        const int8x16_t row = load(w[r]);
-        high[r] = vdotq_s32(high[r], row, x_high);
-        low[r] = vdotq_s32(low[r], row, x_low);
-      });
-    };
-    for (int steps = length_ / kStep; steps > 0; --steps) {
-      add([](const std::int8_t*& from) SE_INLINE { return load_and_step(from); });
-      q_high += kStep;
-      q_low += kStep;
-    }
-    if (length_ % kStep != 0) {  // eight more
-      add([](const std::int8_t* from)
-              SE_INLINE { return vcombine_s8(vld1_s8(from), vdup_n_s8(0)); });
-    }
-    return {joined_totals(high, low), joined_totals(high + 4, low + 4)};
-  }
-
- private:
-  static constexpr int kMaxLength = 400;
-
-  std::int8_t high_[kMaxLength + 8];
-  std::int8_t low_[kMaxLength + 8];
-  int length_ = 0;
+  int32x4_t total() const { return vaddq_s32(vshlq_n_s32(high, kLowBits), low); }
 };
 
-void affine(const IntegerLayer& layer, const std::int16_t* q, float* y) {
-  SplitVector vector;
-  if (layer.rows < kRows || !SplitVector::fits(layer.row_len) || !vector.set(q, layer.row_len)) {
-    return neon::affine(layer, q, y);
+// Adds the products of four columns of four rows, the activations' being the kFour-th four.
+template <int kFour>
+SE_INLINE inline void add_products(PartSums& sum, int8x16_t w, int8x16_t high, int8x16_t low) {
+  sum.high = vdotq_laneq_s32(sum.high, w, high, kFour);
+  sum.low = vdotq_laneq_s32(sum.low, w, low, kFour);
+}
+
+SE_INLINE inline int8x16_t broadcast_four(const std::int8_t* from) {
+  std::int32_t bits;
+  __builtin_memcpy(&bits, from, sizeof bits);
+  return vreinterpretq_s8_s32(vdupq_n_s32(bits));
+}
+
+// ---- Matrix products ----------------------------------------------------------------------------
+
+constexpr int kPanelBlocks = 8;
+constexpr PackOrder kProductOrder = {kPanelBlocks * kLanes, kLanes, kGroup};
+
+// Adds the products of four columns of kBlocks * 4 rows.
+template <int kFour, int kBlocks>
+SE_INLINE inline void add_rows(const std::int8_t*& w, int8x16_t high, int8x16_t low,
+                               PartSums (&sum)[kBlocks]) {
+  unrolled<kBlocks / 4>([&](int i) SE_INLINE {
+    const int8x16x4_t bytes = vld1q_s8_x4(w);
+    step(w, 64);
+    unrolled<4>([&](int b)
+                    SE_INLINE { add_products<kFour>(sum[4 * i + b], bytes.val[b], high, low); });
+  });
+  unrolled<kBlocks % 4>([&](int i) SE_INLINE {
+    const int8x16_t bytes = vld1q_s8(w);
+    step(w, 16);
+    add_products<kFour>(sum[kBlocks / 4 * 4 + i], bytes, high, low);
+  });
+}
+
+template <int kBlocks>
+__attribute__((noinline)) void panel_product(const std::int8_t* w, const std::int8_t* high,
+                                             const std::int8_t* low, int cols, std::int32_t* sums) {
+  PartSums sum[kBlocks];
+  unrolled<kBlocks>([&](int b) SE_INLINE { sum[b] = {vdupq_n_s32(0), vdupq_n_s32(0)}; });
+  for (int steps = cols / kColumns; steps > 0; --steps) {
+    const int8x16_t x_high = vld1q_s8(high), x_low = vld1q_s8(low);
+    step(high, kColumns);
+    step(low, kColumns);
+    add_rows<0>(w, x_high, x_low, sum);
+    add_rows<1>(w, x_high, x_low, sum);
+    add_rows<2>(w, x_high, x_low, sum);
+    add_rows<3>(w, x_high, x_low, sum);
   }
-  affine_rows(layer, vector, y);
+  for (int rest = cols % kColumns; rest > 0; rest -= kGroup, high += kGroup, low += kGroup) {
+    add_rows<0>(w, broadcast_four(high), broadcast_four(low), sum);
+  }
+  unrolled<kBlocks>([&](int b) SE_INLINE { vst1q_s32(sums + b * kLanes, sum[b].total()); });
 }
 
-// Both vectors of a GRU step. False where they have no parts.
-bool split_step(const GruStep& step, SplitVector& input, SplitVector& state) {
-  return step.hidden_size >= kRows && SplitVector::fits(step.hidden_size) &&
-         SplitVector::fits(step.input_size) && input.set(step.input, step.input_size) &&
-         state.set(step.state, step.hidden_size);
+// The function for a panel of so many blocks.
+template <int kBlocks = kPanelBlocks>
+void any_panel_product(int blocks, const std::int8_t* w, const std::int8_t* high,
+                       const std::int8_t* low, int cols, std::int32_t* sums) {
+  if constexpr (kBlocks > 0) {
+    if (blocks == kBlocks) return panel_product<kBlocks>(w, high, low, cols, sums);
+    any_panel_product<kBlocks - 1>(blocks, w, high, low, cols, sums);
+  }
 }
 
-void gru_gate(const GruGate& gate, const GruStep& step, float* y) {
-  SplitVector input, state;
-  if (!split_step(step, input, state)) return neon::gru_gate(gate, step, y);
-  gate_rows(gate, input, state, y);
-}
-
-void gru_candidate(const GruGate& gate, const GruStep& step, const float* reset, float* y) {
-  SplitVector input, state;
-  if (!split_step(step, input, state)) return neon::gru_candidate(gate, step, reset, y);
-  candidate_rows(gate, input, state, reset, y);
+void packed_product(const PackedMatrix& packed, const Matrix& m, const std::int16_t* q,
+                    std::int32_t* sums) {
+  std::int8_t high[kMostPackedCols], low[kMostPackedCols];
+  if (m.cols % 8 != 0 || !split(q, m.cols, high, low)) return g_base.product(m, q, sums);
+  const std::int8_t* w = packed.weights;
+  for (int left = round_up(m.rows, kLanes) / kLanes; left > 0; left -= kPanelBlocks) {
+    const int blocks = left < kPanelBlocks ? left : kPanelBlocks;
+    any_panel_product(blocks, w, high, low, m.cols, sums);
+    w += blocks * kLanes * m.cols;
+    sums += blocks * kLanes;
+  }
 }
 
 // ---- Convolutions -------------------------------------------------------------------------------
 
-constexpr int kConvRows = 4;       // of one block of products
-constexpr int kConvPositions = 2;  // of one block
+constexpr int kTileBlocks = 2;
+constexpr int kTileRows = kTileBlocks * kLanes;
+constexpr int kPositions = 4;
+constexpr PackOrder kConvolveOrder = {kTileRows, kTileRows, kGroup};
 
 // The frames of a convolution in parts. Every value is split once, however many windows hold it.
 class SplitFrames {
  public:
   bool set(const ConvInput& in) {
-    if (in.frame_count > kMaxFrames || in.frame_len > kMaxLength || in.frame_len % 8 != 0) {
-      return false;
-    }
+    if (in.frame_count > kMaxFrames || in.frame_len > kMaxLength) return false;
     for (int t = 0; t < in.frame_count; ++t) {
-      if (!split(in.frames[t], in.frame_len, high_[t], low_[t])) return false;
+      const int whole = in.frame_len / 8 * 8;
+      if (!split(in.frames[t], whole, high_[t], low_[t])) return false;
+      std::int16_t last[8] = {};
+      for (int i = whole; i < in.frame_len; ++i) last[i - whole] = in.frames[t][i];
+      if (!split(last, 8, high_[t] + whole, low_[t] + whole)) return false;
     }
     return true;
   }
@@ -144,69 +147,101 @@ class SplitFrames {
  private:
   static constexpr int kMaxFrames = 3, kMaxLength = 1152;
 
-  std::int8_t high_[kMaxFrames][kMaxLength];
-  std::int8_t low_[kMaxFrames][kMaxLength];
+  // A last group may reach behind the last window; its weights are 0 there.
+  std::int8_t high_[kMaxFrames][kMaxLength + 8];
+  std::int8_t low_[kMaxFrames][kMaxLength + 8];
 };
 
-// The outputs of kConvRows rows from `row` on at kConvPositions positions from `position` on.
-__attribute__((noinline)) void convolve_block(const IntegerLayer& layer, const ConvInput& in,
-                                              const SplitFrames& frames, int row, int position,
-                                              float* y) {
-  int32x4_t high[kConvPositions][kConvRows], low[kConvPositions][kConvRows];
-  unrolled<kConvPositions>([&](int p) SE_INLINE {
-    unrolled<kConvRows>([&](int r) SE_INLINE { high[p][r] = low[p][r] = vdupq_n_s32(0); });
-  });
-  const std::int8_t* w[kConvRows];
-  unrolled<kConvRows>([&](int r) SE_INLINE { w[r] = layer.weights + (row + r) * layer.row_len; });
-  for (int t = 0; t < in.frame_count; ++t) {
-    const std::int8_t *q_high[kConvPositions], *q_low[kConvPositions];
-    unrolled<kConvPositions>([&](int p) SE_INLINE {
-      q_high[p] = frames.high(t) + (position + p) * in.step;
-      q_low[p] = frames.low(t) + (position + p) * in.step;
-    });
-    for (int steps = in.window / kStep; steps > 0; --steps) {
-      int8x16_t x_high[kConvPositions], x_low[kConvPositions];
-      unrolled<kConvPositions>([&](int p) SE_INLINE {
-        x_high[p] = load_and_step(q_high[p]);
-        x_low[p] = load_and_step(q_low[p]);
-      });
-      unrolled<kConvRows>([&](int r) SE_INLINE {
-        const int8x16_t weights = load_and_step(w[r]);
-        unrolled<kConvPositions>([&](int p) SE_INLINE {
-          high[p][r] = vdotq_s32(high[p][r], weights, x_high[p]);
-          low[p][r] = vdotq_s32(low[p][r], weights, x_low[p]);
-        });
-      });
-    }
-  }
-  const float32x4_t scale = vmulq_n_f32(vld1q_f32(layer.scale + row), layer.unit);
-  const float32x4_t bias = vld1q_f32(layer.bias + row);
-  unrolled<kConvPositions>([&](int p) SE_INLINE {
-    const float32x4_t total = vcvtq_f32_s32(joined_totals(high[p], low[p]));
-    vst1q_f32(y + (position + p) * layer.rows + row, vmlaq_f32(bias, total, scale));
+using Tile = PartSums[kPositions][kTileBlocks];
+
+struct Activations {
+  int8x16_t high, low;
+};
+
+// Adds the products of four columns of eight rows at all positions.
+template <int kFour>
+SE_INLINE inline void add_positions(const int8x16_t* w, const Activations (&x)[kPositions],
+                                    Tile& sum) {
+  unrolled<kPositions>([&](int p) SE_INLINE {
+    unrolled<kTileBlocks>(
+        [&](int b) SE_INLINE { add_products<kFour>(sum[p][b], w[b], x[p].high, x[p].low); });
   });
 }
 
-void convolve(const IntegerLayer& layer, const ConvInput& in, float* y) {
-  SplitFrames frames;
-  if (in.window % kStep != 0 || layer.rows < kConvRows || in.positions < kConvPositions ||
-      !frames.set(in)) {
-    return neon::convolve(layer, in, y);
+// The outputs of eight rows from `first` on at kPositions positions from `position` on.
+__attribute__((noinline)) void convolve_tile(const PackedMatrix& m, const ConvInput& in,
+                                             const SplitFrames& frames, const OutputScale& out,
+                                             int first, int position, float* y) {
+  const int window = round_up(in.window, kGroup);
+  const std::int8_t* w = m.weights + first * in.frame_count * window;
+  Tile sum;
+  unrolled<kPositions>([&](int p) SE_INLINE {
+    unrolled<kTileBlocks>([&](int b) SE_INLINE { sum[p][b] = {vdupq_n_s32(0), vdupq_n_s32(0)}; });
+  });
+  Activations x[kPositions];
+  for (int t = 0; t < in.frame_count; ++t) {
+    const std::int8_t *high[kPositions], *low[kPositions];
+    unrolled<kPositions>([&](int p) SE_INLINE {
+      high[p] = frames.high(t) + (position + p) * in.step;
+      low[p] = frames.low(t) + (position + p) * in.step;
+    });
+    for (int steps = window / kColumns; steps > 0; --steps) {
+      unrolled<kPositions>([&](int p) SE_INLINE {
+        x[p] = {vld1q_s8(high[p]), vld1q_s8(low[p])};
+        step(high[p], kColumns);
+        step(low[p], kColumns);
+      });
+      const int8x16x4_t first_half = vld1q_s8_x4(w);
+      step(w, 64);
+      add_positions<0>(first_half.val, x, sum);
+      add_positions<1>(first_half.val + 2, x, sum);
+      const int8x16x4_t second_half = vld1q_s8_x4(w);
+      step(w, 64);
+      add_positions<2>(second_half.val, x, sum);
+      add_positions<3>(second_half.val + 2, x, sum);
+    }
+    for (int rest = window % kColumns; rest > 0; rest -= kGroup, w += kTileRows * kGroup) {
+      unrolled<kPositions>([&](int p) SE_INLINE {
+        x[p] = {broadcast_four(high[p]), broadcast_four(low[p])};
+        high[p] += kGroup;
+        low[p] += kGroup;
+      });
+      const int8x16_t bytes[kTileBlocks] = {vld1q_s8(w), vld1q_s8(w + 16)};
+      add_positions<0>(bytes, x, sum);
+    }
   }
-  for (int row = 0; row < layer.rows; row += kConvRows) {
-    for (int position = 0; position < in.positions; position += kConvPositions) {
-      convolve_block(layer, in, frames, block_start(row, layer.rows, kConvRows),
-                     block_start(position, in.positions, kConvPositions), y);
+  unrolled<kTileBlocks>([&](int b) SE_INLINE {
+    const int row = first + b * kLanes;
+    const float32x4_t scale = vmulq_n_f32(vld1q_f32(out.scale + row), out.unit);
+    const float32x4_t bias = vld1q_f32(out.bias + row);
+    unrolled<kPositions>([&](int p) SE_INLINE {
+      const float32x4_t total = vcvtq_f32_s32(sum[p][b].total());
+      vst1q_f32(y + (position + p) * m.rows + row, vmlaq_f32(bias, total, scale));
+    });
+  });
+}
+
+void packed_convolve(const PackedMatrix& packed, const Matrix& m, const ConvInput& in,
+                     const OutputScale& out, float* y) {
+  SplitFrames frames;
+  if (m.rows % kTileRows != 0 || in.positions % kPositions != 0 || !frames.set(in)) {
+    return g_base.convolve(m, in, out, y);
+  }
+  for (int first = 0; first < m.rows; first += kTileRows) {
+    for (int p = 0; p < in.positions; p += kPositions) {
+      convolve_tile(packed, in, frames, out, first, p, y);
     }
   }
 }
 
 }  // namespace
-}  // namespace dotprod
 
-const NnKernels kDotprodNn = {neon::pool,      neon::expand,        neon::compress,
-                              neon::quantise,  dotprod::affine,     dotprod::convolve,
-                              neon::normalise, dotprod::gru_gate,   dotprod::gru_candidate,
-                              neon::gru_blend, neon::tanh_in_place, neon::sigmoid_in_place};
+void use_dotprod(NnKernels& k) {
+  g_base = k;
+  k.product_order = kProductOrder;
+  k.packed_product = packed_product;
+  k.convolve_order = kConvolveOrder;
+  k.packed_convolve = packed_convolve;
+}
 
 }  // namespace se

@@ -10,6 +10,11 @@
 
 namespace se {
 
+constexpr float kFeatureFloor = 1e-8f;    // keeps magnitudes and features at or above 1e-4
+constexpr float kStateUnit = 0x1p-11f;    // of a GRU's activations
+constexpr float kGruUnit = 0x1p-19f;      // of its products: a weight is w / 2^8
+constexpr float kActivationLimit = 6.0f;  // of a convolution's normalised output
+
 // How neighbouring bins share in bands: bin k lies at the fraction `fraction[k]` of band `band[k]`,
 // whose width is 1 / `inverse_width[k]` bins, and counts for the next band by that fraction.
 struct BinShares {
@@ -19,21 +24,39 @@ struct BinShares {
   const float* inverse_width;
 };
 
-// The parameters of one gate of a GRU layer: `hidden` rows of each table, one bias per row. A
-// stored weight stands for w / 256, an activation for q / 2048.
-struct GruGate {
-  const std::int8_t* weight_in;     // rows of `input_size`
-  const std::int8_t* weight_state;  // rows of `hidden_size`
-  const float* bias_in;
-  const float* bias_state;
+// A matrix of weights, row after row.
+struct Matrix {
+  const std::int8_t* weights;
+  int rows;
+  int cols;
 };
 
-// What every gate of one GRU step reads.
-struct GruStep {
-  const std::int16_t* input;
-  const std::int16_t* state;
-  int input_size;
-  int hidden_size;
+// The order in which a variant's products read weights, so that rows lie side by side in its lanes:
+// `panel` rows after `panel` rows; within these, `group` columns after `group` columns; within
+// these, row after row. Zeros fill the last panel up to a multiple of `lanes` rows and every row to
+// a whole number of groups. A panel of 0 rows: the variant has no such product.
+struct PackOrder {
+  int panel, lanes, group;
+};
+
+// A matrix in that order, on a boundary of 64 bytes, and the sums of its rows, as many as lanes.
+struct PackedMatrix {
+  const std::int8_t* weights;
+  const std::int32_t* row_sums;
+  int rows;
+  int cols;
+};
+
+constexpr int kMostPackedCols = 512;
+constexpr int kSpareSums = 15;  // what a packed product may write behind the sums of the rows
+
+// The sums of both sides of a GRU's gate, W_in input and W_state state, and the biases, by unit. A
+// stored weight stands for w / 256, an activation for q / 2048.
+struct GruGate {
+  const std::int32_t* sum_in;
+  const std::int32_t* sum_state;
+  const float* bias_in;
+  const float* bias_state;
 };
 
 // The input of a convolution along frequency: the last frames, margins included, oldest first. The
@@ -47,11 +70,8 @@ struct ConvInput {
   int positions;
 };
 
-// The parameters of an integer layer: a row of `row_len` weights, a scale and a bias per output.
-struct IntegerLayer {
-  const std::int8_t* weights;
-  int rows;
-  int row_len;
+// What an integer layer makes of its sums: a scale and a bias per output.
+struct OutputScale {
   const float* scale;
   float unit;  // what 1 of the activations stands for, a power of two
   const float* bias;
@@ -74,23 +94,38 @@ struct NnKernels {
   // sign, truncate), saturated to -32768..32767; NaN gives 0. `scale` is a power of two.
   void (*quantise)(const float* x, int n, float scale, std::int16_t* q);
 
-  // y[r] = float(sum of weights[r * row_len + i] * q[i]) * (scale[r] * unit) + bias[r].
-  void (*affine)(const IntegerLayer& layer, const std::int16_t* q, float* y);
+  // sums[r] = sum of m.weights[r * cols + i] * q[i].
+  void (*product)(const Matrix& m, const std::int16_t* q, std::int32_t* sums);
 
-  // The same for every position p of a convolution, into y[p * rows + r]. The weights of a row run
-  // frame after frame; what it holds past frame_count * window weights is not used.
-  void (*convolve)(const IntegerLayer& layer, const ConvInput& in, float* y);
+  // The same with the matrix packed, of at most kMostPackedCols columns. Writes up to kSpareSums
+  // more. A variant may take the plain matrix where that is better; the same goes for convolutions.
+  PackOrder product_order;
+  void (*packed_product)(const PackedMatrix& packed, const Matrix& m, const std::int16_t* q,
+                         std::int32_t* sums);
+
+  // y[r] = float(sums[r]) * (scale[r] * unit) + bias[r].
+  void (*scale_sums)(const std::int32_t* sums, const OutputScale& out, int n, float* y);
+
+  // For every position p of a convolution y[p * rows + r], made like that of the sum over its
+  // windows. The weights of a row run frame after frame; what it holds past frame_count * window
+  // weights is not used.
+  void (*convolve)(const Matrix& m, const ConvInput& in, const OutputScale& out, float* y);
+
+  // The same with packed weights, every frame's part of a row filled up to whole groups by itself.
+  PackOrder convolve_order;
+  void (*packed_convolve)(const PackedMatrix& packed, const Matrix& m, const ConvInput& in,
+                          const OutputScale& out, float* y);
 
   // y[i] = fused(x[i] * mul[i] + add[i]) clamped to 0..6; NaN gives 0.
   void (*normalise)(const float* x, const float* mul, const float* add, int n, float* y);
 
-  // The argument of a reset or update gate, for each row r, with the exact sums in = W_in input and
-  // st = W_state state: y[r] = ((in * 2^-19 + bias_in[r]) + st * 2^-19) + bias_state[r].
-  void (*gru_gate)(const GruGate& gate, const GruStep& step, float* y);
+  // The argument of a reset or update gate, with in = float(sum_in[j]) * 2^-19 and st likewise:
+  // y[j] = ((in + bias_in[j]) + st) + bias_state[j].
+  void (*gru_gate)(const GruGate& gate, int n, float* y);
 
   // The argument of the candidate:
-  // y[r] = ((st * 2^-19 + bias_state[r]) * reset[r] + in * 2^-19) + bias_in[r].
-  void (*gru_candidate)(const GruGate& gate, const GruStep& step, const float* reset, float* y);
+  // y[j] = ((st + bias_state[j]) * reset[j] + in) + bias_in[j].
+  void (*gru_candidate)(const GruGate& gate, const float* reset, int n, float* y);
 
   // The new state: y[j] = fused(float(state[j]) * (z * 2^-11) + (1 - z) * candidate[j]), z =
   // update[j]. `y` may be `update` or `candidate`.

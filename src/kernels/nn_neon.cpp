@@ -4,18 +4,14 @@
 // loaded once for eight rows. Per row and step one load of weights, two widenings and four
 // multiply-adds; the lanes of a row are added up once at its end. Convolutions take four rows and
 // two or four positions at a time, so that the widening serves several positions, too.
-#include "kernels/nn_neon.h"
-
 #include "kernels/nn_arm.h"
 #include "kernels/tanh.h"
 #include "kernels/variants.h"
 
 namespace se {
-namespace neon {
 namespace {
 
-constexpr float kFloor = 1e-8f;
-constexpr float kStateUnit = 0x1p-11f;
+using namespace neon;
 
 // Of one block of a convolution: what the registers hold.
 constexpr int kConvRows = 4;
@@ -102,8 +98,6 @@ class Vector16 {
   int length_;
 };
 
-}  // namespace
-
 // The three rows lie side by side in the lanes, the fourth counts nowhere. A band is complete when
 // the bins of the next one start.
 void pool(const BinShares& shares, const float* x, int x_stride, float* y, int y_stride) {
@@ -164,12 +158,10 @@ void expand(const BinShares& shares, const float* x, float* y) {
 
 void compress(const float* x, int n, float* y) {
   for (; n >= 4; n -= 4, x += 4, y += 4) {
-    vst1q_f32(y, square_root(vaddq_f32(vld1q_f32(x), vdupq_n_f32(kFloor))));
+    vst1q_f32(y, square_root(vaddq_f32(vld1q_f32(x), vdupq_n_f32(kFeatureFloor))));
   }
   kScalarNn.compress(x, n, y);
 }
-
-namespace {
 
 // Rounds halves away from zero. The conversion truncates and saturates, NaN gives 0; narrowing
 // saturates again, so that no clamp is needed ahead.
@@ -178,8 +170,6 @@ inline int16x4_t quantise4(float32x4_t x, float32x4_t scale) {
   const float32x4_t half = vbslq_f32(vdupq_n_u32(kSignBit), scaled, vdupq_n_f32(0.5f));
   return vqmovn_s32(vcvtq_s32_f32(vaddq_f32(scaled, half)));
 }
-
-}  // namespace
 
 void quantise(const float* x, int n, float scale, std::int16_t* q) {
   const float32x4_t scales = vdupq_n_f32(scale);
@@ -193,12 +183,19 @@ void quantise(const float* x, int n, float scale, std::int16_t* q) {
   kScalarNn.quantise(x, n, scale, q);
 }
 
-void affine(const IntegerLayer& layer, const std::int16_t* q, float* y) {
-  if (layer.rows < kRows || layer.row_len % 8 != 0) return kScalarNn.affine(layer, q, y);
-  affine_rows(layer, Vector16(q, layer.row_len), y);
+void product(const Matrix& m, const std::int16_t* q, std::int32_t* sums) {
+  if (m.rows < kRows || m.cols % 8 != 0) return kScalarNn.product(m, q, sums);
+  product_rows(m, Vector16(q, m.cols), sums);
 }
 
-namespace {
+void scale_sums(const std::int32_t* sums, const OutputScale& out, int n, float* y) {
+  int i = 0;
+  for (; i + 4 <= n; i += 4) {
+    const float32x4_t scale = vmulq_n_f32(vld1q_f32(out.scale + i), out.unit);
+    vst1q_f32(y + i, vmlaq_f32(vld1q_f32(out.bias + i), vcvtq_f32_s32(vld1q_s32(sums + i)), scale));
+  }
+  kScalarNn.scale_sums(sums + i, {out.scale + i, out.unit, out.bias + i}, n - i, y + i);
+}
 
 // A window of at least eight values. The last block may overlap the one before.
 inline void copy_window(const std::int16_t* from, int window, std::int16_t* to) {
@@ -218,36 +215,33 @@ inline void gather(const ConvInput& in, int position, int row_len, std::int16_t*
 }
 
 // The outputs of kConvRows rows from `row` on at kConvPositions positions.
-inline void convolve_block(const IntegerLayer& layer, int row, const std::int16_t* patches,
-                           float* y) {
+inline void convolve_block(const Matrix& m, const OutputScale& out, int row,
+                           const std::int16_t* patches, float* y) {
   int32x4_t sum[kConvPositions][kConvRows];
   clear(sum);
-  add_products(layer.weights + row * layer.row_len, layer.row_len, patches, kMaxPatch, sum);
-  const float32x4_t scale = vmulq_n_f32(vld1q_f32(layer.scale + row), layer.unit);
-  const float32x4_t bias = vld1q_f32(layer.bias + row);
+  add_products(m.weights + row * m.cols, m.cols, patches, kMaxPatch, sum);
+  const float32x4_t scale = vmulq_n_f32(vld1q_f32(out.scale + row), out.unit);
+  const float32x4_t bias = vld1q_f32(out.bias + row);
   y += row;
-  for (int p = 0; p < kConvPositions; ++p, y += layer.rows) {
+  for (int p = 0; p < kConvPositions; ++p, y += m.rows) {
     const int32x4_t total = totals(sum[p][0], sum[p][1], sum[p][2], sum[p][3]);
     vst1q_f32(y, vmlaq_f32(bias, vcvtq_f32_s32(total), scale));
   }
 }
 
-}  // namespace
-
-void convolve(const IntegerLayer& layer, const ConvInput& in, float* y) {
-  if (layer.row_len % 8 != 0 || layer.row_len > kMaxPatch || layer.rows < kConvRows ||
-      in.window < 8 || in.positions < kConvPositions) {
-    return kScalarNn.convolve(layer, in, y);
+void convolve(const Matrix& m, const ConvInput& in, const OutputScale& out, float* y) {
+  if (m.cols % 8 != 0 || m.cols > kMaxPatch || m.rows < kConvRows || in.window < 8 ||
+      in.positions < kConvPositions) {
+    return kScalarNn.convolve(m, in, out, y);
   }
   std::int16_t patches[kConvPositions * kMaxPatch];
   for (int done = 0; done < in.positions; done += kConvPositions) {
     const int position = block_start(done, in.positions, kConvPositions);
     for (int p = 0; p < kConvPositions; ++p) {
-      gather(in, position + p, layer.row_len, patches + p * kMaxPatch);
+      gather(in, position + p, m.cols, patches + p * kMaxPatch);
     }
-    for (int row = 0; row < layer.rows; row += kConvRows) {
-      convolve_block(layer, block_start(row, layer.rows, kConvRows), patches,
-                     y + position * layer.rows);
+    for (int row = 0; row < m.rows; row += kConvRows) {
+      convolve_block(m, out, block_start(row, m.rows, kConvRows), patches, y + position * m.rows);
     }
   }
 }
@@ -257,28 +251,44 @@ void normalise(const float* x, const float* mul, const float* add, int n, float*
     const float32x4_t v = vfmaq_f32(vld1q_f32(add), vld1q_f32(x), vld1q_f32(mul));
     const uint32x4_t positive = greater(v, vdupq_n_f32(0.0f));  // not so for NaN
     const float32x4_t kept = vreinterpretq_f32_u32(vandq_u32(vreinterpretq_u32_f32(v), positive));
-    vst1q_f32(y, vminq_f32(kept, vdupq_n_f32(6.0f)));
+    vst1q_f32(y, vminq_f32(kept, vdupq_n_f32(kActivationLimit)));
   }
   kScalarNn.normalise(x, mul, add, n, y);
 }
 
-namespace {
+constexpr int kGruFractionBits = 19;
 
-bool fits(const GruStep& step) {
-  return step.hidden_size >= kRows && step.hidden_size % 8 == 0 && step.input_size % 8 == 0;
+inline float32x4_t load_and_step(const float*& x) {
+  const float32x4_t v = vld1q_f32(x);
+  step(x, 4);
+  return v;
 }
 
-}  // namespace
-
-void gru_gate(const GruGate& gate, const GruStep& step, float* y) {
-  if (!fits(step)) return kScalarNn.gru_gate(gate, step, y);
-  gate_rows(gate, Vector16(step.input, step.input_size), Vector16(step.state, step.hidden_size), y);
+// Sums of a GRU. Exact but for the one rounding to single precision.
+inline float32x4_t load_and_step(const std::int32_t*& sums) {
+  const int32x4_t v = vld1q_s32(sums);
+  step(sums, 4);
+  return vcvtq_n_f32_s32(v, kGruFractionBits);
 }
 
-void gru_candidate(const GruGate& gate, const GruStep& step, const float* reset, float* y) {
-  if (!fits(step)) return kScalarNn.gru_candidate(gate, step, reset, y);
-  candidate_rows(gate, Vector16(step.input, step.input_size),
-                 Vector16(step.state, step.hidden_size), reset, y);
+void gru_gate(const GruGate& gate, int n, float* y) {
+  GruGate at = gate;
+  for (; n >= 4; n -= 4, y += 4) {
+    float32x4_t v = vaddq_f32(load_and_step(at.sum_in), load_and_step(at.bias_in));
+    v = vaddq_f32(v, load_and_step(at.sum_state));
+    vst1q_f32(y, vaddq_f32(v, load_and_step(at.bias_state)));
+  }
+  kScalarNn.gru_gate(at, n, y);
+}
+
+void gru_candidate(const GruGate& gate, const float* reset, int n, float* y) {
+  GruGate at = gate;
+  for (; n >= 4; n -= 4, y += 4) {
+    const float32x4_t state = vaddq_f32(load_and_step(at.sum_state), load_and_step(at.bias_state));
+    const float32x4_t both = vmlaq_f32(load_and_step(at.sum_in), state, load_and_step(reset));
+    vst1q_f32(y, vaddq_f32(both, load_and_step(at.bias_in)));
+  }
+  kScalarNn.gru_candidate(at, reset, n, y);
 }
 
 void gru_blend(const float* update, const float* candidate, const std::int16_t* state, int n,
@@ -292,84 +302,60 @@ void gru_blend(const float* update, const float* candidate, const std::int16_t* 
   kScalarNn.gru_blend(update, candidate, state, n, y);
 }
 
-namespace {
+// Loads the constants one by one, stepping through them.
+class Constants {
+ public:
+  Both<Float4> operator()() {
+    const Float4 v = {vld1q_dup_f32(at_)};
+    step(at_, 1);
+    return {v, v};
+  }
 
-// The constants in the order in which tanh4 takes them.
-using T = TanhConstants;
-constexpr float kTanhSequence[] = {
-    T::kOdd[4],     T::kOdd[3],     T::kOdd[2],        T::kOdd[1],     T::kOdd[0],  //
-    T::kLimit,      T::kRound,      T::kMinus2OverLn2,                              //
-    -2.0f,          T::kLn2High,    T::kLn2Low,                                     //
-    T::kExp[4],     T::kExp[3],     T::kExp[2],        T::kExp[1],     T::kExp[0],  //
-    T::kInverse[5], T::kInverse[4], T::kInverse[3],    T::kInverse[2], T::kInverse[1],
-    T::kInverse[0], T::kSplit};
+ private:
+  const float* at_ = kTanhConstants;
+};
 
-// Loads the next constant into all lanes.
-inline float32x4_t next(const float*& c) {
-  const float32x4_t v = vld1q_dup_f32(c);
-  step(c, 1);
-  return v;
+// x[i] = f(x[i]) for eight values at a time, the last time for those that are left.
+template <class Function>
+inline void transform(float* x, int n, Function f) {
+  const auto eight = [&](float* at) {
+    const Both<Float4> y = f(Both<Float4>{{vld1q_f32(at)}, {vld1q_f32(at + 4)}});
+    vst1q_f32(at, y.a.v);
+    vst1q_f32(at + 4, y.b.v);
+  };
+  for (; n >= 8; n -= 8, x += 8) eight(x);
+  if (n == 0) return;
+  float last[8] = {};
+  for (int i = 0; i < n; ++i) last[i] = x[i];
+  eight(last);
+  for (int i = 0; i < n; ++i) x[i] = last[i];
 }
 
-// The polynomial in x with the next `count` constants, every product rounded.
-inline float32x4_t horner(const float*& c, int count, float32x4_t x) {
-  float32x4_t p = next(c);
-  for (int i = 1; i < count; ++i) p = vmlaq_f32(next(c), p, x);
-  return p;
+void tanh_in_place(float* x, int n) {
+  transform(x, n, [](const Both<Float4>& v) SE_INLINE { return tanh_of(v, Constants()); });
 }
 
-// tanh_scalar, lane by lane.
-inline float32x4_t tanh4(float32x4_t x) {
-  const float* c = kTanhSequence;
-
-  const float32x4_t a = vabsq_f32(x);
-  const float32x4_t s = vmulq_f32(a, a);
-  const float32x4_t near = vmlaq_f32(a, a, vmulq_f32(s, horner(c, 5, s)));
-
-  const float32x4_t b = vminq_f32(a, next(c));  // NaN stays
-  const float32x4_t round = next(c);
-  const float32x4_t shifted = vmlaq_f32(round, b, next(c));
-  const float32x4_t n = vsubq_f32(shifted, round);
-  float32x4_t r = vmulq_f32(b, next(c));
-  r = vmlsq_f32(r, n, next(c));
-  r = vmlsq_f32(r, n, next(c));
-  const float32x4_t e = horner(c, 5, r);
-  const float32x4_t one = vdupq_n_f32(1.0f);
-  const uint32x4_t exponent = vshlq_n_u32(vreinterpretq_u32_f32(shifted), 23);
-  const float32x4_t power =
-      vreinterpretq_f32_u32(vaddq_u32(exponent, vreinterpretq_u32_f32(one)));  // 2^n
-  const float32x4_t t = vmulq_f32(vaddq_f32(one, vmlaq_f32(r, vmulq_f32(r, r), e)), power);
-
-  const float32x4_t q = horner(c, 6, t);
-  const float32x4_t t2 = vaddq_f32(t, t);
-  const float32x4_t far = vsubq_f32(one, vmlaq_f32(t2, t2, vmulq_f32(t, q)));
-
-  // For values without sign, floats and their bits have the same order.
-  const uint32x4_t is_near = vcltq_u32(vreinterpretq_u32_f32(a), vreinterpretq_u32_f32(next(c)));
-  return vbslq_f32(vdupq_n_u32(kSignBit), x, vbslq_f32(is_near, near, far));
+void sigmoid_in_place(float* x, int n) {
+  transform(x, n, [](const Both<Float4>& v) SE_INLINE { return sigmoid_of(v, Constants()); });
 }
 
 }  // namespace
 
-void tanh_in_place(float* x, int n) {
-  for (; n >= 4; n -= 4, x += 4) vst1q_f32(x, tanh4(vld1q_f32(x)));
-  kScalarNn.tanh(x, n);
+void use_neon(NnKernels& k) {
+  k.pool = pool;
+  k.expand = expand;
+  k.compress = compress;
+  k.quantise = quantise;
+  k.product = product;
+  k.scale_sums = scale_sums;
+  k.convolve = convolve;
+  k.normalise = normalise;
+  k.gru_gate = gru_gate;
+  k.gru_candidate = gru_candidate;
+  k.gru_blend = gru_blend;
+  k.tanh = tanh_in_place;
+  k.sigmoid = sigmoid_in_place;
+  use_neon_packed(k);
 }
-
-void sigmoid_in_place(float* x, int n) {
-  const float32x4_t half = vdupq_n_f32(0.5f);
-  for (; n >= 4; n -= 4, x += 4) {
-    const float32x4_t t = tanh4(vmulq_f32(half, vld1q_f32(x)));
-    vst1q_f32(x, vmulq_f32(half, vaddq_f32(t, vdupq_n_f32(1.0f))));
-  }
-  kScalarNn.sigmoid(x, n);
-}
-
-}  // namespace neon
-
-const NnKernels kNeonNn = {neon::pool,      neon::expand,        neon::compress,
-                           neon::quantise,  neon::affine,        neon::convolve,
-                           neon::normalise, neon::gru_gate,      neon::gru_candidate,
-                           neon::gru_blend, neon::tanh_in_place, neon::sigmoid_in_place};
 
 }  // namespace se

@@ -10,20 +10,12 @@
 namespace se {
 namespace {
 
-constexpr float kFloor = 1e-8f;         // keeps magnitudes and features at or above 1e-4
-constexpr float kGruUnit = 0x1p-19f;    // weight / 2^8 times activation / 2^11
-constexpr float kStateUnit = 0x1p-11f;  // activation
-
 std::uint32_t dot(const std::int8_t* w, const std::int16_t* q, int n) {
   std::uint32_t sum = 0;
   for (int i = 0; i < n; ++i) {
     sum += static_cast<std::uint32_t>(static_cast<std::int16_t>(w[i]) * q[i]);
   }
   return sum;
-}
-
-float dot_as_float(const std::int8_t* w, const std::int16_t* q, int n) {
-  return static_cast<float>(static_cast<std::int32_t>(dot(w, q, n)));
 }
 
 void pool(const BinShares& shares, const float* x, int x_stride, float* y, int y_stride) {
@@ -48,7 +40,7 @@ void expand(const BinShares& shares, const float* x, float* y) {
 }
 
 void compress(const float* x, int n, float* y) {
-  for (int i = 0; i < n; ++i) y[i] = std::sqrt(x[i] + kFloor);
+  for (int i = 0; i < n; ++i) y[i] = std::sqrt(x[i] + kFeatureFloor);
 }
 
 void quantise(const float* x, int n, float scale, std::int16_t* q) {
@@ -62,23 +54,28 @@ void quantise(const float* x, int n, float scale, std::int16_t* q) {
   }
 }
 
-void affine(const IntegerLayer& layer, const std::int16_t* q, float* y) {
-  const std::int8_t* w = layer.weights;
-  for (int r = 0; r < layer.rows; ++r, w += layer.row_len) {
-    y[r] = dot_as_float(w, q, layer.row_len) * (layer.scale[r] * layer.unit) + layer.bias[r];
+void product(const Matrix& m, const std::int16_t* q, std::int32_t* sums) {
+  for (int r = 0; r < m.rows; ++r) {
+    sums[r] = static_cast<std::int32_t>(dot(m.weights + r * m.cols, q, m.cols));
   }
 }
 
-void convolve(const IntegerLayer& layer, const ConvInput& in, float* y) {
-  for (int p = 0; p < in.positions; ++p, y += layer.rows) {
-    const std::int8_t* w = layer.weights;
-    for (int r = 0; r < layer.rows; ++r, w += layer.row_len) {
+void scale_sums(const std::int32_t* sums, const OutputScale& out, int n, float* y) {
+  for (int r = 0; r < n; ++r) {
+    y[r] = static_cast<float>(sums[r]) * (out.scale[r] * out.unit) + out.bias[r];
+  }
+}
+
+void convolve(const Matrix& m, const ConvInput& in, const OutputScale& out, float* y) {
+  for (int p = 0; p < in.positions; ++p) {
+    const std::int8_t* w = m.weights;
+    for (int r = 0; r < m.rows; ++r, w += m.cols) {
       std::uint32_t sum = 0;
       for (int t = 0; t < in.frame_count; ++t) {
         sum += dot(w + t * in.window, in.frames[t] + p * in.step, in.window);
       }
       const auto value = static_cast<float>(static_cast<std::int32_t>(sum));
-      y[r] = value * (layer.scale[r] * layer.unit) + layer.bias[r];
+      *y++ = value * (out.scale[r] * out.unit) + out.bias[r];
     }
   }
 }
@@ -88,35 +85,25 @@ void normalise(const float* x, const float* mul, const float* add, int n, float*
   for (int i = 0; i < n; ++i) y[i] = std::fma(x[i], mul[i], add[i]);
   for (int i = 0; i < n; ++i) {
     const float v = y[i] > 0.0f ? y[i] : 0.0f;
-    y[i] = v < 6.0f ? v : 6.0f;
+    y[i] = v < kActivationLimit ? v : kActivationLimit;
   }
 }
 
 // A power of two times an integer is exact, so adding it rounds once, fused or not.
-void gru_gate(const GruGate& gate, const GruStep& step, float* y) {
-  const std::int8_t* w_in = gate.weight_in;
-  const std::int8_t* w_state = gate.weight_state;
-  for (int r = 0; r < step.hidden_size; ++r) {
-    float v = dot_as_float(w_in, step.input, step.input_size) * kGruUnit;
-    v += gate.bias_in[r];
-    v += dot_as_float(w_state, step.state, step.hidden_size) * kGruUnit;
-    y[r] = v + gate.bias_state[r];
-    w_in += step.input_size;
-    w_state += step.hidden_size;
+void gru_gate(const GruGate& gate, int n, float* y) {
+  for (int j = 0; j < n; ++j) {
+    float v = static_cast<float>(gate.sum_in[j]) * kGruUnit + gate.bias_in[j];
+    v += static_cast<float>(gate.sum_state[j]) * kGruUnit;
+    y[j] = v + gate.bias_state[j];
   }
 }
 
-void gru_candidate(const GruGate& gate, const GruStep& step, const float* reset, float* y) {
-  const std::int8_t* w_in = gate.weight_in;
-  const std::int8_t* w_state = gate.weight_state;
-  for (int r = 0; r < step.hidden_size; ++r) {
-    float v = dot_as_float(w_state, step.state, step.hidden_size) * kGruUnit;
-    v += gate.bias_state[r];
-    v *= reset[r];
-    v += dot_as_float(w_in, step.input, step.input_size) * kGruUnit;
-    y[r] = v + gate.bias_in[r];
-    w_in += step.input_size;
-    w_state += step.hidden_size;
+void gru_candidate(const GruGate& gate, const float* reset, int n, float* y) {
+  for (int j = 0; j < n; ++j) {
+    float v = static_cast<float>(gate.sum_state[j]) * kGruUnit + gate.bias_state[j];
+    v *= reset[j];
+    v += static_cast<float>(gate.sum_in[j]) * kGruUnit;
+    y[j] = v + gate.bias_in[j];
   }
 }
 
@@ -133,13 +120,29 @@ void tanh_in_place(float* x, int n) {
 }
 
 void sigmoid_in_place(float* x, int n) {
-  for (int i = 0; i < n; ++i) x[i] = 0.5f * (tanh_scalar(0.5f * x[i]) + 1.0f);
+  for (int i = 0; i < n; ++i) x[i] = sigmoid_of(Float1{x[i]}).v;
+}
+
+constexpr NnKernels table() {
+  NnKernels k = {};
+  k.pool = pool;
+  k.expand = expand;
+  k.compress = compress;
+  k.quantise = quantise;
+  k.product = product;
+  k.scale_sums = scale_sums;
+  k.convolve = convolve;
+  k.normalise = normalise;
+  k.gru_gate = gru_gate;
+  k.gru_candidate = gru_candidate;
+  k.gru_blend = gru_blend;
+  k.tanh = tanh_in_place;
+  k.sigmoid = sigmoid_in_place;
+  return k;
 }
 
 }  // namespace
 
-const NnKernels kScalarNn = {pool,          expand,    compress,      quantise,
-                             affine,        convolve,  normalise,     gru_gate,
-                             gru_candidate, gru_blend, tanh_in_place, sigmoid_in_place};
+const NnKernels kScalarNn = table();
 
 }  // namespace se

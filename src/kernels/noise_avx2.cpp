@@ -6,17 +6,9 @@
 namespace se {
 namespace {
 
-__m256 fill(float x) {
-  return _mm256_set1_ps(x);
-}
-
-__m256 above(__m256 a, __m256 b) {
-  return _mm256_cmp_ps(a, b, _CMP_GT_OQ);
-}
-
 // The power of the noise, never 0.
 __m256 at_least_tiny(__m256 noise) {
-  return _mm256_add_ps(noise, fill(1e-20f));
+  return _mm256_add_ps(noise, fill(kTinyNoise));
 }
 
 void mean_of_frames(const float* const* frames, int count, float* mean, int n) {
@@ -34,13 +26,13 @@ void track_minima(const float* power, const MinimumTrackers& trackers, float hal
     const __m256 p = lanes.load(power + k);
     const __m256 old_min = lanes.load(trackers.min + k);
     const __m256 older = _mm256_add_ps(lanes.load(trackers.age + k), fill(1.0f));
-    const __m256 falls = above(old_min, p);
+    const __m256 falls = greater(old_min, p);
     const __m256 min = _mm256_blendv_ps(old_min, p, falls);
     const __m256 age = _mm256_andnot_ps(falls, older);
     __m256 candidate = _mm256_blendv_ps(lanes.load(trackers.candidate + k), fill(none), falls);
 
     const __m256 second_half = _mm256_cmp_ps(age, fill(half_window), _CMP_GE_OQ);
-    const __m256 takes = _mm256_and_ps(second_half, above(candidate, p));
+    const __m256 takes = _mm256_and_ps(second_half, greater(candidate, p));
     candidate = _mm256_blendv_ps(candidate, p, takes);
 
     const __m256 outlived = _mm256_cmp_ps(age, fill(window), _CMP_GE_OQ);
@@ -71,7 +63,7 @@ void excess_ratio(const float* power, const float* noise, float* ratio, int n) {
     const __m256 quotient =
         _mm256_div_ps(lanes.load(power + k), at_least_tiny(lanes.load(noise + k)));
     const __m256 excess = _mm256_sub_ps(quotient, fill(1.0f));
-    const __m256 negative = above(_mm256_setzero_ps(), excess);
+    const __m256 negative = greater(_mm256_setzero_ps(), excess);
     lanes.store(ratio + k, _mm256_andnot_ps(negative, excess));
   });
 }
@@ -110,7 +102,15 @@ void kept_power(const float* gain, const float* power, float* kept, int n) {
 
 }  // namespace
 
-const NoiseKernels kAvx2Noise = {mean_of_frames, track_minima, follow,      scale_above,
-                                 excess_ratio,   wiener_gain,  smooth_gain, kept_power};
+void use_avx2(NoiseKernels& k) {
+  k.mean_of_frames = mean_of_frames;
+  k.track_minima = track_minima;
+  k.follow = follow;
+  k.scale_above = scale_above;
+  k.excess_ratio = excess_ratio;
+  k.wiener_gain = wiener_gain;
+  k.smooth_gain = smooth_gain;
+  k.kept_power = kept_power;
+}
 
 }  // namespace se

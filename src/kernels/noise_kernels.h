@@ -6,6 +6,8 @@
 
 namespace se {
 
+constexpr float kTinyNoise = 1e-20f;  // keeps ratios finite without noise
+
 // What the estimator keeps per bin to follow the minimum of its power.
 struct MinimumTrackers {
   float* min;        // the minimum

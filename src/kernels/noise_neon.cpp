@@ -8,8 +8,6 @@ namespace {
 
 using namespace neon;
 
-constexpr float kTiny = 1e-20f;
-
 // The larger of x and the floor; the floor where x is not a number.
 inline float32x4_t at_least(float32x4_t x, float32x4_t floor) {
   return vbslq_f32(greater(x, floor), x, floor);
@@ -75,7 +73,7 @@ void scale_above(const float* x, float scale, float floor, float* y, int n) {
 
 void excess_ratio(const float* power, const float* noise, float* ratio, int n) {
   for (int steps = n / 4; steps > 0; --steps, power += 4, noise += 4, ratio += 4) {
-    const float32x4_t floored = vaddq_f32(vld1q_f32(noise), vdupq_n_f32(kTiny));
+    const float32x4_t floored = vaddq_f32(vld1q_f32(noise), vdupq_n_f32(kTinyNoise));
     const float32x4_t excess = vsubq_f32(divide(vld1q_f32(power), floored), vdupq_n_f32(1.0f));
     vst1q_f32(ratio, zero_where(greater(vdupq_n_f32(0.0f), excess), excess));
   }
@@ -87,7 +85,7 @@ void wiener_gain(const float* kept, const float* noise, const float* ratio, floa
   const float32x4_t old_share = vdupq_n_f32(alpha);
   const float32x4_t new_share = vdupq_n_f32(1.0f - alpha);
   for (int steps = n / 4; steps > 0; --steps, kept += 4, noise += 4, ratio += 4, gain += 4) {
-    const float32x4_t floored = vaddq_f32(vld1q_f32(noise), vdupq_n_f32(kTiny));
+    const float32x4_t floored = vaddq_f32(vld1q_f32(noise), vdupq_n_f32(kTinyNoise));
     const float32x4_t old = divide(vmulq_f32(old_share, vld1q_f32(kept)), floored);
     const float32x4_t snr = vmlaq_f32(old, new_share, vld1q_f32(ratio));
     vst1q_f32(gain, divide(snr, vaddq_f32(snr, vdupq_n_f32(1.0f))));
@@ -125,7 +123,15 @@ void kept_power(const float* gain, const float* power, float* kept, int n) {
 
 }  // namespace
 
-const NoiseKernels kNeonNoise = {mean_of_frames, track_minima, follow,      scale_above,
-                                 excess_ratio,   wiener_gain,  smooth_gain, kept_power};
+void use_neon(NoiseKernels& k) {
+  k.mean_of_frames = mean_of_frames;
+  k.track_minima = track_minima;
+  k.follow = follow;
+  k.scale_above = scale_above;
+  k.excess_ratio = excess_ratio;
+  k.wiener_gain = wiener_gain;
+  k.smooth_gain = smooth_gain;
+  k.kept_power = kept_power;
+}
 
 }  // namespace se

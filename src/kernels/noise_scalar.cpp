@@ -4,8 +4,6 @@
 namespace se {
 namespace {
 
-constexpr float kTiny = 1e-20f;  // keeps ratios finite without noise
-
 void mean_of_frames(const float* const* frames, int count, float* __restrict mean, int n) {
   for (int k = 0; k < n; ++k) mean[k] = frames[0][k];
   for (int i = 1; i < count; ++i) {
@@ -50,7 +48,7 @@ void scale_above(const float* x, float scale, float floor, float* __restrict y, 
 
 void excess_ratio(const float* power, const float* noise, float* __restrict ratio, int n) {
   for (int k = 0; k < n; ++k) {
-    const float excess = power[k] / (noise[k] + kTiny) - 1.0f;
+    const float excess = power[k] / (noise[k] + kTinyNoise) - 1.0f;
     ratio[k] = excess < 0.0f ? 0.0f : excess;
   }
 }
@@ -58,7 +56,7 @@ void excess_ratio(const float* power, const float* noise, float* __restrict rati
 void wiener_gain(const float* kept, const float* noise, const float* ratio, float alpha,
                  float* __restrict gain, int n) {
   for (int k = 0; k < n; ++k) {
-    const float snr = alpha * kept[k] / (noise[k] + kTiny) + (1.0f - alpha) * ratio[k];
+    const float snr = alpha * kept[k] / (noise[k] + kTinyNoise) + (1.0f - alpha) * ratio[k];
     gain[k] = snr / (snr + 1.0f);
   }
 }
@@ -77,9 +75,21 @@ void kept_power(const float* gain, const float* power, float* __restrict kept, i
   for (int k = 0; k < n; ++k) kept[k] = gain[k] * gain[k] * power[k];
 }
 
+constexpr NoiseKernels table() {
+  NoiseKernels k = {};
+  k.mean_of_frames = mean_of_frames;
+  k.track_minima = track_minima;
+  k.follow = follow;
+  k.scale_above = scale_above;
+  k.excess_ratio = excess_ratio;
+  k.wiener_gain = wiener_gain;
+  k.smooth_gain = smooth_gain;
+  k.kept_power = kept_power;
+  return k;
+}
+
 }  // namespace
 
-const NoiseKernels kScalarNoise = {mean_of_frames, track_minima, follow,      scale_above,
-                                   excess_ratio,   wiener_gain,  smooth_gain, kept_power};
+const NoiseKernels kScalarNoise = table();
 
 }  // namespace se

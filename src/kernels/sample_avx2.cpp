@@ -6,8 +6,6 @@
 namespace se {
 namespace {
 
-constexpr float kS16Scale = 32768.0f;
-
 void s16_to_float(const std::int16_t* in, float* out, int n) {
   int i = 0;
   for (; i + 8 <= n; i += 8) {
@@ -30,6 +28,15 @@ void float_to_s16(const float* in, std::int16_t* out, int n) {
                      _mm_packs_epi32(_mm256_castsi256_si128(v), _mm256_extracti128_si256(v, 1)));
   }
   kScalarSample.float_to_s16(in + i, out + i, n - i);
+}
+
+void limit(const float* in, float limit, float* out, int n) {
+  by_eights(n, [&](int i, auto lanes) {
+    const __m256 x = lanes.load(in + i);
+    const __m256 numbers = _mm256_and_ps(x, _mm256_cmp_ps(x, x, _CMP_ORD_Q));
+    const __m256 not_above = _mm256_min_ps(numbers, _mm256_set1_ps(limit));
+    lanes.store(out + i, _mm256_max_ps(not_above, _mm256_set1_ps(-limit)));
+  });
 }
 
 float peak(const float* x, int n) {
@@ -55,6 +62,12 @@ void apply_ramp(const float* in, float start, float step, float* out, int n) {
 
 }  // namespace
 
-const SampleKernels kAvx2Sample = {s16_to_float, float_to_s16, peak, apply_ramp};
+void use_avx2(SampleKernels& k) {
+  k.s16_to_float = s16_to_float;
+  k.float_to_s16 = float_to_s16;
+  k.limit = limit;
+  k.peak = peak;
+  k.apply_ramp = apply_ramp;
+}
 
 }  // namespace se

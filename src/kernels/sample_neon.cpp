@@ -24,6 +24,17 @@ void float_to_s16(const float* in, std::int16_t* out, int n) {
   kScalarSample.float_to_s16(in, out, n % 4);
 }
 
+void limit(const float* in, float limit, float* out, int n) {
+  for (int steps = n / 4; steps > 0; --steps, in += 4, out += 4) {
+    const float32x4_t x = vld1q_f32(in);
+    const float32x4_t numbers =
+        vreinterpretq_f32_u32(vandq_u32(vreinterpretq_u32_f32(x), vceqq_f32(x, x)));
+    const float32x4_t not_above = vminq_f32(numbers, vdupq_n_f32(limit));
+    vst1q_f32(out, vmaxq_f32(not_above, vdupq_n_f32(-limit)));
+  }
+  kScalarSample.limit(in, limit, out, n % 4);
+}
+
 float peak(const float* x, int n) {
   float32x4_t largest = vdupq_n_f32(0.0f);
   for (int left = n; left > 0; left -= 4, x += 4) {
@@ -51,6 +62,12 @@ void apply_ramp(const float* in, float start, float step, float* out, int n) {
 
 }  // namespace
 
-const SampleKernels kNeonSample = {s16_to_float, float_to_s16, peak, apply_ramp};
+void use_neon(SampleKernels& k) {
+  k.s16_to_float = s16_to_float;
+  k.float_to_s16 = float_to_s16;
+  k.limit = limit;
+  k.peak = peak;
+  k.apply_ramp = apply_ramp;
+}
 
 }  // namespace se

@@ -1,4 +1,5 @@
-// Scalar kernels of time-domain samples: conversion, peaks, ramps: the definition of every variant.
+// Scalar kernels of time-domain samples: conversion, limits, peaks, ramps: the definition of every
+// variant.
 #include <cmath>
 
 #include "kernels/sample_kernels.h"
@@ -6,7 +7,6 @@
 namespace se {
 namespace {
 
-constexpr float kS16Scale = 32768.0f;
 constexpr float kS16Min = -32768.0f;
 constexpr float kS16Max = 32767.0f;
 
@@ -23,6 +23,14 @@ void float_to_s16(const float* in, std::int16_t* out, int n) {
   }
 }
 
+void limit(const float* in, float limit, float* out, int n) {
+  for (int i = 0; i < n; ++i) {
+    const float number = std::isnan(in[i]) ? 0.0f : in[i];
+    const float not_above = number < limit ? number : limit;
+    out[i] = not_above > -limit ? not_above : -limit;
+  }
+}
+
 float peak(const float* x, int n) {
   float largest = 0.0f;
   for (int i = 0; i < n; ++i) {
@@ -36,8 +44,18 @@ void apply_ramp(const float* in, float start, float step, float* out, int n) {
   for (int i = 0; i < n; ++i) out[i] = in[i] * (start + static_cast<float>(i) * step);
 }
 
+constexpr SampleKernels table() {
+  SampleKernels k = {};
+  k.s16_to_float = s16_to_float;
+  k.float_to_s16 = float_to_s16;
+  k.limit = limit;
+  k.peak = peak;
+  k.apply_ramp = apply_ramp;
+  return k;
+}
+
 }  // namespace
 
-const SampleKernels kScalarSample = {s16_to_float, float_to_s16, peak, apply_ramp};
+const SampleKernels kScalarSample = table();
 
 }  // namespace se

@@ -12,19 +12,6 @@
 namespace se {
 namespace {
 
-__m256 load4(const zel_lcomplex* p) {
-  return _mm256_loadu_ps(&p->re);
-}
-
-void store4(zel_lcomplex* p, __m256 v) {
-  _mm256_storeu_ps(&p->re, v);
-}
-
-// Real and imaginary parts exchanged.
-__m256 swapped(__m256 v) {
-  return _mm256_permute_ps(v, 0xb1);
-}
-
 // (a.re + b.re, a.im - b.im)
 __m256 add_subtract(__m256 a, __m256 b) {
   return _mm256_fmsubadd_ps(a, _mm256_set1_ps(1.0f), b);
@@ -248,11 +235,11 @@ void apply_slope(zel_lcomplex* spectrum, float first, float direction, float ste
   });
 }
 
-void mix(const zel_lcomplex* wet, const zel_lcomplex* dry, float level, zel_lcomplex* out, int n) {
+void mix(const zel_lcomplex* wet, const zel_lcomplex* dry, float open, float level,
+         zel_lcomplex* out, int n) {
   by_eights(2 * n, [&](int i, auto lanes) {
-    const __m256 open = _mm256_mul_ps(lanes.load(&dry->re + i), _mm256_set1_ps(3.0f));
-    lanes.store(&out->re + i,
-                _mm256_fmadd_ps(_mm256_set1_ps(level), open, lanes.load(&wet->re + i)));
+    const __m256 opened = _mm256_mul_ps(lanes.load(&dry->re + i), fill(open));
+    lanes.store(&out->re + i, _mm256_fmadd_ps(fill(level), opened, lanes.load(&wet->re + i)));
   });
 }
 
@@ -284,26 +271,26 @@ float sum_of_squares(const float* a, int n) {
 
 }  // namespace
 
-const SpectralKernels kAvx2Spectral = {
-    first_stage4,
-    first_stage8,
-    stage4,
-    inverse_first_stage4,
-    inverse_first_stage8,
-    inverse_stage4,
-    real_from_pairs,
-    pairs_from_real,
-    multiply,
-    overlap_add,
-    overlap_add_envelope,
-    divide_or_zero,
-    power_spectrum,
-    magnitude,
-    apply_gain,
-    apply_slope,
-    mix,
-    sum,
-    sum_of_squares,
-};
+void use_avx2(SpectralKernels& k) {
+  k.first_stage4 = first_stage4;
+  k.first_stage8 = first_stage8;
+  k.stage4 = stage4;
+  k.inverse_first_stage4 = inverse_first_stage4;
+  k.inverse_first_stage8 = inverse_first_stage8;
+  k.inverse_stage4 = inverse_stage4;
+  k.real_from_pairs = real_from_pairs;
+  k.pairs_from_real = pairs_from_real;
+  k.multiply = multiply;
+  k.overlap_add = overlap_add;
+  k.overlap_add_envelope = overlap_add_envelope;
+  k.divide_or_zero = divide_or_zero;
+  k.power_spectrum = power_spectrum;
+  k.magnitude = magnitude;
+  k.apply_gain = apply_gain;
+  k.apply_slope = apply_slope;
+  k.mix = mix;
+  k.sum = sum;
+  k.sum_of_squares = sum_of_squares;
+}
 
 }  // namespace se

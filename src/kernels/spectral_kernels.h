@@ -74,10 +74,10 @@ struct SpectralKernels {
   void (*apply_slope)(zel_lcomplex* spectrum, float first, float direction, float step, float level,
                       int n);
 
-  // out[k] = fma(level, 3 * dry[k], wet[k]) for both components: the unprocessed signal at the gain
-  // of a fully open bin (3), mixed back at a level.
-  void (*mix)(const zel_lcomplex* wet, const zel_lcomplex* dry, float level, zel_lcomplex* out,
-              int n);
+  // out[k] = fma(level, open * dry[k], wet[k]) for both components: the unprocessed signal at the
+  // gain of an open bin, mixed back at a level.
+  void (*mix)(const zel_lcomplex* wet, const zel_lcomplex* dry, float open, float level,
+              zel_lcomplex* out, int n);
 
   // ---- Sums -------------------------------------------------------------------------------------
 

@@ -11,14 +11,6 @@ namespace {
 
 using namespace neon;
 
-inline Complex4 operator+(Complex4 a, Complex4 b) {
-  return {vaddq_f32(a.re, b.re), vaddq_f32(a.im, b.im)};
-}
-
-inline Complex4 operator-(Complex4 a, Complex4 b) {
-  return {vsubq_f32(a.re, b.re), vsubq_f32(a.im, b.im)};
-}
-
 inline Complex4 operator*(Complex4 a, float32x4_t b) {
   return {vmulq_f32(a.re, b), vmulq_f32(a.im, b)};
 }
@@ -276,14 +268,15 @@ void apply_slope(zel_lcomplex* spectrum, float first, float direction, float ste
                               step, level, n - done);
 }
 
-void mix(const zel_lcomplex* wet, const zel_lcomplex* dry, float level, zel_lcomplex* out, int n) {
+void mix(const zel_lcomplex* wet, const zel_lcomplex* dry, float open, float level,
+         zel_lcomplex* out, int n) {
   const float32x4_t levels = vdupq_n_f32(level);
-  const float32x4_t open_gain = vdupq_n_f32(3.0f);
+  const float32x4_t open_gain = vdupq_n_f32(open);
   for (int steps = n / 2; steps > 0; --steps, wet += 2, dry += 2, out += 2) {
-    const float32x4_t open = vmulq_f32(vld1q_f32(floats(dry)), open_gain);
-    vst1q_f32(floats(out), vfmaq_f32(vld1q_f32(floats(wet)), levels, open));
+    const float32x4_t opened = vmulq_f32(vld1q_f32(floats(dry)), open_gain);
+    vst1q_f32(floats(out), vfmaq_f32(vld1q_f32(floats(wet)), levels, opened));
   }
-  kScalarSpectral.mix(wet, dry, level, out, n % 2);
+  kScalarSpectral.mix(wet, dry, open, level, out, n % 2);
 }
 
 float sum(const float* a, int n) {
@@ -304,26 +297,26 @@ float sum_of_squares(const float* a, int n) {
 
 }  // namespace
 
-const SpectralKernels kNeonSpectral = {
-    first_stage4,
-    first_stage8,
-    stage4,
-    inverse_first_stage4,
-    inverse_first_stage8,
-    inverse_stage4,
-    real_from_pairs,
-    pairs_from_real,
-    multiply,
-    overlap_add,
-    overlap_add_envelope,
-    divide_or_zero,
-    power_spectrum,
-    magnitude,
-    apply_gain,
-    apply_slope,
-    mix,
-    sum,
-    sum_of_squares,
-};
+void use_neon(SpectralKernels& k) {
+  k.first_stage4 = first_stage4;
+  k.first_stage8 = first_stage8;
+  k.stage4 = stage4;
+  k.inverse_first_stage4 = inverse_first_stage4;
+  k.inverse_first_stage8 = inverse_first_stage8;
+  k.inverse_stage4 = inverse_stage4;
+  k.real_from_pairs = real_from_pairs;
+  k.pairs_from_real = pairs_from_real;
+  k.multiply = multiply;
+  k.overlap_add = overlap_add;
+  k.overlap_add_envelope = overlap_add_envelope;
+  k.divide_or_zero = divide_or_zero;
+  k.power_spectrum = power_spectrum;
+  k.magnitude = magnitude;
+  k.apply_gain = apply_gain;
+  k.apply_slope = apply_slope;
+  k.mix = mix;
+  k.sum = sum;
+  k.sum_of_squares = sum_of_squares;
+}
 
 }  // namespace se

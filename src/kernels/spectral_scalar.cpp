@@ -110,10 +110,11 @@ void apply_slope(zel_lcomplex* spectrum, float first, float direction, float ste
   }
 }
 
-void mix(const zel_lcomplex* wet, const zel_lcomplex* dry, float level, zel_lcomplex* out, int n) {
+void mix(const zel_lcomplex* wet, const zel_lcomplex* dry, float open, float level,
+         zel_lcomplex* out, int n) {
   for (int k = 0; k < n; ++k) {
-    const zel_lcomplex open = dry[k] * 3.0f;
-    out[k] = {std::fma(level, open.re, wet[k].re), std::fma(level, open.im, wet[k].im)};
+    const zel_lcomplex opened = dry[k] * open;
+    out[k] = {std::fma(level, opened.re, wet[k].re), std::fma(level, opened.im, wet[k].im)};
   }
 }
 
@@ -133,28 +134,32 @@ float sum_of_squares(const float* a, int n) {
   return combine(partial);
 }
 
+constexpr SpectralKernels table() {
+  SpectralKernels k = {};
+  k.first_stage4 = forward_first<4>;
+  k.first_stage8 = forward_first<8>;
+  k.stage4 = stage4;
+  k.inverse_first_stage4 = inverse_first<4>;
+  k.inverse_first_stage8 = inverse_first<8>;
+  k.inverse_stage4 = inverse_stage4;
+  k.real_from_pairs = real_from_pairs;
+  k.pairs_from_real = pairs_from_real;
+  k.multiply = multiply;
+  k.overlap_add = overlap_add;
+  k.overlap_add_envelope = overlap_add_envelope;
+  k.divide_or_zero = divide_or_zero;
+  k.power_spectrum = power_spectrum;
+  k.magnitude = magnitude;
+  k.apply_gain = apply_gain;
+  k.apply_slope = apply_slope;
+  k.mix = mix;
+  k.sum = sum;
+  k.sum_of_squares = sum_of_squares;
+  return k;
+}
+
 }  // namespace
 
-const SpectralKernels kScalarSpectral = {
-    forward_first<4>,
-    forward_first<8>,
-    stage4,
-    inverse_first<4>,
-    inverse_first<8>,
-    inverse_stage4,
-    real_from_pairs,
-    pairs_from_real,
-    multiply,
-    overlap_add,
-    overlap_add_envelope,
-    divide_or_zero,
-    power_spectrum,
-    magnitude,
-    apply_gain,
-    apply_slope,
-    mix,
-    sum,
-    sum_of_squares,
-};
+const SpectralKernels kScalarSpectral = table();
 
 }  // namespace se

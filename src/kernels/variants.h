@@ -1,4 +1,6 @@
-// The kernels of each instruction set, where the build has them.
+// What each instruction set contributes: every function replaces, in the table of its base, the
+// kernels that its instruction set does better. A source kernels/*_NAME.cpp defines the functions
+// use_NAME; dispatch.cpp lists the variants of this build.
 #pragma once
 
 #include "kernels/echo_kernels.h"
@@ -9,26 +11,26 @@
 
 namespace se {
 
-#if SE_X86_KERNELS
-extern const SpectralKernels kAvx2Spectral;
-extern const EchoKernels kAvx2Echo;
-extern const NnKernels kAvx2Nn;
-extern const NoiseKernels kAvx2Noise;
-extern const SampleKernels kAvx2Sample;
+void use_avx2(SpectralKernels& k);
+void use_avx2(EchoKernels& k);
+void use_avx2(NnKernels& k);
+void use_avx2(NoiseKernels& k);
+void use_avx2(SampleKernels& k);
+void use_avx2_products(NnKernels& k);  // parts of that room,
+void use_avx2_packed(NnKernels& k);    // which it calls itself
 
-extern const NnKernels kAvx512Nn;
-#endif
+void use_avx512(NnKernels& k);
 
-#if SE_NEON_KERNELS
-extern const SpectralKernels kNeonSpectral;
-extern const EchoKernels kNeonEcho;
-extern const NnKernels kNeonNn;
-extern const NoiseKernels kNeonNoise;
-extern const SampleKernels kNeonSample;
-#endif
+void use_neon(SpectralKernels& k);
+void use_neon(EchoKernels& k);
+void use_neon(NnKernels& k);
+void use_neon_packed(NnKernels& k);  // a part of that room, which it calls itself
+void use_neon(NoiseKernels& k);
+void use_neon(SampleKernels& k);
 
-#if SE_DOTPROD_KERNELS
-extern const NnKernels kDotprodNn;
-#endif
+void use_dotprod(NnKernels& k);
+
+void use_wasm128(SpectralKernels& k);
+void use_wasm128(NnKernels& k);
 
 }  // namespace se

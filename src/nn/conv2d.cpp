@@ -6,16 +6,14 @@
 // * in_channels conversions and out_width * out_channels * kernel_len products per frame.
 #include "nn/conv2d.h"
 
-#include <cstring>
-
 #include "kernels/kernels.h"
 #include "nn/network.h"
+#include "nn/packed_model.h"
 
 namespace se::nn {
 namespace {
 
-// Third scratch area of the published layout: bytes per input channel. Nothing uses it.
-constexpr int kSpareBytes = 2048;
+constexpr int kSpareBytes = 2048;  // of the third scratch area, per input channel
 
 int kernel_row(int in_channels, int kernel_time, int kernel_freq, int groups) {
   const int split = groups < 2 ? 1 : groups;
@@ -119,9 +117,8 @@ Conv2D* conv2d_init(void* mem, void* scratch, const Conv2DLayer* layer, int past
 int conv2d_process(Conv2D* state, float* out, const float* in) {
   const NnKernels& k = *kernels().nn;
   const int in_size = state->in_channels * state->in_width;
-  k.quantise(in, in_size, kQ10, state->qinput);
-  std::memcpy(state->ring[state->ring_pos] + state->freq_pad * state->in_channels, state->qinput,
-              static_cast<std::size_t>(in_size) * sizeof(std::int16_t));
+  k.quantise(in, in_size, kQ10,
+             state->ring[state->ring_pos] + state->freq_pad * state->in_channels);
   state->ring_pos = (state->ring_pos + 1) % state->ring_size;
   if (state->warmup_left > 0) {
     --state->warmup_left;
@@ -132,11 +129,19 @@ int conv2d_process(Conv2D* state, float* out, const float* in) {
     state->ordered[j] = state->ring[(state->ring_pos + j) % state->ring_size];
   }
   const Conv2DLayer& layer = *state->layer;
-  k.convolve(
-      {layer.kernel, state->out_channels, state->kernel_len, layer.kernel_scale, 1.0f / kQ10,
-       layer.bias},
-      {state->ordered, state->kernel_time, state->slot_len, state->kernel_freq * state->in_channels,
-       state->freq_stride * state->in_channels, state->out_width},
-      out);
+  const Matrix weights = {layer.kernel, state->out_channels, state->kernel_len};
+  const ConvInput input = {state->ordered,
+                           state->kernel_time,
+                           state->slot_len,
+                           state->kernel_freq * state->in_channels,
+                           state->freq_stride * state->in_channels,
+                           state->out_width};
+  const OutputScale scale = {layer.kernel_scale, 1.0f / kQ10, layer.bias};
+  if (const PackedMatrix* packed =
+          packed_conv(&layer, weights.rows, input.frame_count, input.window)) {
+    k.packed_convolve(*packed, weights, input, scale, out);
+  } else {
+    k.convolve(weights, input, scale, out);
+  }
   return 1;
 }

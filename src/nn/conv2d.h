@@ -1,4 +1,5 @@
-// State of a convolution layer.
+// State of a convolution layer. Its record and its scratch areas have byte figures in the headers,
+// which count what nothing reads, too: the fields kept as they were given, and the scratch.
 #pragma once
 
 #include <cstdint>
@@ -25,9 +26,9 @@ struct Conv2D {
   std::int32_t ring_size;
   std::int32_t ring_pos;    // next slot to write
   std::int32_t kernel_len;  // bytes per kernel row
-  std::int16_t* patch;      // scratch: reserved, not used
-  std::int16_t* qinput;     // scratch: the input frame in Q10
-  void* spare;              // scratch: reserved, not used
+  std::int16_t* patch;      // scratch, not used: kernel_len values,
+  std::int16_t* qinput;     // ... one input frame,
+  void* spare;              // ... 2048 bytes per input channel
 };
 
 namespace se::nn {

@@ -3,46 +3,49 @@
 
 #include "common/module_memory.h"
 #include "nn/conv2d.h"
+#include "nn/features.h"
 #include "nn/gru.h"
+#include "nn/network.h"
 #include "speechenhance/denoiser.h"
 
 namespace se::nn {
 
+// A convolution layer and the normalisation behind it.
+struct ConvStage {
+  Conv2D* conv;
+  const BNLayer* bn;
+};
+
+// The record and the buffers lie in memory by the byte figures in the headers, which count pointers
+// for what nothing uses, too: the first head and its output.
 struct NNDenoiser {
   const DenoiseModel* model;
-  Conv2D* conv1_state;
-  const BNLayer* bn1;
-  Conv2D* conv2_state;
-  const BNLayer* bn2;
-  Conv2D* conv3_state;
-  const BNLayer* bn3;
-  Conv2D* conv4_state;
-  const BNLayer* bn4;
-  Conv2D* conv5_state;
-  const BNLayer* bn5;
-  Gru* gru1_1_state;
-  Gru* gru1_2_state;
-  Gru* gru2_1_state;
-  Gru* gru2_2_state;
-  const FCLayer* fc1;
-  const FCLayer* fc2;
-  float* conv1_out;  // raw convolution outputs, before normalisation
-  float* conv2_out;
-  float* conv3_out;
-  float* conv4_out;
-  float* conv5_out;
-  float* gru1_out;  // outputs of a pair, one after the other
-  float* gru2_out;
-  float* fc1_out;  // kept for the second head, which is not computed
-  float* fc2_out;  // the network's output, one value per band
-  float* mag;      // scratch, live until the features are made: magnitudes
-  float* band;     // scratch: band means
-  float* feat;     // scratch: features
+  ConvStage stage[kConvLayers];
+  Gru* gru[kGruLayers];  // two pairs
+  const FCLayer* fc[kHeads];
+  float* conv_out[kConvLayers];    // raw convolution outputs, before normalisation
+  float* gru_out[kGruLayers / 2];  // outputs of a pair, one after the other
+  float* fc_out[kHeads];           // of the used head the network's output, one value per band
+  FeatureBuffers features;         // scratch, live until the features are made
 };
 
 constexpr RecordSlot kDenoiserSlot = {119, 116};
 
 // nn_init_api with another model than the compiled-in one. The model stays the caller's.
 NNDenoiser* init_denoiser(void* mem, void* scratch, const DenoiseModel* model);
+
+// The three steps of nn_process_api.
+
+// The features of a frame from its three spectra: kChannels x kBands floats in the scratch block.
+const float* make_features(const NNDenoiser& d, const zel_lcomplex* mic0, const zel_lcomplex* mic1,
+                           const zel_lcomplex* ref);
+
+// Runs the network on them: kBands values in 0..1 that belong to the frame before the last five.
+// Null on the first five calls, on which the convolution layers fill.
+const float* run_network(const NNDenoiser& d, const float* features);
+
+// Expands band values to kBins gains and takes these down in long stretches of noise, of which it
+// keeps count for the whole process.
+void gains_from_bands(const float* bands, float* gain);
 
 }  // namespace se::nn

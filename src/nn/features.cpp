@@ -11,7 +11,6 @@ namespace se::nn {
 namespace {
 
 constexpr int kPooledBins = kBins - 1;
-constexpr float kFloor = 1e-8f;  // keeps magnitudes and features at or above 1e-4
 
 constexpr bool bands_are_ascending() {
   for (int i = 0; i + 1 < kBands; ++i) {
@@ -47,11 +46,11 @@ constexpr BinShares kShares = {kPooledBins, kTables.band, kTables.fraction, kTab
 
 }  // namespace
 
-void features(const zel_lcomplex* spec_mics, const zel_lcomplex* spec_ref,
-              const FeatureBuffers& buffers) {
+void features(const zel_lcomplex* const (&spectra)[kChannels], const FeatureBuffers& buffers) {
   const Kernels& k = kernels();
-  k.spectral->magnitude(spec_mics, kFloor, buffers.mag, 2 * kBins);
-  k.spectral->magnitude(spec_ref, kFloor, buffers.mag + 2 * kBins, kBins);
+  for (int c = 0; c < kChannels; ++c) {
+    k.spectral->magnitude(spectra[c], kFeatureFloor, buffers.mag + c * kBins, kBins);
+  }
   k.nn->pool(kShares, buffers.mag, kBins, buffers.band, kBands);
   k.nn->compress(buffers.band, kFeatures, buffers.feat);
 }

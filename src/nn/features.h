@@ -13,11 +13,9 @@ struct FeatureBuffers {
   float* feat;  // the result: square roots of the bands, three channels of kBands
 };
 
-// Computes the features of one frame from the spectra of both microphones (2 x kBins, microphone 0
-// first) and of the reference (kBins): `buffers.feat`[c * kBands + i] for channel c = microphone 0,
-// microphone 1, reference.
-void features(const zel_lcomplex* spec_mics, const zel_lcomplex* spec_ref,
-              const FeatureBuffers& buffers);
+// Computes the features of one frame from the spectra of its channels, microphone 0, microphone 1
+// and the reference, kBins each: `buffers.feat`[c * kBands + i] for channel c.
+void features(const zel_lcomplex* const (&spectra)[kChannels], const FeatureBuffers& buffers);
 
 // The opposite way for the network's output: expands kBands band values to kBins gains,
 // interpolated between neighbouring bands and divided by the band's width. Bin 256 gets 0.

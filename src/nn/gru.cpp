@@ -14,6 +14,7 @@
 
 #include "kernels/kernels.h"
 #include "nn/network.h"
+#include "nn/packed_model.h"
 
 namespace se::nn {
 namespace {
@@ -40,11 +41,47 @@ ScratchLayout lay_out_scratch(MemoryWalk& scratch, int hidden, int input) {
           scratch.buffer<std::int16_t>(static_cast<std::size_t>(input))};
 }
 
-GruGate gate_of(const GRULayer& layer, int gate, int hidden, int input) {
-  const std::ptrdiff_t row = static_cast<std::ptrdiff_t>(gate) * hidden;
-  return {layer.weight_ih + row * input, layer.weight_hh + row * hidden, layer.bias_ih + row,
-          layer.bias_hh + row};
-}
+// The sums of a step's products, in chunks of units. Those of packed weights are all there at once.
+class Sums {
+ public:
+  explicit Sums(const Gru& gru)
+      : gru_(gru),
+        packed_(packed_gru(gru.layer, gru.hidden_size, gru.input_size)),
+        kernels_(*kernels().nn) {
+    if (!packed_) return;
+    const GRULayer& layer = *gru.layer;
+    const int rows = kGates * gru.hidden_size;
+    kernels_.packed_product(packed_->in, {layer.weight_ih, rows, gru.input_size}, gru.qinput, in_);
+    kernels_.packed_product(packed_->state, {layer.weight_hh, rows, gru.hidden_size}, gru.state,
+                            state_);
+  }
+
+  // Calls finish(sums and biases, first unit, units) for all units of a gate.
+  template <class Finish>
+  void by_gate(int gate, Finish finish) {
+    const GRULayer& layer = *gru_.layer;
+    for (int first = 0; first < gru_.hidden_size; first += kGruHidden) {
+      const int left = gru_.hidden_size - first;
+      const int units = left < kGruHidden ? left : kGruHidden;
+      const std::ptrdiff_t row = static_cast<std::ptrdiff_t>(gate) * gru_.hidden_size + first;
+      const std::ptrdiff_t at = packed_ ? row : 0;
+      if (!packed_) {
+        kernels_.product({layer.weight_ih + row * gru_.input_size, units, gru_.input_size},
+                         gru_.qinput, in_);
+        kernels_.product({layer.weight_hh + row * gru_.hidden_size, units, gru_.hidden_size},
+                         gru_.state, state_);
+      }
+      finish(GruGate{in_ + at, state_ + at, layer.bias_ih + row, layer.bias_hh + row}, first,
+             units);
+    }
+  }
+
+ private:
+  const Gru& gru_;
+  const PackedGru* packed_;
+  const NnKernels& kernels_;
+  std::int32_t in_[kGates * kGruHidden + kSpareSums], state_[kGates * kGruHidden + kSpareSums];
+};
 
 }  // namespace
 }  // namespace se::nn
@@ -79,16 +116,19 @@ Gru* gru_init(void* mem, void* scratch, const GRULayer* layer, int hidden, int i
 int gru_process(Gru* gru, const float* in, float* out) {
   const NnKernels& k = *kernels().nn;
   const int hidden = gru->hidden_size;
-  const int input = gru->input_size;
-  const GRULayer& layer = *gru->layer;
-  const GruStep step = {gru->qinput, gru->state, input, hidden};
-
-  k.quantise(in, input, kQ11, gru->qinput);
-  k.gru_gate(gate_of(layer, 0, hidden, input), step, gru->reset);
+  k.quantise(in, gru->input_size, kQ11, gru->qinput);
+  Sums sums(*gru);
+  sums.by_gate(0, [&](const GruGate& gate, int first, int units) {
+    k.gru_gate(gate, units, gru->reset + first);
+  });
   k.sigmoid(gru->reset, hidden);
-  k.gru_gate(gate_of(layer, 1, hidden, input), step, gru->update);
+  sums.by_gate(1, [&](const GruGate& gate, int first, int units) {
+    k.gru_gate(gate, units, gru->update + first);
+  });
   k.sigmoid(gru->update, hidden);
-  k.gru_candidate(gate_of(layer, 2, hidden, input), step, gru->reset, gru->candidate);
+  sums.by_gate(2, [&](const GruGate& gate, int first, int units) {
+    k.gru_candidate(gate, gru->reset + first, units, gru->candidate + first);
+  });
   k.tanh(gru->candidate, hidden);
   k.gru_blend(gru->update, gru->candidate, gru->state, hidden, out);
   k.quantise(out, hidden, kQ11, gru->state);

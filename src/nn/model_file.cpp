@@ -1,6 +1,7 @@
 // Opens model files: checks the bytes and points the records at the tables.
 #include "nn/model_file.h"
 
+#include <cmath>
 #include <cstring>
 
 namespace se::nn {
@@ -8,15 +9,56 @@ namespace {
 
 static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__, "model files are used as they are stored");
 
-constexpr bool tables_follow_one_another() {
-  std::size_t end = kModelHeaderBytes;
-  for (const ModelTable& table : kModelTables) {
-    if (table.offset != end) return false;
-    end = (table.offset + table.bytes + kModelAlignment - 1) / kModelAlignment * kModelAlignment;
+// Checks the list of tables against the network's shapes, table by table in file order.
+class ShapeCheck {
+ public:
+  constexpr void expect(int rows, int columns, std::size_t element_bytes) {
+    const ModelTable& table = kModelTables[next_++];
+    right_ = right_ && table.rows == static_cast<std::size_t>(rows) &&
+             table.columns == static_cast<std::size_t>(columns) &&
+             table.element_bytes == element_bytes;
   }
-  return end == kModelFileBytes;
+  constexpr bool passed() const {
+    return right_ && next_ == sizeof kModelTables / sizeof kModelTables[0];
+  }
+
+ private:
+  std::size_t next_ = 0;
+  bool right_ = true;
+};
+
+constexpr bool tables_fit_the_network() {
+  constexpr int kRowMultiple = 8;  // kernel rows are padded with zeros
+  ShapeCheck check;
+  for (const ConvShape& s : kConv) {
+    const int taps = kKernelTime * s.kernel_freq * s.in_channels;
+    check.expect(s.out_channels, (taps + kRowMultiple - 1) / kRowMultiple * kRowMultiple, 1);
+    for (int i = 0; i < 2; ++i) check.expect(1, s.out_channels, sizeof(float));  // scale, bias
+    for (int i = 0; i < 2; ++i) check.expect(s.out_width, s.out_channels, sizeof(float));
+  }
+  for (const int input : kGruInput) {
+    check.expect(3 * kGruHidden, input, 1);
+    check.expect(3 * kGruHidden, kGruHidden, 1);
+    for (int i = 0; i < 2; ++i) check.expect(3, kGruHidden, sizeof(float));
+  }
+  for (int head = 0; head < kHeads; ++head) {
+    check.expect(kBands, kHeadInput, 1);
+    for (int i = 0; i < 2; ++i) check.expect(1, kBands, sizeof(float));
+  }
+  return check.passed();
 }
-static_assert(tables_follow_one_another());
+static_assert(tables_fit_the_network());
+
+constexpr bool all_finite(const std::int8_t*, std::size_t) {
+  return true;
+}
+
+bool all_finite(const float* table, std::size_t count) {
+  for (std::size_t i = 0; i < count; ++i) {
+    if (!std::isfinite(table[i])) return false;
+  }
+  return true;
+}
 
 std::uint32_t read_u32(const unsigned char* p) {
   std::uint32_t value;
@@ -56,32 +98,19 @@ const char* open_model(const void* file, std::size_t size, ModelRecords* records
     return "a damaged model file (wrong checksum)";
   }
 
-#define SE_MODEL_TABLE(name, type, rows, columns, offset) \
-  const auto* const name = reinterpret_cast<const type*>(bytes + (offset));
+  ModelPointers at = {};
+  const unsigned char* next = bytes + kModelHeaderBytes;
+  const ModelTable* table = kModelTables;
+#define SE_MODEL_TABLE(name, type, rows, columns)                       \
+  at.name = reinterpret_cast<const type*>(next);                        \
+  if (!all_finite(at.name, std::size_t{rows} * std::size_t{columns})) { \
+    return #name ": holds values that are not finite";                  \
+  }                                                                     \
+  next += (table++)->slot();
 #include "nn/model_tables.def"
 #undef SE_MODEL_TABLE
-  *records = {
-      {conv_record(conv1_kernel, conv1_kernel_scale, conv1_bias, kConv[0]),
-       conv_record(conv2_kernel, conv2_kernel_scale, conv2_bias, kConv[1]),
-       conv_record(conv3_kernel, conv3_kernel_scale, conv3_bias, kConv[2]),
-       conv_record(conv4_kernel, conv4_kernel_scale, conv4_bias, kConv[3]),
-       conv_record(conv5_kernel, conv5_kernel_scale, conv5_bias, kConv[4])},
-      {bn_record(bn1_bn_gamma_var, bn1_bn_gmb, kConv[0]),
-       bn_record(bn2_bn_gamma_var, bn2_bn_gmb, kConv[1]),
-       bn_record(bn3_bn_gamma_var, bn3_bn_gmb, kConv[2]),
-       bn_record(bn4_bn_gamma_var, bn4_bn_gmb, kConv[3]),
-       bn_record(bn5_bn_gamma_var, bn5_bn_gmb, kConv[4])},
-      {gru_record(gru1_1_weight_ih, gru1_1_weight_hh, gru1_1_bias_ih, gru1_1_bias_hh, kGruInput[0]),
-       gru_record(gru1_2_weight_ih, gru1_2_weight_hh, gru1_2_bias_ih, gru1_2_bias_hh, kGruInput[1]),
-       gru_record(gru2_1_weight_ih, gru2_1_weight_hh, gru2_1_bias_ih, gru2_1_bias_hh, kGruInput[2]),
-       gru_record(gru2_2_weight_ih, gru2_2_weight_hh, gru2_2_bias_ih, gru2_2_bias_hh,
-                  kGruInput[3])},
-      {fc_record(fc1_weight, fc1_weight_scale, fc1_bias),
-       fc_record(fc2_weight, fc2_weight_scale, fc2_bias)},
-      {&records->conv[0], &records->bn[0], &records->conv[1], &records->bn[1], &records->conv[2],
-       &records->bn[2], &records->conv[3], &records->bn[3], &records->conv[4], &records->bn[4],
-       &records->gru[0], &records->gru[1], &records->gru[2], &records->gru[3], &records->fc[0],
-       &records->fc[1]}};
+  records->layers = layer_records(at);
+  records->model = model_of(records->layers);
   return nullptr;
 }
 

@@ -26,31 +26,45 @@ constexpr std::size_t kModelAlignment = 16;
 
 struct ModelTable {
   const char* name;
-  std::size_t offset;
-  std::size_t bytes;
+  std::size_t rows, columns, element_bytes;
+
+  constexpr std::size_t bytes() const { return rows * columns * element_bytes; }
+  // What the table takes in the file.
+  constexpr std::size_t slot() const {
+    return (bytes() + kModelAlignment - 1) / kModelAlignment * kModelAlignment;
+  }
 };
 
 constexpr ModelTable kModelTables[] = {
-#define SE_MODEL_TABLE(name, type, rows, columns, offset) \
-  {#name, offset, std::size_t{rows} * (columns) * sizeof(type)},
+#define SE_MODEL_TABLE(name, type, rows, columns) {#name, rows, columns, sizeof(type)},
 #include "nn/model_tables.def"
 #undef SE_MODEL_TABLE
 };
 
-// Bytes of all tables; the file adds its header.
-constexpr std::size_t model_table_bytes() {
-  std::size_t sum = 0;
-  for (const ModelTable& table : kModelTables) sum += table.bytes;
+constexpr std::size_t model_file_bytes() {
+  std::size_t sum = kModelHeaderBytes;
+  for (const ModelTable& table : kModelTables) sum += table.slot();
   return sum;
 }
-constexpr std::size_t kModelFileBytes = kModelHeaderBytes + model_table_bytes();
+constexpr std::size_t kModelFileBytes = model_file_bytes();
 
-// A model read from a file: its records, with pointers into the file's bytes.
-struct ModelRecords {
+// Where the tables of a model are.
+struct ModelPointers {
+#define SE_MODEL_TABLE(name, type, rows, columns) const type* name;
+#include "nn/model_tables.def"
+#undef SE_MODEL_TABLE
+};
+
+struct LayerRecords {
   Conv2DLayer conv[kConvLayers];
   BNLayer bn[kConvLayers];
   GRULayer gru[kGruLayers];
   FCLayer fc[kHeads];
+};
+
+// A model read from a file: its records, with pointers into the file's bytes.
+struct ModelRecords {
+  LayerRecords layers;
   DenoiseModel model;
 };
 
@@ -65,25 +79,42 @@ std::uint32_t crc32(const void* data, std::size_t size);
 // The file compiled into the library.
 extern "C" const unsigned char se_model_file[kModelFileBytes];
 
-// The records' fixed parts.
-constexpr Conv2DLayer conv_record(const std::int8_t* kernel, const float* scale, const float* bias,
-                                  const ConvShape& shape) {
-  return {
-      kernel, scale, bias, shape.in_channels, shape.out_channels, kKernelTime, shape.kernel_freq,
-      3,      0};
+// The records of a model whose tables are at `at`.
+constexpr LayerRecords layer_records(const ModelPointers& at) {
+  constexpr int kCode = 3;  // the activation code of the format; nothing reads it
+  constexpr int kReserved = 0;
+  const auto conv = [](int i, const std::int8_t* kernel, const float* scale,
+                       const float* bias) -> Conv2DLayer {
+    const ConvShape& s = kConv[i];
+    return {kernel,      scale,         bias,  s.in_channels, s.out_channels,
+            kKernelTime, s.kernel_freq, kCode, kReserved};
+  };
+  const auto fc = [](const std::int8_t* weight, const float* scale, const float* bias) -> FCLayer {
+    return {weight, scale, bias, kHeadInput, kBands, kCode};
+  };
+#define SE_CONV(n) conv(n - 1, at.conv##n##_kernel, at.conv##n##_kernel_scale, at.conv##n##_bias)
+#define SE_BN(n) \
+  { at.bn##n##_bn_gamma_var, at.bn##n##_bn_gmb, kConv[n - 1].out_width }
+#define SE_GRU(n, index)                                                                    \
+  {                                                                                         \
+    at.gru##n##_weight_ih, at.gru##n##_weight_hh, at.gru##n##_bias_ih, at.gru##n##_bias_hh, \
+        kGruInput[index], kGruHidden                                                        \
+  }
+#define SE_FC(n) fc(at.fc##n##_weight, at.fc##n##_weight_scale, at.fc##n##_bias)
+  return {{SE_CONV(1), SE_CONV(2), SE_CONV(3), SE_CONV(4), SE_CONV(5)},
+          {SE_BN(1), SE_BN(2), SE_BN(3), SE_BN(4), SE_BN(5)},
+          {SE_GRU(1_1, 0), SE_GRU(1_2, 1), SE_GRU(2_1, 2), SE_GRU(2_2, 3)},
+          {SE_FC(1), SE_FC(2)}};
+#undef SE_CONV
+#undef SE_BN
+#undef SE_GRU
+#undef SE_FC
 }
 
-constexpr BNLayer bn_record(const float* gamma_var, const float* gmb, const ConvShape& shape) {
-  return {gamma_var, gmb, shape.out_width};
-}
-
-constexpr GRULayer gru_record(const std::int8_t* weight_ih, const std::int8_t* weight_hh,
-                              const float* bias_ih, const float* bias_hh, int input) {
-  return {weight_ih, weight_hh, bias_ih, bias_hh, input, kGruHidden};
-}
-
-constexpr FCLayer fc_record(const std::int8_t* weight, const float* scale, const float* bias) {
-  return {weight, scale, bias, kHeadInput, kBands, 3};
+// The model over these records, which must not move.
+constexpr DenoiseModel model_of(const LayerRecords& r) {
+  return {&r.conv[0], &r.bn[0], &r.conv[1], &r.bn[1],  &r.conv[2], &r.bn[2],  &r.conv[3], &r.bn[3],
+          &r.conv[4], &r.bn[4], &r.gru[0],  &r.gru[1], &r.gru[2],  &r.gru[3], &r.fc[0],   &r.fc[1]};
 }
 
 }  // namespace se::nn

@@ -4,9 +4,11 @@
 
 #include <cstdint>
 
+#include "common/geometry.h"
+
 namespace se::nn {
 
-constexpr int kBins = 257;    // of a 512-point transform at 16 kHz
+constexpr int kBins = kNumBins;
 constexpr int kBands = 128;   // per channel
 constexpr int kChannels = 3;  // microphone 0, microphone 1, reference
 constexpr int kFeatures = kChannels * kBands;
@@ -38,16 +40,25 @@ constexpr ConvShape kConv[kConvLayers] = {
     {kChannels, kBands, 8, 64, 5, 2, 2}, {8, 64, 16, 32, 3, 2, 1},  {16, 32, 32, 16, 3, 2, 1},
     {32, 16, 64, 16, 3, 1, 1},           {64, 16, 16, 16, 3, 1, 1},
 };
-constexpr int kMaxConvOut = 1024;  // values of the largest layer output
+
+constexpr int largest_conv_out() {
+  int largest = 0;
+  for (const ConvShape& shape : kConv) {
+    if (shape.out_size() > largest) largest = shape.out_size();
+  }
+  return largest;
+}
+constexpr int kMaxConvOut = largest_conv_out();  // values
 
 // GRU layers: two pairs, the first of which sees one half of the frequency axis each.
 constexpr int kGruLayers = 4;
 constexpr int kGruHidden = 200;
-constexpr int kGruInput[kGruLayers] = {128, 128, 200, 200};
+constexpr int kGruInput[kGruLayers] = {128, 128, kGruHidden, kGruHidden};
 
-// The fully connected heads.
+// The fully connected heads. The model has two; the second alone is computed.
 constexpr int kHeads = 2;
 constexpr int kHeadInput = 2 * kGruHidden;
+constexpr int kUsedHead = 1;
 
 constexpr float kQ10 = 1024.0f;  // scale of convolution inputs
 constexpr float kQ11 = 2048.0f;  // scale of GRU and fully connected inputs

@@ -13,6 +13,7 @@
 #include "nn/denoiser.h"
 #include "nn/features.h"
 #include "nn/network.h"
+#include "nn/packed_model.h"
 #include "nn/quiet_history.h"
 
 namespace se::nn {
@@ -26,34 +27,31 @@ constexpr double kLowMean = 0.05;    // below: the frame may be attenuated
 constexpr int kQuietFrames = 900;    // of the last 1000; more: a long noise-only stretch
 constexpr double kQuietAttenuation = 0.6;
 
-struct StaticLayout {
-  NNDenoiser* denoiser;
-  void* conv[kConvLayers];
-  void* gru[kGruLayers];
-  float* conv_out[kConvLayers];
-  float* gru_out[2];
-  float* fc_out[kHeads];
-};
-
 int conv_bytes(const ConvShape& shape) {
   return conv2d_query_mem(kPastFrames, shape.in_channels, shape.in_width, shape.freq_pad);
 }
 
+// What the driver itself keeps, and the regions of its layers.
+struct StaticLayout {
+  NNDenoiser* denoiser;
+  void* conv[kConvLayers];
+  void* gru[kGruLayers];
+  NNDenoiser fields;  // the buffers' places
+};
+
 StaticLayout lay_out_static(MemoryWalk& mem) {
-  StaticLayout layout;
-  layout.denoiser = mem.record<NNDenoiser>(kDenoiserSlot);
+  StaticLayout at = {};
+  at.denoiser = mem.record<NNDenoiser>(kDenoiserSlot);
   for (int i = 0; i < kConvLayers; ++i) {
-    layout.conv[i] = mem.nested(static_cast<std::size_t>(conv_bytes(kConv[i])));
+    at.conv[i] = mem.nested(static_cast<std::size_t>(conv_bytes(kConv[i])));
   }
-  for (void*& gru : layout.gru) {
-    gru = mem.nested(static_cast<std::size_t>(gru_query_mem(kGruHidden)));
-  }
+  for (void*& gru : at.gru) gru = mem.nested(static_cast<std::size_t>(gru_query_mem(kGruHidden)));
   for (int i = 0; i < kConvLayers; ++i) {
-    layout.conv_out[i] = mem.buffer<float>(static_cast<std::size_t>(kConv[i].out_size()));
+    at.fields.conv_out[i] = mem.buffer<float>(static_cast<std::size_t>(kConv[i].out_size()));
   }
-  for (float*& out : layout.gru_out) out = mem.buffer<float>(2 * kGruHidden);
-  for (float*& out : layout.fc_out) out = mem.buffer<float>(kBands);
-  return layout;
+  for (float*& out : at.fields.gru_out) out = mem.buffer<float>(2 * kGruHidden);
+  for (float*& out : at.fields.fc_out) out = mem.buffer<float>(kBands);
+  return at;
 }
 
 FeatureBuffers lay_out_scratch(MemoryWalk& scratch) {
@@ -79,51 +77,49 @@ void split_half(const float* x, int first, float* half) {
 // The convolution stack: from features to the last layer's normalised output in `x`, which holds
 // kMaxConvOut values. False while a layer fills its history.
 bool run_convolutions(const NNDenoiser& d, float* x) {
-  struct Stage {
-    Conv2D* conv;
-    float* out;
-    const BNLayer* bn;
-  };
-  const Stage stages[kConvLayers] = {{d.conv1_state, d.conv1_out, d.bn1},
-                                     {d.conv2_state, d.conv2_out, d.bn2},
-                                     {d.conv3_state, d.conv3_out, d.bn3},
-                                     {d.conv4_state, d.conv4_out, d.bn4},
-                                     {d.conv5_state, d.conv5_out, d.bn5}};
   for (int i = 0; i < kConvLayers; ++i) {
-    const Stage& stage = stages[i];
-    if (conv2d_process(stage.conv, stage.out, x) == 0) return false;
-    kernels().nn->normalise(stage.out, stage.bn->gamma_var, stage.bn->gmb, kConv[i].out_size(), x);
+    const BNLayer& bn = *d.stage[i].bn;
+    if (conv2d_process(d.stage[i].conv, d.conv_out[i], x) == 0) return false;
+    kernels().nn->normalise(d.conv_out[i], bn.gamma_var, bn.gmb, kConv[i].out_size(), x);
   }
   return true;
 }
 
-// Both pairs of GRU layers: from the convolutions' output in `x` to `gru2_out`.
+// Both pairs of GRU layers: from the convolutions' output in `x` to `gru_out[1]`.
 void run_grus(const NNDenoiser& d, float* x) {
   float low[kGruInput[0]];
   float high[kGruInput[1]];
   split_half(x, 0, low);
   split_half(x, kConv[kConvLayers - 1].out_width / 2, high);
-  gru_process(d.gru1_1_state, low, d.gru1_out);
-  gru_process(d.gru1_2_state, high, d.gru1_out + kGruHidden);
+  gru_process(d.gru[0], low, d.gru_out[0]);
+  gru_process(d.gru[1], high, d.gru_out[0] + kGruHidden);
 
   float* const even = x;
   float* const odd = x + kGruHidden;
   for (int i = 0; i < kGruHidden; ++i) {
-    even[i] = d.gru1_out[2 * i];
-    odd[i] = d.gru1_out[2 * i + 1];
+    even[i] = d.gru_out[0][2 * i];
+    odd[i] = d.gru_out[0][2 * i + 1];
   }
-  gru_process(d.gru2_1_state, even, d.gru2_out);
-  gru_process(d.gru2_2_state, odd, d.gru2_out + kGruHidden);
+  gru_process(d.gru[2], even, d.gru_out[1]);
+  gru_process(d.gru[3], odd, d.gru_out[1] + kGruHidden);
 }
 
-// The head: from `gru2_out` to one value in 0..1 per band.
+// The head: from `gru_out[1]` to one value in 0..1 per band.
 void run_head(const NNDenoiser& d) {
   const NnKernels& k = *kernels().nn;
   std::int16_t q[kHeadInput];
-  k.quantise(d.gru2_out, kHeadInput, kQ11, q);
-  k.affine({d.fc2->weight, kBands, kHeadInput, d.fc2->weight_scale, 1.0f / kQ11, d.fc2->bias}, q,
-           d.fc2_out);
-  k.sigmoid(d.fc2_out, kBands);
+  k.quantise(d.gru_out[1], kHeadInput, kQ11, q);
+  const FCLayer& fc = *d.fc[kUsedHead];
+  float* const out = d.fc_out[kUsedHead];
+  alignas(64) std::int32_t sums[kBands + kSpareSums];
+  const Matrix weights = {fc.weight, kBands, kHeadInput};
+  if (const PackedMatrix* packed = packed_head(&fc)) {
+    k.packed_product(*packed, weights, q, sums);
+  } else {
+    k.product(weights, q, sums);
+  }
+  k.scale_sums(sums, {fc.weight_scale, 1.0f / kQ11, fc.bias}, kBands, out);
+  k.sigmoid(out, kBands);
 }
 
 void attenuate_long_noise(float* gain) {
@@ -141,42 +137,50 @@ void attenuate_long_noise(float* gain) {
 }  // namespace
 
 NNDenoiser* init_denoiser(void* mem, void* scratch, const DenoiseModel* model) {
+  if (model == &nn_denoise_model) pack_model();
+  const Conv2DLayer* const conv[] = {model->conv1, model->conv2, model->conv3, model->conv4,
+                                     model->conv5};
+  const BNLayer* const bn[] = {model->bn1, model->bn2, model->bn3, model->bn4, model->bn5};
+  const GRULayer* const gru[] = {model->gru1_1, model->gru1_2, model->gru2_1, model->gru2_2};
   MemoryWalk mem_walk(mem);
   const StaticLayout at = lay_out_static(mem_walk);
   MemoryWalk scratch_walk(scratch);
-  const FeatureBuffers areas = lay_out_scratch(scratch_walk);
 
   NNDenoiser* const d = at.denoiser;
+  *d = at.fields;
   d->model = model;
-  d->conv1_state = init_conv(at.conv[0], scratch, model->conv1, kConv[0]);
-  d->bn1 = model->bn1;
-  d->conv2_state = init_conv(at.conv[1], scratch, model->conv2, kConv[1]);
-  d->bn2 = model->bn2;
-  d->conv3_state = init_conv(at.conv[2], scratch, model->conv3, kConv[2]);
-  d->bn3 = model->bn3;
-  d->conv4_state = init_conv(at.conv[3], scratch, model->conv4, kConv[3]);
-  d->bn4 = model->bn4;
-  d->conv5_state = init_conv(at.conv[4], scratch, model->conv5, kConv[4]);
-  d->bn5 = model->bn5;
-  d->gru1_1_state = gru_init(at.gru[0], scratch, model->gru1_1, kGruHidden, kGruInput[0]);
-  d->gru1_2_state = gru_init(at.gru[1], scratch, model->gru1_2, kGruHidden, kGruInput[1]);
-  d->gru2_1_state = gru_init(at.gru[2], scratch, model->gru2_1, kGruHidden, kGruInput[2]);
-  d->gru2_2_state = gru_init(at.gru[3], scratch, model->gru2_2, kGruHidden, kGruInput[3]);
-  d->fc1 = model->fc1;
-  d->fc2 = model->fc2;
-  d->conv1_out = at.conv_out[0];
-  d->conv2_out = at.conv_out[1];
-  d->conv3_out = at.conv_out[2];
-  d->conv4_out = at.conv_out[3];
-  d->conv5_out = at.conv_out[4];
-  d->gru1_out = at.gru_out[0];
-  d->gru2_out = at.gru_out[1];
-  d->fc1_out = at.fc_out[0];
-  d->fc2_out = at.fc_out[1];
-  d->mag = areas.mag;
-  d->band = areas.band;
-  d->feat = areas.feat;
+  for (int i = 0; i < kConvLayers; ++i) {
+    d->stage[i] = {init_conv(at.conv[i], scratch, conv[i], kConv[i]), bn[i]};
+  }
+  for (int i = 0; i < kGruLayers; ++i) {
+    d->gru[i] = gru_init(at.gru[i], scratch, gru[i], kGruHidden, kGruInput[i]);
+  }
+  d->fc[0] = model->fc1;
+  d->fc[1] = model->fc2;
+  d->features = lay_out_scratch(scratch_walk);
   return d;
+}
+
+const float* make_features(const NNDenoiser& d, const zel_lcomplex* mic0, const zel_lcomplex* mic1,
+                           const zel_lcomplex* ref) {
+  features({mic0, mic1, ref}, d.features);
+  return d.features.feat;
+}
+
+const float* run_network(const NNDenoiser& d, const float* features) {
+  float x[kMaxConvOut];  // what runs between the layers
+  for (int i = 0; i < kBands; ++i) {
+    for (int c = 0; c < kChannels; ++c) x[kChannels * i + c] = features[c * kBands + i];
+  }
+  if (!run_convolutions(d, x)) return nullptr;
+  run_grus(d, x);
+  run_head(d);
+  return d.fc_out[kUsedHead];
+}
+
+void gains_from_bands(const float* bands, float* gain) {
+  expand_bands(bands, gain);
+  attenuate_long_noise(gain);
 }
 
 }  // namespace se::nn
@@ -211,16 +215,8 @@ void* nn_init_api(void* mem, void* scratch) {
 int nn_process_api(void* state, const zel_lcomplex* spec_mics, const zel_lcomplex* spec_ref,
                    float* gain, bool /*nn_only*/, bool /*use_ns*/) {
   const NNDenoiser& d = *static_cast<const NNDenoiser*>(state);
-  features(spec_mics, spec_ref, {d.mag, d.band, d.feat});
-
-  float x[kMaxConvOut];  // what runs between the layers
-  for (int i = 0; i < kBands; ++i) {
-    for (int c = 0; c < kChannels; ++c) x[kChannels * i + c] = d.feat[c * kBands + i];
-  }
-  if (!run_convolutions(d, x)) return 0;
-  run_grus(d, x);
-  run_head(d);
-  expand_bands(d.fc2_out, gain);
-  attenuate_long_noise(gain);
+  const float* bands = run_network(d, make_features(d, spec_mics, spec_mics + kBins, spec_ref));
+  if (bands == nullptr) return 0;
+  gains_from_bands(bands, gain);
   return 1;
 }

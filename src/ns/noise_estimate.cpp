@@ -97,9 +97,10 @@ void follow(NoiseEstimator& s, const float* power) {
   } else {
     average_history(s);
     if (mean(s, s.avg_power) < s.noise_floor) return;
+    const int half_window = s.window_frames / 2;
     kernel.track_minima(s.avg_power, {s.min_power, s.candidate_min, s.min_age},
-                        static_cast<float>(s.window_frames / 2),
-                        static_cast<float>(s.window_frames), kNoMinimum, s.num_bins);
+                        static_cast<float>(half_window), static_cast<float>(s.window_frames),
+                        kNoMinimum, s.num_bins);
   }
   kernel.follow(s.min_power, kSmoothing, s.smooth_noise, s.num_bins);
 }

@@ -79,8 +79,8 @@ TEST(DenoiserNetwork, GainsMatchTheDoublePrecisionNetwork) {
     }
     ASSERT_EQ(denoiser.gain[kBins - 1], 0.0f);
     // A band of one bin passes its value through, band 0 of three divides it.
-    ASSERT_EQ(denoiser.gain[40], denoiser.state->fc2_out[38]);
-    ASSERT_EQ(denoiser.gain[0], denoiser.state->fc2_out[0] * (1.0f / 3.0f));
+    ASSERT_EQ(denoiser.gain[40], denoiser.state->fc_out[1][38]);
+    ASSERT_EQ(denoiser.gain[0], denoiser.state->fc_out[1][0] * (1.0f / 3.0f));
     low = std::min(low, denoiser.gain[40]);
     high = std::max(high, denoiser.gain[40]);
   }
@@ -93,7 +93,8 @@ TEST(DenoiserNetwork, FeaturesMatchAndNeverReachZero) {
   RandomSignal random(3);
   std::vector<zel_lcomplex> spectra = random_spectra(random, 0);
   std::fill_n(spectra.begin(), kBins, zel_lcomplex{0.0f, 0.0f});
-  se::nn::features(spectra.data(), spectra.data() + 2 * kBins, buffers);
+  const zel_lcomplex* const first = spectra.data();
+  se::nn::features({first, first + kBins, first + 2 * kBins}, buffers);
   for (int bin = 0; bin < kBins; ++bin) ASSERT_FLOAT_EQ(mag[static_cast<std::size_t>(bin)], 1e-4f);
   const reference::Values expected = reference::features(spectra);
   for (std::size_t i = 0; i < feat.size(); ++i) ASSERT_NEAR(feat[i], expected[i], 1e-6 * feat[i]);

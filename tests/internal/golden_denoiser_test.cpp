@@ -14,29 +14,16 @@
 #include <iterator>
 #include <vector>
 
+#include "engine/front_end.h"
+#include "engine/se_instance.h"
+#include "kernels/kernels.h"
 #include "nn/denoiser.h"
 #include "nn/model_file.h"
-#include "speechenhance/aec.h"
 #include "speechenhance/denoiser.h"
-#include "speechenhance/zel_stft.h"
 
 namespace {
 
-constexpr int kHop = 160;
 constexpr int kBins = se::nn::kBins;
-
-struct Analysis {
-  std::vector<unsigned char> memory = std::vector<unsigned char>(zel_stft_query_mem(512, 0));
-  std::vector<unsigned char> scratch = std::vector<unsigned char>(zel_stft_query_scratch(512));
-  stft_state* state =
-      zel_stft_init(memory.data(), scratch.data(), p_win_tmp, 512, kHop, /*is_synthesis=*/0);
-
-  void run(const std::int16_t* samples, zel_lcomplex* spectrum) {
-    float block[kHop];
-    for (int i = 0; i < kHop; ++i) block[i] = static_cast<float>(samples[i]) / 32768.0f;
-    zel_stft_analysis(state, block, spectrum);
-  }
-};
 
 TEST(GoldenDenoiser, CompiledInModelGivesTheExportedGains) {
   std::ifstream file(SE_TEST_DATA "/golden_denoiser.bin", std::ios::binary);
@@ -50,41 +37,34 @@ TEST(GoldenDenoiser, CompiledInModelGivesTheExportedGains) {
   ASSERT_EQ(header[1], se::nn::crc32(se::nn::se_model_file + se::nn::kModelHeaderBytes,
                                      se::nn::kModelFileBytes - se::nn::kModelHeaderBytes))
       << "model and golden vectors come from different exports";
-  std::vector<std::int16_t> samples(static_cast<std::size_t>(3 * frames * kHop));
+  std::vector<std::int16_t> samples(static_cast<std::size_t>(3 * frames * SE_BLOCK_LEN));
   std::vector<float> expected(static_cast<std::size_t>(frames * kBins));
   ASSERT_EQ(bytes.size(), 20 + samples.size() * 2 + expected.size() * 4);
   std::memcpy(samples.data(), bytes.data() + 20, samples.size() * 2);
   std::memcpy(expected.data(), bytes.data() + 20 + samples.size() * 2, expected.size() * 4);
 
-  Analysis stft[3];
-  std::vector<unsigned char> aec_memory(aec_query_mem()), aec_scratch(aec_query_scratch());
-  aec_state* aec = aec_init(aec_memory.data(), aec_scratch.data());
-  std::vector<unsigned char> nn_memory(static_cast<std::size_t>(nn_query_mem_api()));
-  std::vector<unsigned char> nn_scratch(static_cast<std::size_t>(nn_query_scratch_api()));
-  void* denoiser = nn_init_api(nn_memory.data(), nn_scratch.data());
-
+  SEInstance* engine = se::create_instance(&nn_denoise_model);
   float largest = 0.0f, spread = 0.0f;
   for (int t = 0; t < frames; ++t) {
-    std::vector<zel_lcomplex> mics(2 * kBins), reference(kBins);
-    std::vector<float> power(2 * kBins), gain(kBins, -1.0f);
-    for (int c = 0; c < 3; ++c)
-      stft[c].run(&samples[static_cast<std::size_t>((c * frames + t) * kHop)],
-                  c < 2 ? &mics[static_cast<std::size_t>(c * kBins)] : reference.data());
-    for (std::size_t k = 0; k < mics.size(); ++k)
-      power[k] = std::fma(mics[k].re, mics[k].re, mics[k].im * mics[k].im);
-    zel_lcomplex* spectra[] = {mics.data(), mics.data() + kBins};
-    float* powers[] = {power.data(), power.data() + kBins};
-    aec_process(aec, spectra, powers, reference.data());
-    const int wrote =
-        nn_process_api(denoiser, mics.data(), reference.data(), gain.data(), true, false);
-    ASSERT_EQ(wrote, t >= first);
-    if (!wrote) continue;
+    float blocks[3][SE_BLOCK_LEN], gain[kBins];
+    for (int c = 0; c < 3; ++c) {
+      se::kernels().sample->s16_to_float(
+          &samples[static_cast<std::size_t>((c * frames + t) * SE_BLOCK_LEN)], blocks[c],
+          SE_BLOCK_LEN);
+    }
+    const se::FrontEndResult front = se::run_front_end(*engine, blocks[0], blocks[2]);
+    const float* bands =
+        se::nn::run_network(*static_cast<se::nn::NNDenoiser*>(engine->nn), front.features);
+    ASSERT_EQ(bands != nullptr, t >= first);
+    if (bands == nullptr) continue;
+    se::nn::gains_from_bands(bands, gain);
     for (int k = 0; k < kBins; ++k) {
       const float want = expected[static_cast<std::size_t>(t * kBins + k)];
-      largest = std::max(largest, std::fabs(gain[static_cast<std::size_t>(k)] - want));
+      largest = std::max(largest, std::fabs(gain[k] - want));
       spread = std::max(spread, want);
     }
   }
+  se_destroy(engine);
   EXPECT_LE(largest, 1e-4f);
   EXPECT_GT(spread, 0.2f) << "the golden gains must not be trivial";
 }

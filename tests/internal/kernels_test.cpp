@@ -8,9 +8,11 @@
 #include <cstdlib>
 #include <functional>
 #include <limits>
+#include <memory>
 #include <string>
 
 #include "guarded_arrays.h"
+#include "kernels/packing.h"
 #include "random_signal.h"
 
 namespace {
@@ -164,9 +166,9 @@ TEST(Kernels, ElementWise) {
       k.spectral->power_spectrum(x, arrays.place(out), n);
       k.spectral->magnitude(x, 1e-8f, arrays.place(out), n);
       k.spectral->apply_gain(x, gain, arrays.place(b), n);
-      k.spectral->mix(x, y, level, arrays.place(b), n);
+      k.spectral->mix(x, y, 3.0f, level, arrays.place(b), n);
       k.spectral->apply_gain(x, gain, x, n);
-      k.spectral->mix(y, x, level, y, n);
+      k.spectral->mix(y, x, 3.0f, level, y, n);
     };
   });
   for_lengths("slopes", [](Values& v, int n, Range range) -> Call {
@@ -186,7 +188,7 @@ TEST(Kernels, ElementWise) {
     };
   });
   for_lengths("samples", [](Values& v, int n, Range range) -> Call {
-    const auto a = v.reals(n, range), out = v.reals(n, range);
+    const auto a = v.reals(n, range), out = v.reals(n, range), normal = v.normal_reals(n, range);
     const auto s = v.integers<std::int16_t>(n);
     const float start = v.real(range), step = v.real(range);
     return [=](const Kernels& k, Arrays& arrays) {
@@ -195,6 +197,7 @@ TEST(Kernels, ElementWise) {
       k.sample->float_to_s16(x, arrays.place(s), n);
       k.sample->apply_ramp(x, start, step, arrays.place(out), n);
       k.sample->apply_ramp(x, start, step, x, n);
+      k.sample->limit(arrays.place(normal), 0.75f, arrays.place(out), n);
     };
   });
   for_lengths("activations", [](Values& v, int n, Range range) -> Call {
@@ -324,37 +327,75 @@ TEST(Kernels, EchoSubtraction) {
   }
 }
 
-// Activations from the whole range, and from the half of it that some variants have a way for.
+// A matrix in the order of a variant.
+class Packed {
+ public:
+  Packed(const std::vector<std::int8_t>& w, int row_len, const se::PackShape& shape,
+         const se::PackOrder& order)
+      : bytes_(shape.bytes(order) + 63),
+        row_sums_(static_cast<std::size_t>(shape.packed_rows(order))) {
+    void* start = bytes_.data();
+    std::size_t space = bytes_.size();
+    std::align(64, shape.bytes(order), start, space);
+    matrix_ = se::pack({w.data(), shape.rows, row_len}, shape, order,
+                       static_cast<std::int8_t*>(start), row_sums_.data());
+  }
+  const se::PackedMatrix& matrix() const { return matrix_; }
+
+ private:
+  std::vector<std::int8_t> bytes_;
+  std::vector<std::int32_t> row_sums_;
+  se::PackedMatrix matrix_;
+};
+
+// Activations from the whole range, from the smaller ones that some variants have a way for, and
+// (divisor 0) such as leave a clamp at zero.
 TEST(Kernels, MatrixProducts) {
   Values values(4);
-  for (const int rows : {1, 2, 7, 8, 9, 16, 21, 200}) {
+  for (const int rows : {1, 2, 7, 8, 9, 16, 21, 200, 600}) {
     for (const int cols : {1, 3, 8, 15, 16, 17, 24, 31, 32, 33, 48, 100, 128, 200, 400, 511}) {
-      const int divisor = 1 + values.pick(2);
-      const auto w = values.integers<std::int8_t>(rows * cols);
-      const auto q = values.integers<std::int16_t>(cols, divisor);
-      const auto scale = values.reals(rows, Range::kAudio), bias = values.reals(rows, Range::kWide);
-      const std::vector<float> y(static_cast<std::size_t>(rows));
-      expect_same_bits("affine, rows " + std::to_string(rows) + ", cols " + std::to_string(cols),
-                       [&](const Kernels& k, Arrays& arrays) {
-                         k.nn->affine({arrays.place(w), rows, cols, arrays.place(scale),
-                                       1.0f / 2048, arrays.place(bias)},
-                                      arrays.place(q), arrays.place(y));
-                       });
-      const auto w_state = values.integers<std::int8_t>(rows * rows);
-      const auto state = values.integers<std::int16_t>(rows, divisor);
-      const auto bias_state = values.reals(rows, Range::kAudio);
-      const auto reset = values.reals(rows, Range::kAudio);
-      expect_same_bits(
-          "gate, hidden " + std::to_string(rows) + ", input " + std::to_string(cols),
-          [&](const Kernels& k, Arrays& arrays) {
-            const se::GruGate gate = {arrays.place(w), arrays.place(w_state), arrays.place(bias),
-                                      arrays.place(bias_state)};
-            const se::GruStep step = {arrays.place(q), arrays.place(state), cols, rows};
-            k.nn->gru_gate(gate, step, arrays.place(y));
-            k.nn->gru_candidate(gate, step, arrays.place(reset), arrays.place(y));
-          });
+      if (rows >= 200 && cols != 128 && cols != 200) continue;  // large ones as in the denoiser
+      for (const int divisor : {0, 1, 2, 16}) {
+        const auto w = values.integers<std::int8_t>(rows * cols);
+        auto q = values.integers<std::int16_t>(cols, divisor == 0 ? 1 : divisor);
+        for (std::size_t i = 0; divisor == 0 && i < q.size(); ++i) {
+          if (q[i] < 0 || i % 16 < 7) q[i] = 0;
+        }
+        expect_same_bits(
+            "rows " + std::to_string(rows) + ", cols " + std::to_string(cols),
+            [&](const Kernels& k, Arrays& arrays) {
+              std::int32_t* sums =
+                  arrays.place(std::vector<std::int32_t>(static_cast<std::size_t>(rows)));
+              const std::int16_t* activations = arrays.place(q);
+              const se::Matrix weights = {arrays.place(w), rows, cols};
+              k.nn->product(weights, activations, sums);
+              const se::PackOrder& order = k.nn->product_order;
+              if (order.panel == 0) return;
+              const Packed packed(w, cols, {rows, 1, cols}, order);
+              std::vector<std::int32_t> same(static_cast<std::size_t>(rows + se::kSpareSums + 1));
+              same.back() = 12345;
+              k.nn->packed_product(packed.matrix(), weights, activations, same.data());
+              EXPECT_EQ(12345, same.back());
+              EXPECT_EQ(0, std::memcmp(sums, same.data(), sizeof *sums * w.size() / q.size()))
+                  << k.name << ": packed, rows " << rows << ", cols " << cols << " / " << divisor;
+            });
+      }
     }
   }
+}
+
+TEST(Kernels, WhatBecomesOfSums) {
+  for_lengths("sums", [](Values& v, int n, Range range) -> Call {
+    const auto a = v.integers<std::int32_t>(n), b = v.integers<std::int32_t>(n);
+    const auto x = v.reals(n, range), y = v.reals(n, range), z = v.reals(n, range);
+    return [=](const Kernels& k, Arrays& arrays) {
+      const se::GruGate gate = {arrays.place(a), arrays.place(b), arrays.place(x), arrays.place(y)};
+      k.nn->gru_gate(gate, n, arrays.place(z));
+      k.nn->gru_candidate(gate, arrays.place(z), n, arrays.place(z));
+      k.nn->scale_sums(gate.sum_in, {gate.bias_in, 1.0f / 2048, gate.bias_state}, n,
+                       arrays.place(z));
+    };
+  });
 }
 
 TEST(Kernels, Convolutions) {
@@ -382,18 +423,26 @@ TEST(Kernels, Convolutions) {
     for (int t = 0; t < s.frames; ++t)
       frames.push_back(values.integers<std::int16_t>(frame_len, divisor));
     const std::vector<float> y(static_cast<std::size_t>(s.positions * s.rows));
-    expect_same_bits("window " + std::to_string(s.window) + ", positions " +
-                         std::to_string(s.positions) + ", rows " + std::to_string(s.rows),
-                     [&](const Kernels& k, Arrays& arrays) {
-                       const std::int16_t* placed[3] = {};
-                       for (int t = 0; t < s.frames; ++t) {
-                         placed[t] = arrays.place(frames[static_cast<std::size_t>(t)]);
-                       }
-                       k.nn->convolve({arrays.place(w), s.rows, row_len, arrays.place(scale),
-                                       1.0f / 1024, arrays.place(bias)},
-                                      {placed, s.frames, frame_len, s.window, s.step, s.positions},
-                                      arrays.place(y));
-                     });
+    expect_same_bits(
+        "window " + std::to_string(s.window) + ", positions " + std::to_string(s.positions) +
+            ", rows " + std::to_string(s.rows),
+        [&](const Kernels& k, Arrays& arrays) {
+          const std::int16_t* placed[3] = {};
+          for (int t = 0; t < s.frames; ++t) {
+            placed[t] = arrays.place(frames[static_cast<std::size_t>(t)]);
+          }
+          const se::Matrix weights = {arrays.place(w), s.rows, row_len};
+          const se::ConvInput in = {placed, s.frames, frame_len, s.window, s.step, s.positions};
+          const se::OutputScale out = {arrays.place(scale), 1.0f / 1024, arrays.place(bias)};
+          k.nn->convolve(weights, in, out, arrays.place(y));
+          const se::PackOrder& order = k.nn->convolve_order;
+          if (order.panel == 0) {
+            k.nn->convolve(weights, in, out, arrays.place(y));
+          } else {
+            const Packed packed(w, row_len, {s.rows, s.frames, s.window}, order);
+            k.nn->packed_convolve(packed.matrix(), weights, in, out, arrays.place(y));
+          }
+        });
   }
 }
 

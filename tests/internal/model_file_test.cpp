@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <cstring>
 #include <string>
 
@@ -13,7 +14,7 @@ namespace {
 using namespace se::nn;
 
 TEST(ModelFile, TheCompiledInModelIsValidAndTheRecordsPointIntoIt) {
-  EXPECT_EQ(model_table_bytes(), 1054656u);
+  EXPECT_EQ(kModelFileBytes, 64u + 1054656u);
   EXPECT_EQ(crc32("123456789", 9), 0xcbf43926u);  // the usual one
   alignas(kModelAlignment) static unsigned char copy[kModelFileBytes];
   std::memcpy(copy, se_model_file, sizeof copy);
@@ -62,6 +63,22 @@ TEST(ModelFile, RefusesDamagedFiles) {
     EXPECT_EQ(refusal(), damage.error) << "byte " << damage.at;
     file[damage.at] ^= 0x10;
   }
+  EXPECT_EQ(refusal(), "none");
+  const std::pair<const float*, std::string> tables[] = {
+      {model.get()->conv1->kernel_scale, "conv1_kernel_scale"},
+      {model.get()->bn3->gmb + 511, "bn3_bn_gmb"},
+      {model.get()->gru2_1->bias_hh + 599, "gru2_1_bias_hh"},
+      {model.get()->fc2->bias + 127, "fc2_bias"}};
+  for (const auto& [value, name] : tables) {
+    for (const float bad : {NAN, INFINITY, -INFINITY}) {
+      const float good = *value;
+      *RandomModel::writable(value) = bad;
+      model.seal();
+      EXPECT_EQ(refusal(), name + ": holds values that are not finite");
+      *RandomModel::writable(value) = good;
+    }
+  }
+  model.seal();
   EXPECT_EQ(refusal(), "none");
   const char* error = open_model(file + 1, kModelFileBytes, &records);
   EXPECT_STREQ(error, "the model must start on a 16-byte boundary");

@@ -87,7 +87,8 @@ TEST(AudioOutput, TruncatesClipsAndCounts) {
   const TestFolder folder;
   const std::vector<float> samples = {0.0f, 0.99999f, -0.00001f, -1.0f, 1.0f, 1.5f, -1.5f};
   for (const bool as_float : {true, false}) {
-    AudioOutput output(folder / "out.wav", as_float, samples.size());
+    AudioOutput output(folder / "out.wav", as_float ? SoundFormat::kWavFloat : SoundFormat::kWav16,
+                       samples.size());
     output.write(samples.data(), samples.size());
     output.finish();
     output.commit();
@@ -103,7 +104,8 @@ TEST(AudioOutput, TruncatesClipsAndCounts) {
     for (const float sample : sound.samples) integers.push_back(static_cast<int>(sample * 32768));
     EXPECT_EQ(integers, (std::vector<int>{0, 32767, 0, -32768, 32767, 32767, -32768}));
   }
-  EXPECT_THROW(AudioOutput(folder / "long.wav", true, std::uint64_t{1} << 31), Error);
+  EXPECT_THROW(AudioOutput(folder / "long.wav", SoundFormat::kWavFloat, std::uint64_t{1} << 31),
+               Error);
 }
 
 // ---- The library's WAV files --------------------------------------------------------------------

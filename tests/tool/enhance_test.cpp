@@ -32,7 +32,7 @@ std::vector<float> enhanced(const std::vector<float>& mic, int channels, const S
   Task task;
   task.mic = folder / "mic.wav";
   task.output = folder / "out.wav";
-  task.as_float = true;
+  task.format = SoundFormat::kWavFloat;
   task.settings = settings;
   write_sound(task.mic, kWavFloat, 16000, channels, mic);
   if (!ref.empty()) {

@@ -4,9 +4,12 @@ usage: program_test.py PATH-OF-SPEECH-ENHANCE
 """
 
 import array
+import ctypes
+import errno
 import json
 import os
 import pathlib
+import platform
 import pty
 import random
 import resource
@@ -39,7 +42,25 @@ def noise(seconds, seed, level=3000):
     return [generator.randint(-level, level) for _ in range(int(seconds * 16000))]
 
 
-class ProgramTest(unittest.TestCase):
+def refuse_files_without_name():
+    """For this process and what it starts, no file system has them any more: a filter of system
+    calls answers openat with O_TMPFILE."""
+    openat = {"x86_64": 257, "aarch64": 56}[platform.machine()]
+    load, if_equal, if_bits, give = 0x20, 0x15, 0x45, 0x06
+    program = b"".join(struct.pack("<HBBI", *step) for step in [
+        (load, 0, 0, 0), (if_equal, 0, 3, openat), (load, 0, 0, 32), (if_bits, 0, 1, 0x400000),
+        (give, 0, 0, 0x00050000 | errno.EOPNOTSUPP), (give, 0, 0, 0x7FFF0000)])
+    text = ctypes.create_string_buffer(program, len(program))
+    filter_ = ctypes.create_string_buffer(struct.pack("@HP", len(program) // 8, ctypes.addressof(text)))
+    libc = ctypes.CDLL(None, use_errno=True)
+    no_new_privileges, set_seccomp, mode_filter = 38, 22, 2
+    if libc.prctl(no_new_privileges, 1, 0, 0, 0) or libc.prctl(set_seccomp, mode_filter, filter_):
+        raise OSError(ctypes.get_errno(), "no filter of system calls")
+
+
+class ProgramCase(unittest.TestCase):
+    """A folder with a recording, and the program."""
+
     def setUp(self):
         self.folder = pathlib.Path(tempfile.mkdtemp(prefix="speech_enhance_test_"))
         self.mic = self.folder / "mic.wav"
@@ -75,6 +96,8 @@ class ProgramTest(unittest.TestCase):
         self.assertEqual(line.count("\n"), 1, line)
         self.assertEqual(self.content(), before)
 
+
+class ProgramTest(ProgramCase):
     def test_output_is_a_wav_file_of_the_same_length_and_nothing_else_is_printed(self):
         result = self.succeed(self.mic, "-o", self.out)
         self.assertEqual(result.stdout + result.stderr, b"")
@@ -131,6 +154,36 @@ class ProgramTest(unittest.TestCase):
         self.assertIsInstance(figures["echo_reduction_db"], float)
         self.assertEqual(plot.read_bytes()[:8], b"\x89PNG\r\n\x1a\n")
 
+    def test_references_that_started_earlier_or_later(self):
+        ref = self.folder / "ref.wav"
+        sound = noise(5, 7) + [0] * 16000
+
+        def enhance(samples, *arguments):
+            """With this reference: the output and the delay that is reported."""
+            ref.write_bytes(wav(pcm16(samples)))
+            result = self.succeed(self.mic, "--ref", ref, "-o", self.out, "--stats=json", *arguments)
+            return self.out.read_bytes(), json.loads(result.stdout)["echo_delay_ms"]
+
+        def shifted(samples, shift):
+            padded = [0] * max(shift, 0) + samples[max(-shift, 0):] + [0] * max(-shift, 0)
+            return padded[:len(samples)]
+
+        for delay in (-450, -60, 5, 90, 480):
+            self.mic.write_bytes(wav(pcm16(shifted(sound, max(delay, 0) * 16))))
+            given_ref = shifted(sound, max(-delay, 0) * 16)
+            found, found_delay = enhance(given_ref)
+            self.assertAlmostEqual(found_delay, delay, delta=2)
+            # It is put 25 ms ahead of its echo, or left where it is if that will do.
+            moved = shifted(given_ref, 0 if delay == 5 else int((found_delay - 25) * 16))
+            self.assertEqual(enhance(moved, "--delay", "0")[0], found)
+            set_, set_delay = enhance(given_ref, "--delay", str(delay))
+            self.assertEqual(set_delay, delay)
+            moved = shifted(given_ref, 0 if delay == 5 else (delay - 25) * 16)
+            self.assertEqual(enhance(moved, "--delay", "0")[0], set_)
+        self.fail_cleanly(2, "needs --ref", self.mic, "-o", self.out, "--delay", "3")
+        self.fail_cleanly(2, "-500 to 500", self.mic, "--ref", ref, "-o", self.out, "--delay", "501")
+        self.fail_cleanly(2, "not a whole number", self.mic, "--ref", ref, "-o", self.out, "--delay", "x")
+
     def test_several_recordings_do_not_depend_on_jobs_order_or_company(self):
         names = [f"take{i}" for i in range(5)]
         (self.folder / "in").mkdir()
@@ -177,6 +230,7 @@ class ProgramTest(unittest.TestCase):
             self.fail_cleanly(3, words, bad, "-o", self.out, *arguments)
             self.fail_cleanly(3, words, "-", "-o", "-", *arguments, input=content)
 
+        whole = self.mic.read_bytes()
         self.out.write_bytes(b"precious")
         self.fail_cleanly(3, "No such file", self.folder / "missing.wav", "-o", self.out)
         refuse("not readable as audio", b"just some text\n")
@@ -187,9 +241,13 @@ class ProgramTest(unittest.TestCase):
         for value in (float("nan"), float("inf")):
             samples = struct.pack("<1000f", *([0.1] * 999 + [value]))
             refuse("NaN or infinite", wav(samples, bits=32, tag=3))
-        generator = random.Random(6)
-        loud = [generator.uniform(-3e38, 3e38) for _ in range(16000)]
-        refuse("too loud", wav(struct.pack("<16000f", *loud), bits=32, tag=3))
+        self.fail_cleanly(3, "more than the 2097152 bytes that --max-input allows", "/dev/zero", "-o",
+                          self.out, "--max-input", "2M")
+        self.fail_cleanly(3, "--max-input", "-", "-o", self.out, "--max-input", len(whole) - 1,
+                          input=whole)
+        self.succeed("-", "-o", "-", "--max-input", len(whole), input=whole)
+        self.fail_cleanly(3, "enhance: standard input: cannot be read: Bad", "-", "-o", self.out,
+                          preexec_fn=lambda: os.close(0))
         if os.geteuid() != 0:
             self.mic.chmod(0)
             self.fail_cleanly(3, "Permission denied", self.mic, "-o", self.out)
@@ -207,6 +265,22 @@ class ProgramTest(unittest.TestCase):
         self.mic.write_bytes(wav(pcm16(noise(1, 8, level=32000))))
         result = self.succeed(self.mic, "-o", self.out, "-q", "--mode", "mix", "--residual", 0)
         self.assertIn(b"clip", result.stderr)
+
+    def test_warning_of_samples_no_audio_has(self):
+        def floats(loud):
+            samples = [sample / 32768 for sample in noise(1, 9)]
+            samples[100:100 + len(loud)] = loud
+            return wav(struct.pack(f"<{len(samples)}f", *samples), tag=3, bits=32)
+        ref = self.folder / "ref.wav"
+        for mic_samples, ref_samples in (([16.0, -16.0], []), ([17.0], []), ([], [1e6, -1e20, 20.0])):
+            self.mic.write_bytes(floats(mic_samples))
+            ref.write_bytes(floats(ref_samples))
+            lines = self.succeed(self.mic, "--ref", ref, "-o", self.out, "-q", "--limiter").stderr.splitlines()
+            expected = [f"{file}: warning: {len(loud)} samples lie beyond" for file, loud in
+                        ((self.mic, mic_samples), (ref, ref_samples)) if loud and max(loud) > 16]
+            self.assertEqual(len(lines), len(expected), lines)
+            for line, start in zip(lines, expected):
+                self.assertIn(start.encode(), line)
 
     def test_bad_references(self):
         ref = self.folder / "ref.wav"
@@ -248,12 +322,28 @@ class ProgramTest(unittest.TestCase):
         self.succeed(self.mic, "-o", self.out, preexec_fn=lambda: os.umask(0o027))
         self.assertTrue(link.is_symlink())
         self.assertEqual(real.read_bytes(), self.out.read_bytes())
-        for path in (real, self.out):
+
+        def without(mask):
+            os.umask(mask)
+            refuse_files_without_name()
+        other = self.folder / "other.wav"
+        real.write_bytes(b"old")
+        self.succeed(self.mic, "-o", other, preexec_fn=lambda: without(0o027))
+        self.succeed("-", "-o", link, preexec_fn=lambda: without(0o022),
+                     input=self.mic.read_bytes())
+        self.assertEqual(real.read_bytes(), other.read_bytes())
+        for path in (real, self.out, other):
             self.assertEqual(path.stat().st_mode & 0o777, 0o640)
+        self.assertEqual({path.name for path in self.folder.iterdir()},
+                         {"mic.wav", "out.wav", "real.wav", "link.wav", "other.wav"})
 
     def test_output_that_cannot_be_written(self):
         self.fail_cleanly(4, "No such file", self.mic, "-o", self.folder / "no" / "out.wav")
         self.fail_cleanly(4, "No space", self.mic, "-o", "/dev/full")
+        for name, other in (("one", "two"), ("two", "one")):
+            (self.folder / name).symlink_to(other)
+        self.fail_cleanly(4, "Too many levels of symbolic links", self.mic, "-o", self.folder / "one")
+        self.assertTrue((self.folder / "one").is_symlink())
         self.out.write_bytes(b"precious")
         for limit in (0, 20, 4096, 16384):
             self.fail_cleanly(
@@ -286,23 +376,35 @@ class ProgramTest(unittest.TestCase):
             os.link(self.mic, other)
         for arguments in ([self.mic, "-o", self.out],
                           [self.mic, *others, "-o", self.folder / "into", "--jobs", "2"]):
-            for number in (signal.SIGINT, signal.SIGTERM):
+            for number, prepare in ((signal.SIGINT, None), (signal.SIGKILL, None),
+                                    (signal.SIGTERM, refuse_files_without_name)):
                 before = self.content()
                 process = subprocess.Popen([PROGRAM, *arguments], stdout=subprocess.PIPE,
-                                           stderr=subprocess.PIPE)
+                                           stderr=subprocess.PIPE, preexec_fn=prepare)
                 deadline = time.monotonic() + 30
-                while self.count_files() == len(before) and time.monotonic() < deadline:
+                while not self.is_writing(process.pid) and time.monotonic() < deadline:
                     time.sleep(0.02)
-                self.assertGreater(self.count_files(), len(before), "work has begun")
+                self.assertTrue(self.is_writing(process.pid), "work has begun")
                 process.send_signal(number)
                 errors = process.communicate(timeout=60)[1]
-                self.assertEqual(process.returncode, 128 + number)
-                self.assertIn(b"interrupted", errors)
-                self.assertEqual(errors.count(b"\n"), 1)
+                self.assertEqual(process.returncode,
+                                 -number if number == signal.SIGKILL else 128 + number)
+                if number != signal.SIGKILL:
+                    self.assertIn(b"interrupted", errors)
+                    self.assertEqual(errors.count(b"\n"), 1)
                 self.assertEqual(self.content(), before)
 
-    def count_files(self):
-        return sum(path.is_file() for path in self.folder.rglob("*"))
+    def is_writing(self, process):
+        """Whether it, or a process that it started, has an output open, under whatever name."""
+        task = pathlib.Path("/proc") / str(process)
+        try:
+            children = (task / "task" / str(process) / "children").read_text().split()
+            files = [os.readlink(file) for file in (task / "fd").iterdir()]
+        except OSError:
+            return False
+        inputs = {str(self.mic), str(self.folder / "second.wav"), str(self.folder / "third.wav")}
+        return (any(f.startswith(str(self.folder)) and f not in inputs for f in files)
+                or any(self.is_writing(child) for child in children))
 
     def test_progress_shows_on_a_terminal_only(self):
         self.mic.write_bytes(wav(pcm16(noise(1, 5)) * 60))
@@ -336,6 +438,15 @@ class ProgramTest(unittest.TestCase):
                                  ("out.png", [self.mic, "-o", self.out, "--plot", "out.jpg"])):
             self.fail_cleanly(2, words, *arguments)
         self.succeed(self.mic, "-o", self.folder / "no_suffix")
+
+    def test_commands_are_the_first_argument_and_files_of_their_names_need_a_path(self):
+        (self.folder / "batch").write_bytes(self.mic.read_bytes())
+        self.succeed(self.mic, "-o", self.out)
+        for arguments in (["./batch", "-o", "a.wav"], ["-o", "a.wav", "batch"]):
+            self.succeed(*arguments, cwd=self.folder)
+            self.assertEqual((self.folder / "a.wav").read_bytes(), self.out.read_bytes())
+        self.fail_cleanly(2, "see --help", "batch", "-o", "b.wav", cwd=self.folder)
+        self.assertIn(b"  batch ", self.succeed("--help").stdout)
 
 
 if __name__ == "__main__":

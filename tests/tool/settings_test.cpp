@@ -73,7 +73,13 @@ TEST(Preset, RefusesWhatItDoesNotUnderstandInOneLine) {
       {peak(R"("center_hz": 7967, "gain_db": 3, "q": 2)"), "outside 31 to 7966"},
       {peak(R"("center_hz": 1000, "gain_db": 3, "q": 0)"), "outside 1 to 32"},
       {peak(R"("center_hz": 1000, "gain_db": 3, "q": 33)"), "outside 1 to 32"},
+      {peak(R"("center_hz": 3000, "gain_db": 3, "q": 138547333)"), "outside 1 to 96"},
       {peak(R"("center_hz": 1000, "gain_db": 41, "q": 3)"), "outside -60 to 40"},
+      {R"({"mode": "mix", "mode": "denoise"})", "the key \"mode\" stands twice"},
+      {peak(R"("q": 1, "q": 2)"), "the key \"q\" stands twice"},
+      {std::string(17, '[') + std::string(17, ']'), "nested deeper than 16 levels"},
+      {std::string(16, '[') + std::string(16, ']'), "must be an object"},
+      {"{}" + std::string(1 << 20, ' '), "longer than 1 MB"},
   };
   for (const auto& [json, expected] : cases) {
     EXPECT_NE(preset_error(json).find(expected), std::string::npos)
@@ -98,9 +104,51 @@ TEST(Preset, BuiltInOnesReadBackFromFilesAsTheSameSettings) {
     write_file(folder / "copy.json", format_preset(settings));
     EXPECT_EQ(format_preset(load_preset(folder / "copy.json")), format_preset(settings));
   }
+  write_file(folder / "longest.json", "{}" + std::string((1 << 20) - 2, ' '));
+  EXPECT_EQ(format_preset(load_preset(folder / "longest.json")), format_preset({}));
+  EXPECT_THROW(load_preset("/dev/zero"), Error) << "without an end";
   EXPECT_THROW(load_preset(folder / "missing.json"), Error);
   EXPECT_THROW(load_preset(folder / ""), Error) << "a folder";
   EXPECT_THROW(load_preset("no_such_preset"), Error);
+}
+
+// The denoiser's bands above 4.8 kHz are too wide for full gain: a band of w bins tops out at 3/w.
+// The bands of `flat` fill that up, over bins as the engine's equaliser counts them.
+TEST(Preset, FlatEvensOutTheTrebleAndTheOthersTakeItsBands) {
+  constexpr int kStarts[] = {
+#include "nn/band_start.def"
+  };
+  const std::vector<Peak> flat = load_preset("flat").peaks;
+  double squares = 0, without = 0;
+  int bins = 0;
+  for (std::size_t band = 0; band + 1 < std::size(kStarts); ++band) {
+    const int width = kStarts[band + 1] - kStarts[band];
+    for (int bin = kStarts[band]; bin < kStarts[band + 1] && kStarts[band] >= 8; ++bin, ++bins) {
+      const double missing_db = 20 * std::log10(std::max(1.0, width / 3.0));
+      double given_db = 0;
+      for (const Peak& peak : flat) {
+        const int centre = peak.center_hz / 31, across = centre / peak.q, rise = across / 2;
+        const int side = bin < centre ? rise : across - rise;
+        const double height =
+            side > 0 ? std::max(0.0, 1 - std::abs(bin - centre) / double(side)) : 0;
+        given_db += 20 * std::log10(1 + (std::pow(10, peak.gain_db / 20) - 1) * height);
+      }
+      squares += std::pow(missing_db - given_db, 2);
+      without += missing_db * missing_db;
+    }
+  }
+  EXPECT_GT(std::sqrt(without / bins), 1.5) << "there is something to even out";
+  EXPECT_LT(std::sqrt(squares / bins), 0.35);
+
+  const auto text_of_bands = [](const char* name) {
+    Settings settings;
+    settings.peaks = load_preset(name).peaks;
+    return format_preset(settings);
+  };
+  for (const char* name : {"voice", "natural", "steady"}) {
+    EXPECT_EQ(text_of_bands(name), text_of_bands("flat")) << name;
+  }
+  EXPECT_TRUE(load_preset("plain").peaks.empty());
 }
 
 // ---- Command line -------------------------------------------------------------------------------
@@ -137,6 +185,9 @@ TEST(Options, TakesFilesAndStreams) {
   EXPECT_EQ(streams.output, "-");
   EXPECT_EQ(streams.statistics, StatisticsFormat::kText);
   EXPECT_GE(streams.jobs, 1u);
+  EXPECT_EQ(streams.max_input, 17179869184u);
+  EXPECT_EQ(parse({"a", "-o", "b", "--max-input", "300"}).max_input, 300u);
+  EXPECT_EQ(parse({"a", "-o", "b", "--max-input", "3M"}).max_input, 3145728u);
 }
 
 TEST(Options, MakeEverySetting) {
@@ -191,7 +242,12 @@ TEST(Options, RefusesNonsenseInOneLine) {
       {{"a.wav", "-o", "b.wav", "--low-shelf", "300:6:"}, "HZ:DB"},
       {{"a.wav", "-o", "b.wav", "--low-shelf", "low:6"}, "not a number"},
       {{"a.wav", "-o", "b.wav", "--peak", "1000:3:1.5"}, "not a whole number"},
+      {{"a.wav", "-o", "b.wav", "--peak", "3000:3:138547333"}, "outside 1 to 96"},
       {{"a.wav", "-o", "b.wav", "--stats=xml"}, "neither text nor json"},
+      {{"a.wav", "-o", "b.wav", "--max-input", "0"}, "not a size"},
+      {{"a.wav", "-o", "b.wav", "--max-input", "-1"}, "not a size"},
+      {{"a.wav", "-o", "b.wav", "--max-input", "5Q"}, "not a size"},
+      {{"a.wav", "-o", "b.wav", "--max-input", "16777216T"}, "not a size"},
       {{"a.wav", "-o", "b.wav", "--jobs", "0"}, "jobs"},
       {{"a.wav", "-o", "b.wav", "--preset", "nonesuch"}, "plain, voice"},
       {{""}, "MIC: empty"},

@@ -92,9 +92,62 @@ class SndfileSource : public FrameSource {
         sf_readf_float(file_.get(), frames, static_cast<sf_count_t>(count)));
   }
 
+  bool skip(std::uint64_t count) override {
+    return sf_seek(file_.get(), static_cast<sf_count_t>(count), SEEK_CUR) >= 0;
+  }
+
  private:
   SndfileHandle file_;
 };
+
+// The next frames of another source, no more than its length.
+class PartOfSource : public FrameSource {
+ public:
+  PartOfSource(std::unique_ptr<FrameSource> source, std::uint64_t length)
+      : FrameSource({source->format().rate, source->format().channels, length}),
+        source_(std::move(source)),
+        left_(length) {}
+
+  std::size_t read(float* frames, std::size_t count) override {
+    const std::size_t read =
+        source_->read(frames, static_cast<std::size_t>(std::min<std::uint64_t>(count, left_)));
+    left_ -= read;
+    return read;
+  }
+
+ private:
+  std::unique_ptr<FrameSource> source_;
+  std::uint64_t left_;
+};
+
+std::unique_ptr<FrameSource> cut(std::unique_ptr<FrameSource> source, const Segment& segment) {
+  const FrameSource::Format& format = source->format();
+  const auto frames = [&](double seconds) {
+    return static_cast<std::uint64_t>(std::llround(seconds * format.rate));
+  };
+  const auto refuse = [&](const char* what, double seconds) {
+    char text[96];
+    std::snprintf(text, sizeof text, "%s at %.3f s, the recording at %.3f s", what, seconds,
+                  static_cast<double>(format.length) / format.rate);
+    throw Error(ExitCode::kInput, text);
+  };
+  const std::uint64_t start = frames(segment.offset_s);
+  if (start >= format.length) refuse("the segment begins", segment.offset_s);
+  std::uint64_t length = format.length - start;
+  if (segment.duration_s) {
+    constexpr double kRounding = 0.01;
+    const std::uint64_t wanted = std::max<std::uint64_t>(1, frames(*segment.duration_s));
+    if (wanted > length + frames(kRounding)) {
+      refuse("the segment ends", segment.offset_s + *segment.duration_s);
+    }
+    length = std::min(length, wanted);
+  }
+  if (length == format.length) return source;
+  if (start > 0 && !source->skip(start)) {
+    throw Error(ExitCode::kInput, "cannot be entered at an offset");
+  }
+  return std::make_unique<PartOfSource>(std::move(source), length);
+}
 
 // Another source at another rate, by libsamplerate's best windowed sinc (linear phase, so that
 // nothing moves in time).
@@ -227,14 +280,27 @@ Descriptor open_to_read(const std::string& path) {
 
 }  // namespace
 
-AudioInput::AudioInput(const std::string& path) : name_(path == kStream ? "standard input" : path) {
+bool FrameSource::skip(std::uint64_t count) {
+  std::vector<float> frames(kChunkFrames * static_cast<std::size_t>(format_.channels));
+  while (count > 0) {
+    const auto step = static_cast<std::size_t>(std::min<std::uint64_t>(count, kChunkFrames));
+    if (read(frames.data(), step) != step) return false;
+    count -= step;
+  }
+  return true;
+}
+
+AudioInput::AudioInput(const std::string& path, std::uint64_t most, const Segment& segment)
+    : name_(path == kStream ? "standard input" : path) {
   try {
-    const std::string readable_path = make_seekable(path);
-    source_ = open_wav(readable_path);
+    const std::string readable_path = make_seekable(path, most);
+    if (segment.offset_s == 0) source_ = open_wav(readable_path);  // which cannot seek
     if (!source_) source_ = open_sndfile(readable_path);
     original_ = source_->format();
     missing_bytes_ = count_missing_bytes(readable_path);
     if (original_.length == 0) throw Error(ExitCode::kInput, "holds no samples");
+    source_ = cut(std::move(source_), segment);
+    original_ = source_->format();
     if (original_.rate != SE_SAMPLE_RATE) {
       source_ = std::make_unique<ResampledSource>(std::move(source_), SE_SAMPLE_RATE);
     }
@@ -243,11 +309,11 @@ AudioInput::AudioInput(const std::string& path) : name_(path == kStream ? "stand
   }
 }
 
-std::string AudioInput::make_seekable(const std::string& path) {
+std::string AudioInput::make_seekable(const std::string& path, std::uint64_t most) {
   const Descriptor file = path == kStream ? Descriptor(dup(STDIN_FILENO)) : open_to_read(path);
   if (path != kStream && is_regular_file(path)) return path;
   copy_.emplace();
-  copy_->fill_from(file.get(), name_);
+  copy_->fill_from(file.get(), most);
   return copy_->path();
 }
 
@@ -257,6 +323,7 @@ void AudioInput::read(float* frames, std::size_t count) {
   for (std::size_t i = 0; i < read * channels; ++i) {
     if (!std::isfinite(frames[i]))
       fail_at(position_ + i / channels, "holds NaN or infinite samples");
+    if (std::fabs(frames[i]) > SE_MAX_SAMPLE) ++excessive_samples_;
   }
   position_ += read;
   if (read < count) fail_at(position_, "is damaged: it ends before its stated length,");

@@ -28,8 +28,17 @@ class FrameSource {
   // Reads up to `count` frames, interleaved; fewer only at the end of the file.
   virtual std::size_t read(float* frames, std::size_t count) = 0;
 
+  // Goes forward by `count` frames; false if that fails.
+  virtual bool skip(std::uint64_t count);
+
  private:
   Format format_;
+};
+
+// A part of a recording: frames are counted from its start, rounded to the nearest.
+struct Segment {
+  double offset_s = 0;
+  std::optional<double> duration_s;  // none: to the end
 };
 
 // A recording of any format and rate that libsndfile reads, resampled to 16 kHz. WAV files of 16
@@ -37,8 +46,11 @@ class FrameSource {
 class AudioInput {
  public:
   // `path` may be "-" for standard input. What is no regular file (standard input, pipes, devices)
-  // is read to its end first. Throws an Error (input) for what cannot be read or holds no samples.
-  explicit AudioInput(const std::string& path);
+  // is read to its end first, `most` bytes at most. Throws an Error (input) for what cannot be read
+  // or holds no samples, and for a segment that the recording does not reach: one that ends up to
+  // 10 ms behind the end was rounded and ends with it.
+  explicit AudioInput(const std::string& path, std::uint64_t most = kMostInputBytes,
+                      const Segment& segment = {});
 
   const std::string& name() const { return name_; }
   const FrameSource::Format& original() const { return original_; }
@@ -49,12 +61,16 @@ class AudioInput {
   // is. Sizes of 0 or close to 2 or 4 GiB announce nothing: writers to a pipe leave them.
   std::uint64_t missing_bytes() const { return missing_bytes_; }
 
+  // Of the samples read so far at 16 kHz, those beyond SE_MAX_SAMPLE, which the engine takes as
+  // that.
+  std::uint64_t excessive_samples() const { return excessive_samples_; }
+
   // Reads exactly `count` frames, interleaved. Throws an Error (input) if the file cannot deliver
   // its length() or holds NaN or infinite samples.
   void read(float* frames, std::size_t count);
 
  private:
-  std::string make_seekable(const std::string& path);
+  std::string make_seekable(const std::string& path, std::uint64_t most);
   [[noreturn]] void fail_at(std::uint64_t frame, const char* what) const;
 
   std::string name_;
@@ -62,6 +78,7 @@ class AudioInput {
   std::unique_ptr<FrameSource> source_;
   FrameSource::Format original_;
   std::uint64_t missing_bytes_ = 0;
+  std::uint64_t excessive_samples_ = 0;
   std::uint64_t position_ = 0;  // frames read
 };
 

@@ -3,16 +3,19 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
+#include <iterator>
 #include <memory>
 #include <optional>
 #include <vector>
 
-#include "audio_input.h"
+#include "aligned_inputs.h"
 #include "audio_output.h"
 #include "errors.h"
 #include "plot.h"
+#include "sample_queue.h"
 #include "signals.h"
 #include "spectrogram.h"
+#include "speechenhance/denoiser.h"
 
 namespace se_tool {
 namespace {
@@ -25,24 +28,11 @@ struct DestroyEngine {
 };
 using EngineHandle = std::unique_ptr<SEInstance, DestroyEngine>;
 
-// First in, first out.
-class SampleQueue {
- public:
-  std::size_t size() const { return samples_.size() - head_; }
-  const float* data() const { return samples_.data() + head_; }
-  void push(const float* samples, std::size_t count) {
-    if (head_ > samples_.size() / 2) {
-      samples_.erase(samples_.begin(), samples_.begin() + static_cast<std::ptrdiff_t>(head_));
-      head_ = 0;
-    }
-    samples_.insert(samples_.end(), samples, samples + count);
-  }
-  void pop(std::size_t count) { head_ += count; }
-
- private:
-  std::vector<float> samples_;
-  std::size_t head_ = 0;
-};
+// The denoiser's history of quiet frames outlives engines: as at the start of the process.
+void forget_quiet_frames() {
+  noise_flag = noise_flag_sum = noise_flag_index = 0;
+  std::fill(std::begin(noise_buf), std::end(noise_buf), 0);
+}
 
 // The engine between inputs and outputs that belong to the same samples: what comes out is held
 // against the input of `delay` samples earlier.
@@ -54,6 +44,7 @@ class AlignedEngine {
         suppress_(settings.mode == Mode::kSuppress),
         to_drop_(static_cast<std::size_t>(engine_delay(settings))) {
     if (!engine_) throw Error(ExitCode::kInternal, "not enough memory for the engine");
+    forget_quiet_frames();
     set_nn_process_config(engine_.get(), engine_config(settings));
   }
 
@@ -117,72 +108,6 @@ struct Observers {
   std::optional<PendingFile> plot_file;
 };
 
-// Microphones and loudspeaker, block by block, silence behind their end.
-class Inputs {
- public:
-  explicit Inputs(const Task& task) : mic_(task.mic) {
-    if (mic_.channels() > 2) {
-      throw Error(ExitCode::kInput, mic_.name() + ": has " + std::to_string(mic_.channels()) +
-                                        " channels, a recording of the microphones has 1 or 2");
-    }
-    if (task.ref.empty()) return;
-    ref_.emplace(task.ref);
-    check_reference();
-  }
-
-  std::uint64_t length() const { return mic_.length(); }
-  std::uint64_t missing_bytes() const { return mic_.missing_bytes(); }
-
-  void read_block(float mics[2 * kBlock], float ref[kBlock]) {
-    std::fill_n(mics, 2 * kBlock, 0.0f);
-    std::fill_n(ref, kBlock, 0.0f);
-    const std::size_t count =
-        static_cast<std::size_t>(std::min<std::uint64_t>(kBlock, length() - position_));
-    position_ += count;
-    if (count == 0) return;
-    float frames[2 * kBlock];
-    mic_.read(frames, count);
-    const auto channels = static_cast<std::size_t>(mic_.channels());
-    for (std::size_t i = 0; i < count; ++i) {
-      mics[i] = frames[i * channels];
-      mics[kBlock + i] = frames[i * channels + channels - 1];
-    }
-    if (ref_) ref_->read(ref, count);
-  }
-
- private:
-  // Both come from one device and one clock: anything else could not be cancelled anyway.
-  void check_reference() const {
-    const FrameSource::Format& mic = mic_.original();
-    const FrameSource::Format& ref = ref_->original();
-    const auto refuse = [this](const std::string& what) {
-      throw Error(ExitCode::kInput, ref_->name() + ": " + what);
-    };
-    if (ref.channels != 1) {
-      refuse("has " + std::to_string(ref.channels) + " channels, the reference must be mono");
-    }
-    if (ref.rate != mic.rate) {
-      refuse("is at " + std::to_string(ref.rate) + " Hz but " + mic_.name() + " at " +
-             std::to_string(mic.rate) + " Hz, the reference must be at the same rate");
-    }
-    if (ref.length != mic.length) {
-      refuse("has " + std::to_string(ref.length) + " samples but " + mic_.name() + " has " +
-             std::to_string(mic.length) + ", the reference must be as long");
-    }
-  }
-
-  AudioInput mic_;
-  std::optional<AudioInput> ref_;
-  std::uint64_t position_ = 0;
-};
-
-void check_finite(const float* samples, std::size_t count, const std::string& name) {
-  for (std::size_t i = 0; i < count; ++i) {
-    if (std::isfinite(samples[i])) continue;
-    throw Error(ExitCode::kInput, name + ": is too loud for the engine, full scale is 1.0");
-  }
-}
-
 Statistics gather_statistics(const Observers& seen, std::uint64_t length, double engine_s) {
   Statistics result;
   result.duration_s = static_cast<double>(length) / SE_SAMPLE_RATE;
@@ -202,9 +127,9 @@ Statistics gather_statistics(const Observers& seen, std::uint64_t length, double
 }  // namespace
 
 Statistics enhance(const Task& task, const ProgressFunction& progress) {
-  Inputs inputs(task);
+  AlignedInputs inputs(task);
   const std::uint64_t length = inputs.length();
-  AudioOutput output(task.output, task.as_float, length);
+  AudioOutput output(task.output, task.format, length);
   Observers observers(task, length);
   AlignedEngine engine(task.settings);
 
@@ -218,7 +143,6 @@ Statistics enhance(const Task& task, const ProgressFunction& progress) {
         static_cast<std::size_t>(std::min<std::uint64_t>(kBlock, length - done));
     if (engine.available() < count) continue;
 
-    check_finite(engine.out(), count, task.mic);
     output.write(engine.out(), count);
     observers.add_block(engine.mic(), engine.ref(), engine.out(), count);
     engine.advance(count);
@@ -229,6 +153,7 @@ Statistics enhance(const Task& task, const ProgressFunction& progress) {
   progress(done, length);
 
   output.finish();
+  if (task.to_disk) output.sync();
   if (observers.plot_file) {
     observers.plot_file->write(draw_plot(task.mic, static_cast<double>(length) / SE_SAMPLE_RATE,
                                          observers.spectrum_in->finish(),
@@ -241,6 +166,9 @@ Statistics enhance(const Task& task, const ProgressFunction& progress) {
   Statistics statistics = gather_statistics(observers, length, engine.seconds());
   statistics.clipped_samples = output.clipped();
   statistics.missing_bytes = inputs.missing_bytes();
+  statistics.delay_ms = inputs.delay_ms().value_or(std::nan(""));
+  statistics.excessive_mic_samples = inputs.excessive_mic_samples();
+  statistics.excessive_ref_samples = inputs.excessive_ref_samples();
   return statistics;
 }
 

@@ -3,8 +3,11 @@
 
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <string>
 
+#include "audio_input.h"
+#include "audio_output.h"
 #include "settings.h"
 #include "statistics.h"
 
@@ -12,10 +15,14 @@ namespace se_tool {
 
 struct Task {
   std::string mic;
-  std::string ref;  // empty: silence
+  std::string ref;              // empty: silence
+  std::optional<int> delay_ms;  // of the echo behind ref, -500 to 500; none: find and follow it
   std::string output;
   std::string plot;  // empty: none
-  bool as_float = false;
+  SoundFormat format = SoundFormat::kWav16;
+  Segment segment;                            // of the recording and of the reference
+  std::uint64_t max_input = kMostInputBytes;  // of what is no regular file
+  bool to_disk = true;                        // do not return before the disk has it
   Settings settings;
 };
 
@@ -26,8 +33,8 @@ using ProgressFunction = std::function<void(std::uint64_t done, std::uint64_t to
 // of its length. Mono recordings feed both microphones of the engine; of stereo ones the first
 // channel feeds microphone 0 and the second microphone 1, which is the one that is enhanced. On any
 // Error no file is written or changed. Reads and writes as it goes: memory does not grow with the
-// recording. The engine's history of quiet frames belongs to the process: for results that depend
-// on nothing else, enhance one recording per process.
+// recording, and results do not depend on what the process enhanced before; one
+// recording at a time in a process.
 Statistics enhance(const Task& task, const ProgressFunction& progress);
 
 }  // namespace se_tool

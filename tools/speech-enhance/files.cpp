@@ -4,9 +4,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cctype>
 #include <cerrno>
 #include <cstdlib>
 #include <filesystem>
+#include <set>
 
 #include "errors.h"
 #include "signals.h"
@@ -22,13 +24,13 @@ constexpr std::size_t kMostLinks = 40;
 int g_standard_output = STDOUT_FILENO;
 
 // Reads what there is, up to the size of the buffer: 0 at the end.
-std::size_t read_some(int descriptor, std::vector<char>& buffer, const std::string& source) {
+std::size_t read_some(int descriptor, std::vector<char>& buffer) {
   for (;;) {
     const ssize_t count = read(descriptor, buffer.data(), buffer.size());
     throw_if_interrupted();
     if (count >= 0) return static_cast<std::size_t>(count);
     if (errno != EINTR) {
-      throw Error(ExitCode::kInput, source + ": cannot be read: " + system_message(errno));
+      throw Error(ExitCode::kInput, "cannot be read: " + system_message(errno));
     }
   }
 }
@@ -65,6 +67,19 @@ bool is_directory(const std::string& path) {
 bool is_regular_file(const std::string& path) {
   std::error_code ignored;
   return fs::is_regular_file(path, ignored);
+}
+
+std::string suffix_of(const std::string& path) {
+  std::string suffix = fs::path(path).extension().string();
+  for (char& c : suffix) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  return suffix;
+}
+
+bool has_audio_suffix(const std::string& path) {
+  static const std::set<std::string> suffixes = {".aif",  ".aifc", ".aiff", ".au",  ".caf",
+                                                 ".flac", ".mp3",  ".oga",  ".ogg", ".opus",
+                                                 ".rf64", ".snd",  ".w64",  ".wav", ".wave"};
+  return suffixes.count(suffix_of(path)) != 0;
 }
 
 std::vector<std::string> follow_links(const std::string& path) {
@@ -118,29 +133,46 @@ void Descriptor::close() {
   if (is_open()) ::close(release());
 }
 
-TemporaryFile::TemporaryFile() {
-  const char* folder = std::getenv("TMPDIR");
-  std::string name = std::string(folder != nullptr && *folder != '\0' ? folder : "/tmp") +
-                     "/speech-enhance.XXXXXX";
-  file_ = Descriptor(mkostemp(name.data(), O_CLOEXEC));
-  if (!file_.is_open()) {
-    throw Error(ExitCode::kOutput, name + ": cannot be created: " + system_message(errno));
-  }
-  unlink(name.c_str());
-  path_ = "/proc/self/fd/" + std::to_string(file_.get());
+Descriptor open_unnamed(const std::string& folder) {
+  return Descriptor(open(folder.c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, 0600));
 }
 
-void TemporaryFile::fill_from(int source, const std::string& source_name) {
+std::string path_of(const Descriptor& file) {
+  return "/proc/self/fd/" + std::to_string(file.get());
+}
+
+TemporaryFile::TemporaryFile() {
+  const char* wanted = std::getenv("TMPDIR");
+  const std::string folder = wanted != nullptr && *wanted != '\0' ? wanted : "/tmp";
+  file_ = open_unnamed(folder);
+  if (!file_.is_open()) {
+    std::string name = folder + "/speech-enhance.XXXXXX";
+    file_ = Descriptor(mkostemp(name.data(), O_CLOEXEC));
+    if (!file_.is_open()) {
+      throw Error(ExitCode::kOutput, name + ": cannot be created: " + system_message(errno));
+    }
+    unlink(name.c_str());
+  }
+  path_ = path_of(file_);
+}
+
+void TemporaryFile::fill_from(int source, std::uint64_t most) {
   std::vector<char> buffer(kCopyBytes);
-  while (const std::size_t count = read_some(source, buffer, source_name)) {
-    write_all(file_.get(), {buffer.data(), count}, "temporary copy of " + source_name);
+  std::uint64_t filled = 0;
+  while (const std::size_t count = read_some(source, buffer)) {
+    filled += count;
+    if (filled > most) {
+      throw Error(ExitCode::kInput,
+                  "holds more than the " + std::to_string(most) + " bytes that --max-input allows");
+    }
+    write_all(file_.get(), {buffer.data(), count}, "temporary copy");
   }
 }
 
 void TemporaryFile::copy_to(int target, const std::string& target_name) const {
   lseek(file_.get(), 0, SEEK_SET);
   std::vector<char> buffer(kCopyBytes);
-  while (const std::size_t count = read_some(file_.get(), buffer, "temporary file")) {
+  while (const std::size_t count = read_some(file_.get(), buffer)) {
     write_all(target, {buffer.data(), count}, target_name);
   }
 }

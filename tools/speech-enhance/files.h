@@ -1,6 +1,7 @@
 // Files and streams: which of them are the same, standard output, content without a name.
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -22,6 +23,12 @@ void write_all(int descriptor, std::string_view bytes, const std::string& target
 
 bool is_directory(const std::string& path);
 bool is_regular_file(const std::string& path);
+
+// The file name's suffix with its dot, in lower case; empty if there is none.
+std::string suffix_of(const std::string& path);
+
+// Whether the suffix is one of sound files that libsndfile reads.
+bool has_audio_suffix(const std::string& path);
 
 enum class Direction { kIn, kOut };
 
@@ -55,6 +62,16 @@ class Descriptor {
   int number_;
 };
 
+// A new file in `folder` that has no name: it vanishes with its last descriptor, however the
+// process ends. Not open where the folder or its file system gives none.
+Descriptor open_unnamed(const std::string& folder);
+
+// A path under which this process and those forked from it can open an open file once more.
+std::string path_of(const Descriptor& file);
+
+// What is read at most from a stream, which takes as much room on the disk.
+inline constexpr std::uint64_t kMostInputBytes = std::uint64_t{16} << 30;
+
 // A file without a name, in the folder for temporary files; it vanishes with the object. Until then
 // it can be opened under a path by this process and by processes forked from it.
 class TemporaryFile {
@@ -63,8 +80,9 @@ class TemporaryFile {
 
   const std::string& path() const { return path_; }
 
-  // Both throw an Error; copy_to() starts at the beginning of the file.
-  void fill_from(int source, const std::string& source_name);
+  // Both throw an Error: fill_from() without the name of the source, and also when that holds more
+  // than `most` bytes. copy_to() starts at the beginning of the file.
+  void fill_from(int source, std::uint64_t most);
   void copy_to(int target, const std::string& target_name) const;
 
  private:

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Fits the equaliser of the preset `flat`, and prints its bands as JSON.
+"""Fits the equaliser of the preset `flat` and writes its bands into the file.
 
 The denoiser's gain of a band of bins is divided by the width of the band and multiplied by 3 (from
 bin 8 up), so that bands wider than 3 bins, which begin near 4.8 kHz, cannot pass a signal at full
@@ -10,12 +10,13 @@ The fit is a least-squares one in decibels over all bins of the denoiser's bands
 one by one, each the best single addition, then each is refitted while the others stand, round
 after round, until nothing improves.
 
-usage: fit_flat_preset.py           (needs NumPy; takes about half a minute)
+usage: fit_flat_preset.py FILE.json        (needs NumPy; takes about half a minute)
 """
 
 import json
 import pathlib
 import re
+import sys
 
 import numpy as np
 
@@ -121,9 +122,13 @@ def main():
     fit = Fit()
     bands, left = fit.run()
     treble = fit.wanted > 0
-    print(json.dumps({"peaks": [
-        {"center_hz": hz, "gain_db": round(gain_db, 1), "q": q}
-        for hz, q, gain_db in sorted(bands)]}, indent=2))
+    peaks = ",\n".join(f'    {{"center_hz": {hz}, "gain_db": {gain_db:.3g}, "q": {q}}}'
+                       for hz, q, gain_db in sorted(bands))
+    path = pathlib.Path(sys.argv[1])
+    text = re.sub(r"(?<=\[\n).*(?=\n *\])", peaks, path.read_text(), flags=re.S)
+    json.loads(text)
+    path.write_text(text)
+
     def summary(error):
         return f"rms {np.sqrt(np.mean(error ** 2)):.2f} dB, largest {np.max(np.abs(error)):.2f} dB"
     print("without equaliser, bins of the wide bands:", summary(fit.wanted[treble]))

@@ -1,6 +1,8 @@
 // An output that appears whole or not at all.
 #pragma once
 
+#include <sys/types.h>
+
 #include <optional>
 #include <string>
 #include <string_view>
@@ -9,10 +11,12 @@
 
 namespace se_tool {
 
-// Gathers the content of an output under another name; commit() makes it the target, all at once.
-// Without commit() it vanishes, and a file of the target's name stays as it was. A file's content
-// is gathered beside it, with the permissions it will have; what goes to "-", a device or a pipe is
-// gathered in a temporary file and copied there.
+// Gathers the content of an output elsewhere; commit() makes it the target, all at once. Without
+// commit() it vanishes, and a file of the target's name stays as it was. A file's content is
+// gathered beside it, with the permissions it will have: in a file without a name, which does not
+// even survive the death of the process, or, where the file system has no such files, under a
+// hidden name. What goes to "-", a device or a pipe is gathered in a temporary file and copied
+// there.
 class PendingFile {
  public:
   // Throws an Error (output) if the target cannot be written.
@@ -28,6 +32,9 @@ class PendingFile {
   // Replaces the content. Throws an Error (output).
   void write(std::string_view bytes) const;
 
+  // Adds to the content. Throws an Error (output).
+  void append(std::string_view bytes) const;
+
   // Makes sure that the content of a file has reached the disk. Throws an Error (output).
   void sync() const;
 
@@ -35,12 +42,14 @@ class PendingFile {
   void commit();
 
  private:
-  void gather_beside(const std::string& file);
+  void gather_beside(const std::string& file, mode_t mode);
+  std::string link_beside(const std::string& file) const;
   [[noreturn]] void fail(int error_number) const;
 
   std::string target_;
   std::string file_;  // what to replace, links resolved; empty for a stream
   std::string path_;
+  Descriptor unnamed_;                 // the file at the path, as long as it has no name
   Descriptor stream_;                  // a device or pipe; not open for standard output
   std::optional<TemporaryFile> copy_;  // what a stream will get
 };

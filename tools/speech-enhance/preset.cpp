@@ -2,10 +2,11 @@
 
 #include <cmath>
 #include <fstream>
+#include <functional>
 #include <initializer_list>
 #include <limits>
 #include <nlohmann/json.hpp>
-#include <sstream>
+#include <set>
 
 #include "errors.h"
 
@@ -13,6 +14,10 @@ namespace se_tool {
 namespace {
 
 using nlohmann::json;
+
+// Far above any preset, far below what would take time or memory to read.
+constexpr std::size_t kLongestText = 1 << 20;
+constexpr int kDeepestLevel = 16;
 
 [[noreturn]] void fail(const std::string& what) {
   throw Error(ExitCode::kUsage, what);
@@ -101,6 +106,43 @@ Settings parse_settings(const json& root) {
   return settings;
 }
 
+// The library that parses takes the last of several values under one key, and any depth.
+class StrictParse {
+ public:
+  bool operator()(int level, json::parse_event_t event, const json& parsed) {
+    switch (event) {
+      case json::parse_event_t::object_start:
+        keys_.emplace_back();
+        [[fallthrough]];
+      case json::parse_event_t::array_start:
+        if (level >= kDeepestLevel) {
+          fail("nested deeper than " + std::to_string(kDeepestLevel) + " levels");
+        }
+        break;
+      case json::parse_event_t::object_end:
+        keys_.pop_back();
+        break;
+      case json::parse_event_t::key:
+        if (!keys_.back().insert(parsed.get<std::string>()).second) {
+          fail("the key " + parsed.dump() + " stands twice in one object");
+        }
+        break;
+      default:
+        break;
+    }
+    return true;
+  }
+
+ private:
+  std::vector<std::set<std::string>> keys_;  // of the objects that are open
+};
+
+json parse_strictly(const std::string& text) {
+  if (text.size() > kLongestText) fail("longer than 1 MB, which no preset is");
+  StrictParse strict;
+  return json::parse(text, std::ref(strict));
+}
+
 std::string built_in_names() {
   std::string names;
   for (const BuiltInPreset& preset : built_in_presets()) {
@@ -111,19 +153,20 @@ std::string built_in_names() {
 
 Settings load_preset_file(const std::string& path) {
   std::ifstream file(path, std::ios::binary);
-  std::ostringstream text;
-  text << file.rdbuf();  // also fails for an empty file
-  if (!file || !text) {
+  std::string text(kLongestText + 1, '\0');
+  file.read(text.data(), static_cast<std::streamsize>(text.size()));
+  text.resize(static_cast<std::size_t>(file.gcount()));
+  if (text.empty()) {
     fail("preset " + path + ": cannot be read or is empty (built in: " + built_in_names() + ")");
   }
-  return parse_preset(text.str(), "preset " + path);
+  return parse_preset(text, "preset " + path);
 }
 
 }  // namespace
 
 Settings parse_preset(const std::string& text, const std::string& source) {
   try {
-    return parse_settings(json::parse(text));
+    return parse_settings(parse_strictly(text));
   } catch (const json::exception& error) {
     const std::string reason = error.what();  // behind a name in brackets
     fail(source + ": not valid JSON: " + reason.substr(reason.find("] ") + 2));

@@ -11,8 +11,9 @@
 //     "peaks": [{"center_hz": 3000, "gain_db": 3, "q": 2}]
 //   }
 //
-// Every key may be left out; what is left out is off or as in Settings. Unknown keys, values of
-// another type and values out of range are errors (usage) of one line.
+// Every key may be left out; what is left out is off or as in Settings. Unknown keys, keys that
+// stand twice in one object, values of another type, values out of range, more than 16 levels of
+// nesting and texts longer than 1 MB are errors (usage) of one line.
 #pragma once
 
 #include <string>

@@ -31,10 +31,11 @@ void check_peak(const Peak& peak) {
   check_range("peak centre", peak.center_hz, kHzPerBin, kLastBin * kHzPerBin + kHzPerBin - 1,
               " Hz");
   check_range("peak gain", peak.gain_db, -60, 40, " dB");
-  if (peak.q < 1 || peak.center_hz / (kHzPerBin * peak.q) < 1) {
+  const int sharpest = peak.center_hz / kHzPerBin;
+  if (peak.q < 1 || peak.q > sharpest) {
     std::ostringstream line;
-    line << "peak q " << peak.q << " at " << peak.center_hz << " Hz is outside 1 to "
-         << peak.center_hz / kHzPerBin << " (a band is " << kHzPerBin << " Hz wide or wider)";
+    line << "peak q " << peak.q << " at " << peak.center_hz << " Hz is outside 1 to " << sharpest
+         << " (a band is " << kHzPerBin << " Hz wide or wider)";
     throw Error(ExitCode::kUsage, line.str());
   }
 }

@@ -31,6 +31,13 @@ std::string decibels(double value, const char* unit) {
   return text;
 }
 
+std::string milliseconds(double value) {
+  if (std::isnan(value)) return "-";
+  char text[32];
+  std::snprintf(text, sizeof text, "%.0f ms", value);
+  return text;
+}
+
 std::string change(double before, double after) {
   return decibels(before, "dBFS") + " -> " + decibels(after, "dBFS");
 }
@@ -98,14 +105,14 @@ std::string format_text(const std::string& file, const Statistics& s) {
   add("background", change(s.background_in_db, s.background_out_db));
   add("attenuation", decibels(s.attenuation_db, "dB"));
   add("echo reduction", decibels(s.echo_reduction_db, "dB"));
+  add("echo delay", milliseconds(s.delay_ms));
   add("clipped samples", std::to_string(s.clipped_samples));
   return text;
 }
 
-std::string format_json(const std::string& file, const Statistics& s) {
-  // What is not finite becomes null.
-  const nlohmann::ordered_json object = {
-      {"file", file},
+nlohmann::ordered_json figures(const Statistics& s) {
+  // What is not finite becomes null as soon as it is text.
+  return {
       {"duration_s", s.duration_s},
       {"engine_s", s.engine_s},
       {"real_time_factor", s.real_time_factor},
@@ -117,8 +124,14 @@ std::string format_json(const std::string& file, const Statistics& s) {
       {"background_out_dbfs", s.background_out_db},
       {"attenuation_db", s.attenuation_db},
       {"echo_reduction_db", s.echo_reduction_db},
+      {"echo_delay_ms", s.delay_ms},
       {"clipped_samples", s.clipped_samples},
   };
+}
+
+std::string format_json(const std::string& file, const Statistics& statistics) {
+  nlohmann::ordered_json object = {{"file", file}};
+  object.update(figures(statistics));
   return object.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
 }
 

@@ -4,6 +4,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <nlohmann/json_fwd.hpp>
 #include <string>
 
 namespace se_tool {
@@ -58,14 +59,20 @@ struct Statistics {
   double background_out_db = 0;
   double attenuation_db = 0;     // level in - level out
   double echo_reduction_db = 0;  // NaN without a reference or if it never plays
+  double delay_ms = 0;           // of the echo behind the reference; NaN if none was found or set
   std::uint64_t clipped_samples = 0;
-  std::uint64_t missing_bytes = 0;  // that the input announces but lacks
+  std::uint64_t missing_bytes = 0;          // that the input announces but lacks
+  std::uint64_t excessive_mic_samples = 0;  // beyond what the engine takes
+  std::uint64_t excessive_ref_samples = 0;
 };
 
 // Several lines for people. Levels of silence read "silence", figures that do not exist "-".
 std::string format_text(const std::string& file, const Statistics& statistics);
 
-// One line with an object; levels of silence and figures that do not exist are null.
+// The figures as an object; levels of silence and figures that do not exist are null.
+nlohmann::ordered_json figures(const Statistics& statistics);
+
+// One line with the file's name and that object.
 std::string format_json(const std::string& file, const Statistics& statistics);
 
 }  // namespace se_tool

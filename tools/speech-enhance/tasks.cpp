@@ -1,7 +1,6 @@
 #include "tasks.h"
 
 #include <algorithm>
-#include <cctype>
 #include <filesystem>
 #include <map>
 #include <set>
@@ -25,20 +24,6 @@ bool is_file_or_nothing(const fs::path& path) {
   return type == fs::file_type::regular || type == fs::file_type::not_found;
 }
 
-// In lower case.
-std::string suffix_of(const fs::path& path) {
-  std::string suffix = path.extension().string();
-  for (char& c : suffix) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-  return suffix;
-}
-
-bool has_audio_suffix(const fs::path& path) {
-  static const std::set<std::string> suffixes = {".aif",  ".aifc", ".aiff", ".au",  ".caf",
-                                                 ".flac", ".mp3",  ".oga",  ".ogg", ".opus",
-                                                 ".rf64", ".snd",  ".w64",  ".wav", ".wave"};
-  return suffixes.count(suffix_of(path)) != 0;
-}
-
 std::vector<std::string> audio_files_in(const std::string& folder) {
   std::vector<std::string> files;
   std::error_code error;
@@ -46,7 +31,7 @@ std::vector<std::string> audio_files_in(const std::string& folder) {
     const fs::path& path = entry->path();
     const bool hidden = path.filename().string().front() == '.';
     // A link to nothing is a recording, too: one that cannot be opened, as its line will say.
-    if (!hidden && is_file_or_nothing(path) && has_audio_suffix(path)) {
+    if (!hidden && is_file_or_nothing(path) && has_audio_suffix(path.string())) {
       files.push_back(path.string());
     }
   }
@@ -82,7 +67,8 @@ std::string in_folder(const std::string& folder, const std::string& recording, c
 Task plan_task(const Options& options, const std::string& mic, bool to_folder) {
   Task task;
   task.mic = mic;
-  task.as_float = options.as_float;
+  task.format = options.as_float ? SoundFormat::kWavFloat : SoundFormat::kWav16;
+  task.max_input = options.max_input;
   task.settings = options.settings;
   task.output = to_folder ? in_folder(options.output, mic, ".wav") : options.output;
   if (!options.plot.empty()) {
@@ -90,6 +76,7 @@ Task plan_task(const Options& options, const std::string& mic, bool to_folder) {
   }
   if (!options.ref.empty()) {
     const bool beside = to_folder && is_directory(options.ref);
+    task.delay_ms = options.delay_ms;
     task.ref = beside ? (fs::path(options.ref) / fs::path(mic).filename()).string() : options.ref;
   }
   return task;

@@ -1,19 +1,24 @@
 #include "se_training.h"
 
 #include <algorithm>
-#include <cmath>
 #include <cstring>
+#include <initializer_list>
 #include <iterator>
+#include <limits>
+#include <memory>
+#include <new>
+#include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
 
+#include "engine/front_end.h"
+#include "engine/gain_rule.h"
 #include "engine/se_instance.h"
 #include "kernels/kernels.h"
 #include "nn/denoiser.h"
-#include "nn/features.h"
 #include "nn/model_file.h"
 #include "nn/network.h"
-#include "speechenhance/aec.h"
 #include "speechenhance/denoiser.h"
 #include "speechenhance/speechenhance.h"
 #include "speechenhance/zel_stft.h"
@@ -28,25 +33,35 @@ constexpr int kMics = 2;
 
 using Memory = std::vector<unsigned char>;
 
-class Analysis {
+struct Destroy {
+  void operator()(SEInstance* engine) const { se_destroy(engine); }
+};
+
+// One engine over whole scenes: two microphones and the reference, a frame at a time.
+class Engine {
  public:
-  Analysis()
-      : memory_(zel_stft_query_mem(se::kFrameLen, 0)),
-        scratch_(zel_stft_query_scratch(se::kFrameLen)),
-        state_(zel_stft_init(memory_.data(), scratch_.data(), p_win_tmp, se::kFrameLen, kHop, 0)) {}
-  void run(const float* samples, zel_lcomplex* spectrum) {
-    zel_stft_analysis(state_, samples, spectrum);
+  explicit Engine(const DenoiseModel* model) : engine_(se::create_instance(model)) {
+    if (!engine_) throw std::bad_alloc();
+  }
+  SEInstance& operator*() const { return *engine_; }
+  SEInstance* operator->() const { return engine_.get(); }
+  SEInstance* get() const { return engine_.get(); }
+  const nn::NNDenoiser& denoiser() const {
+    return *static_cast<const nn::NNDenoiser*>(engine_->nn);
   }
 
  private:
-  Memory memory_, scratch_;
-  stft_state* state_;
+  std::unique_ptr<SEInstance, Destroy> engine_;
 };
 
-void powers(const zel_lcomplex* spectrum, float* power) {
-  for (int k = 0; k < nn::kBins; ++k)
-    power[k] = std::fma(spectrum[k].re, spectrum[k].re, spectrum[k].im * spectrum[k].im);
-}
+// Samples of frame `t` of both microphones, one block after the other.
+struct MicBlocks {
+  MicBlocks(const float* mic0, const float* mic1, int t) {
+    std::copy_n(mic0 + t * kHop, kHop, samples);
+    std::copy_n(mic1 + t * kHop, kHop, samples + kHop);
+  }
+  float samples[kMics * kHop];
+};
 
 // A model file in aligned memory with its records; the compiled-in model where there is no file.
 class Model {
@@ -76,25 +91,47 @@ void forget_quiet_frames() {
   noise_flag = noise_flag_sum = noise_flag_index = 0;
 }
 
+using Fields = std::initializer_list<std::pair<const char*, double>>;
+
+std::string json(const Fields& fields) {
+  std::ostringstream text;
+  text.precision(std::numeric_limits<double>::max_digits10);
+  for (const auto& [name, value] : fields) text << ",\"" << name << "\":" << value;
+  return "{" + text.str().substr(1) + "}";
+}
+
 std::string describe_shape() {
-  const auto field = [](const char* name, int value) {
-    return "\"" + std::string(name) + "\":" + std::to_string(value) + ",";
-  };
-  std::string text = "{" + field("sample_rate", kSampleRate) + field("hop", kHop) +
-                     field("frame", se::kFrameLen) + field("bins", nn::kBins) +
-                     field("bands", nn::kBands) + field("channels", nn::kChannels) +
-                     field("lookahead", se::kLookAhead) + field("hidden", nn::kGruHidden) +
-                     field("gru1_inputs", nn::kGruInput[0]) +
-                     field("gru2_inputs", nn::kGruInput[2]) + "\"convs\":[";
+  std::string text = json({{"sample_rate", kSampleRate},
+                           {"hop", kHop},
+                           {"frame", se::kFrameLen},
+                           {"bins", nn::kBins},
+                           {"bands", nn::kBands},
+                           {"channels", nn::kChannels},
+                           {"lookahead", se::kLookAhead},
+                           {"hidden", nn::kGruHidden},
+                           {"gru1_inputs", nn::kGruInput[0]},
+                           {"gru2_inputs", nn::kGruInput[2]}});
+  text.back() = ',';
+  text += "\"rule\":" + json({{"far_end_energy", se::kFarEndEnergy},
+                              {"far_end_gate", se::kFarEndGate},
+                              {"first_kept_bin", se::kFirstKeptBin},
+                              {"first_full_bin", se::kFirstFullBin},
+                              {"low_make_up", se::kLowMakeUp},
+                              {"make_up", se::kMakeUp}});
+  text += ",\"convs\":[";
   for (const nn::ConvShape& c : nn::kConv) {
-    text += (&c == nn::kConv ? "{" : ",{") + field("in_channels", c.in_channels) +
-            field("in_width", c.in_width) + field("out_channels", c.out_channels) +
-            field("out_width", c.out_width) + field("kernel_time", nn::kKernelTime) +
-            field("kernel_freq", c.kernel_freq) + field("freq_stride", c.freq_stride) +
-            field("freq_pad", c.freq_pad);
-    text.back() = '}';
+    text += json({{"in_channels", c.in_channels},
+                  {"in_width", c.in_width},
+                  {"out_channels", c.out_channels},
+                  {"out_width", c.out_width},
+                  {"kernel_time", nn::kKernelTime},
+                  {"kernel_freq", c.kernel_freq},
+                  {"freq_stride", c.freq_stride},
+                  {"freq_pad", c.freq_pad}}) +
+            ',';
   }
-  return text + "]}";
+  text.back() = ']';
+  return text + "}";
 }
 
 }  // namespace
@@ -105,8 +142,12 @@ const char* se_training_shape(void) {
 }
 
 void se_training_analyse(const float* samples, int frames, zel_lcomplex* spectra) {
-  Analysis stft;
-  for (int t = 0; t < frames; ++t) stft.run(samples + t * kHop, spectra + t * nn::kBins);
+  Memory memory(zel_stft_query_mem(se::kFrameLen, 0));
+  Memory scratch(zel_stft_query_scratch(se::kFrameLen));
+  stft_state* stft =
+      zel_stft_init(memory.data(), scratch.data(), p_win_tmp, se::kFrameLen, kHop, 0);
+  for (int t = 0; t < frames; ++t)
+    zel_stft_analysis(stft, samples + t * kHop, spectra + t * nn::kBins);
 }
 
 void se_training_synthesise(const zel_lcomplex* spectra, int frames, float* samples) {
@@ -125,42 +166,33 @@ void se_training_tanh(float* x, int n) {
 void se_training_front_end(const float* mic0, const float* mic1, const float* ref, int frames,
                            zel_lcomplex* mic_spectra, zel_lcomplex* ref_spectra, float* ref_energy,
                            float* features) {
-  Analysis stft[kMics + 1];
-  Memory memory(aec_query_mem()), scratch(aec_query_scratch());
-  aec_state* aec = aec_init(memory.data(), scratch.data());
-  std::vector<float> power(kMics * nn::kBins), ref_power(nn::kBins);
-  std::vector<float> mag(nn::kMagnitudes), band(nn::kFeatures);
-  float* mic_powers[kMics] = {power.data(), power.data() + nn::kBins};
+  const Engine engine(&nn_denoise_model);
   for (int t = 0; t < frames; ++t) {
-    zel_lcomplex* mics = mic_spectra + t * kMics * nn::kBins;
-    zel_lcomplex* spectra[kMics] = {mics, mics + nn::kBins};
-    zel_lcomplex* reference = ref_spectra + t * nn::kBins;
-    stft[0].run(mic0 + t * kHop, spectra[0]);
-    stft[1].run(mic1 + t * kHop, spectra[1]);
-    stft[2].run(ref + t * kHop, reference);
-    powers(spectra[0], mic_powers[0]);
-    powers(spectra[1], mic_powers[1]);
-    aec_process(aec, spectra, mic_powers, reference);
-    powers(reference, ref_power.data());
-    ref_energy[t] = 0.0f;
-    for (float p : ref_power) ref_energy[t] += p;
-    nn::features(mics, reference, {mag.data(), band.data(), features + t * nn::kFeatures});
+    const MicBlocks mics(mic0, mic1, t);
+    const se::FrontEndResult front = se::run_front_end(*engine, mics.samples, ref + t * kHop);
+    for (const zel_lcomplex* spectrum : engine->mic_spec)
+      mic_spectra = std::copy_n(spectrum, nn::kBins, mic_spectra);
+    ref_spectra = std::copy_n(engine->ref_spec, nn::kBins, ref_spectra);
+    ref_energy[t] = front.ref_energy;
+    features = std::copy_n(front.features, nn::kFeatures, features);
   }
 }
 
-const char* se_training_network(const unsigned char* model_file, long size,
-                                const zel_lcomplex* mic_spectra, const zel_lcomplex* ref_spectra,
+const char* se_training_network(const unsigned char* model_file, long size, const float* features,
                                 int frames, float* gains) {
   const Model model(model_file, size);
   if (model.error()) return model.error();
   forget_quiet_frames();
-  Memory memory(static_cast<std::size_t>(nn_query_mem_api()));
-  Memory scratch(static_cast<std::size_t>(nn_query_scratch_api()));
-  void* denoiser = nn::init_denoiser(memory.data(), scratch.data(), model.get());
-  for (int t = 0; t < frames; ++t)
-    nn_process_api(denoiser, mic_spectra + t * kMics * nn::kBins, ref_spectra + t * nn::kBins,
-                   gains + t * nn::kBins, true, false);
+  const Engine engine(model.get());
+  for (int t = 0; t < frames; ++t) {
+    const float* bands = nn::run_network(engine.denoiser(), features + t * nn::kFeatures);
+    if (bands) nn::gains_from_bands(bands, gains + t * nn::kBins);
+  }
   return nullptr;
+}
+
+void se_training_gain_rule(float* gains, const float* ref_energy, int frames) {
+  for (int t = 0; t < frames; ++t) se::reshape_gains(gains + t * nn::kBins, ref_energy[t]);
 }
 
 const char* se_training_engine(const unsigned char* model_file, long size, const float* mic0,
@@ -169,15 +201,12 @@ const char* se_training_engine(const unsigned char* model_file, long size, const
   const Model model(model_file, size);
   if (model.error()) return model.error();
   forget_quiet_frames();
-  SEInstance* engine = se::create_instance(model.get());
-  if (!engine) return "out of memory";
-  if (config) set_nn_process_config(engine, *config);
-  float mics[kMics * kHop];
+  const Engine engine(model.get());
+  if (config) set_nn_process_config(engine.get(), *config);
   for (int t = 0; t < frames; ++t) {
-    std::memcpy(mics, mic0 + t * kHop, kHop * sizeof(float));
-    std::memcpy(mics + kHop, mic1 + t * kHop, kHop * sizeof(float));
-    se_process(engine, mics, ref + t * kHop, out + t * kHop, nn_only != 0, use_ns != 0);
+    const MicBlocks mics(mic0, mic1, t);
+    se_process(engine.get(), mics.samples, ref + t * kHop, out + t * kHop, nn_only != 0,
+               use_ns != 0);
   }
-  se_destroy(engine);
   return nullptr;
 }

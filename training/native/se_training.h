@@ -10,7 +10,8 @@
 
 SE_BEGIN_C
 
-/* Geometry and network shape as JSON; the only place Python takes them from. */
+/* Geometry, network shape and the gain rule's numbers as JSON; the only place Python takes them
+ * from. */
 SE_API const char* se_training_shape(void);
 
 /* Spectra of `frames` frames, 257 bins each. */
@@ -32,15 +33,18 @@ SE_API void se_training_front_end(const float* mic0, const float* mic1, const fl
                                   int frames, zel_lcomplex* mic_spectra, zel_lcomplex* ref_spectra,
                                   float* ref_energy, float* features);
 
+/* The gain rule over gains of the network, frames x 257, in place: what the pipeline multiplies the
+ * spectrum of five frames earlier by. */
+SE_API void se_training_gain_rule(float* gains, const float* ref_energy, int frames);
+
 /* The next two run a model file, the compiled-in model where it is null. They start with an empty
  * quiet-frame history, so calls on several threads disturb each other's. They return null, or what
  * is wrong with the file. */
 
-/* The denoiser over spectra as se_training_front_end gives them. gains: frames x 257; the rows of
- * the first five frames, which have no result, stay as they are. */
+/* The network over features as se_training_front_end gives them, expanded to gains: frames x 257;
+ * the rows of the first five frames, which have no result, stay as they are. */
 SE_API const char* se_training_network(const unsigned char* model_file, long size,
-                                       const zel_lcomplex* mic_spectra,
-                                       const zel_lcomplex* ref_spectra, int frames, float* gains);
+                                       const float* features, int frames, float* gains);
 
 /* The whole engine. `config` may be null; out: frames x 160 samples. */
 SE_API const char* se_training_engine(const unsigned char* model_file, long size, const float* mic0,

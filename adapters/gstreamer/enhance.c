@@ -1,0 +1,610 @@
+// The microphone is the clock of this element: every frame of it gives one frame of output with the
+// same time stamp. The reference is put beside it by running time, in whole frames, however both
+// are cut into buffers. The stream's latency is taken off again: its first frames are dropped, and
+// at the end as many of silence push the last ones out.
+#include "enhance.h"
+
+#include <string.h>
+
+#include "probe.h"
+#include "settings.h"
+#include "timed_pad.h"
+
+enum { kMostFrames = 2048, kLongestGapSeconds = 5 };
+
+typedef struct {
+  GstAggregator parent;
+  SeTimedPad* mic;  // the pad "sink"
+
+  // With the object's lock.
+  SeSettings settings;
+  gboolean auto_delay;
+  gint delay_ms;
+  gchar* probe_name;
+  gboolean post_messages;
+  GstClockTime interval;
+  SEStream* stream;
+  gboolean renew;  // make another stream as soon as there is sound
+
+  // Of the thread that aggregates.
+  GstSpeechEnhanceProbe* probe;
+  GstAudioInfo input, output;  // of the stream, and of what is pushed
+  gboolean has_reference;      // the stream has
+  gint64 position;             // next frame of the microphone, from running time 0; -1: none yet
+  gint64 to_drop;              // frames of the stream's latency that are still to come out
+  gboolean discontinuous;      // the next buffer follows a jump
+  GstClockTime next_message;
+  float signals[2 * SE_MOST_CHANNELS][kMostFrames];
+  float out[kMostFrames];
+} GstSpeechEnhance;
+
+typedef struct {
+  GstAggregatorClass parent_class;
+} GstSpeechEnhanceClass;
+
+#define SE_ENHANCE(object) (G_TYPE_CHECK_INSTANCE_CAST((object), SE_TYPE_ENHANCE, GstSpeechEnhance))
+G_DEFINE_TYPE(GstSpeechEnhance, gst_speech_enhance, GST_TYPE_AGGREGATOR)
+GST_DEBUG_CATEGORY_STATIC(se_enhance_debug);
+#define GST_CAT_DEFAULT se_enhance_debug
+
+static GstStaticPadTemplate sink_template = GST_STATIC_PAD_TEMPLATE(
+    "sink", GST_PAD_SINK, GST_PAD_ALWAYS, GST_STATIC_CAPS(SE_CAPS("[ 1, 2 ]")));
+static GstStaticPadTemplate reference_template = GST_STATIC_PAD_TEMPLATE(
+    "reference", GST_PAD_SINK, GST_PAD_REQUEST, GST_STATIC_CAPS(SE_CAPS("[ 1, 2 ]")));
+static GstStaticPadTemplate src_template =
+    GST_STATIC_PAD_TEMPLATE("src", GST_PAD_SRC, GST_PAD_ALWAYS, GST_STATIC_CAPS(SE_CAPS("1")));
+
+static GstClockTime time_of(const GstSpeechEnhance* self, gint64 frame) {
+  return gst_util_uint64_scale((guint64)frame, GST_SECOND, (guint64)self->input.rate);
+}
+
+// The pad "reference", which the caller releases, or null.
+static SeTimedPad* get_reference(GstSpeechEnhance* self) {
+  GstPad* pad = gst_element_get_static_pad(GST_ELEMENT(self), "reference");
+  return pad ? SE_TIMED_PAD(pad) : NULL;
+}
+
+// ---- What goes on ------------------------------------------------------------------------------
+
+// With the object's lock.
+static GstStructure* statistics(GstSpeechEnhance* self) {
+  SEStreamStatus status = {-150, -150, -150, 0, 0, 0, 0, {0}};
+  if (self->stream) se_stream_get_status(self->stream, &status);
+  return gst_structure_new(
+      "speechenhance", "mic-db", G_TYPE_DOUBLE, (double)status.mic_db, "reference-db",
+      G_TYPE_DOUBLE, (double)status.ref_db, "out-db", G_TYPE_DOUBLE, (double)status.out_db,
+      "echo-reduction-db", G_TYPE_DOUBLE, (double)status.echo_reduction_db, "delay-found",
+      G_TYPE_BOOLEAN, status.delay_found != 0, "delay-ms", G_TYPE_DOUBLE, (double)status.delay_ms,
+      "delay-confidence", G_TYPE_DOUBLE, (double)status.delay_confidence, NULL);
+}
+
+static void post_statistics(GstSpeechEnhance* self, GstClockTime running_time) {
+  GST_OBJECT_LOCK(self);
+  GstStructure* structure = NULL;
+  if (self->post_messages &&
+      (!GST_CLOCK_TIME_IS_VALID(self->next_message) || running_time >= self->next_message)) {
+    structure = statistics(self);
+    self->next_message = running_time + self->interval;
+  }
+  GST_OBJECT_UNLOCK(self);
+  if (!structure) return;
+  gst_structure_set(structure, "running-time", GST_TYPE_CLOCK_TIME, running_time, NULL);
+  gst_element_post_message(GST_ELEMENT(self), gst_message_new_element(GST_OBJECT(self), structure));
+}
+
+// ---- The stream --------------------------------------------------------------------------------
+
+static void forget_position(GstSpeechEnhance* self) {
+  self->position = -1;
+  self->next_message = GST_CLOCK_TIME_NONE;
+}
+
+static void drop_stream(GstSpeechEnhance* self) {
+  GST_OBJECT_LOCK(self);
+  se_stream_destroy(self->stream);
+  self->stream = NULL;
+  GST_OBJECT_UNLOCK(self);
+  forget_position(self);
+}
+
+static gboolean make_stream(GstSpeechEnhance* self) {
+  drop_stream(self);
+  GST_OBJECT_LOCK(self);
+  const int32_t delay = self->auto_delay ? SE_STREAM_DELAY_AUTO : self->delay_ms;
+  int32_t result =
+      se_stream_create(self->input.rate, self->input.channels,
+                       self->has_reference ? SE_MOST_CHANNELS : 0, delay, &self->stream);
+  if (result == SE_STREAM_OK) {
+    result = se_stream_set_settings(self->stream, &self->settings.stream);
+  }
+  const gint32 latency = self->stream ? se_stream_latency(self->stream) : 0;
+  self->renew = FALSE;
+  GST_OBJECT_UNLOCK(self);
+  if (result != SE_STREAM_OK) {
+    GST_ELEMENT_ERROR(self, LIBRARY, INIT, ("%s", se_stream_error_text(result)), (NULL));
+    return FALSE;
+  }
+  const GstClockTime time =
+      gst_util_uint64_scale_ceil((guint64)latency, GST_SECOND, (guint64)self->input.rate);
+  gst_aggregator_set_latency(GST_AGGREGATOR(self), time, time);
+  return TRUE;
+}
+
+// From here on the microphone's sound starts anew, at `position`.
+static void restart_at(GstSpeechEnhance* self, gint64 position) {
+  se_stream_reset(self->stream);
+  self->to_drop = se_stream_latency(self->stream);
+  self->position = position;
+  self->discontinuous = TRUE;
+  self->next_message = GST_CLOCK_TIME_NONE;
+}
+
+// `frames` of the signals through the stream and on.
+static GstFlowReturn enhance(GstSpeechEnhance* self, gint64 frames, gboolean silent) {
+  const float* const mics[] = {self->signals[0], self->signals[1]};
+  const float* const refs[] = {self->signals[2], self->signals[3]};
+  se_stream_process(self->stream, silent ? NULL : mics, refs, self->out, (int32_t)frames);
+  self->position += frames;
+  const gint64 dropped = MIN(frames, self->to_drop);
+  self->to_drop -= dropped;
+  if (dropped == frames) return GST_FLOW_OK;
+
+  const gint64 end = self->position - se_stream_latency(self->stream);
+  const GstClockTime start_time = time_of(self, end - (frames - dropped));
+  GstBuffer* buffer = se_write_samples(self->out + dropped, frames - dropped, &self->output);
+  GST_BUFFER_PTS(buffer) = start_time;
+  GST_BUFFER_DURATION(buffer) = time_of(self, end) - start_time;
+  if (self->discontinuous) GST_BUFFER_FLAG_SET(buffer, GST_BUFFER_FLAG_DISCONT);
+  self->discontinuous = FALSE;
+  GST_AGGREGATOR_PAD(GST_AGGREGATOR(self)->srcpad)->segment.position = time_of(self, end);
+  post_statistics(self, start_time);
+  return gst_aggregator_finish_buffer(GST_AGGREGATOR(self), buffer);
+}
+
+// Gets out what the stream holds back.
+static GstFlowReturn drain(GstSpeechEnhance* self) {
+  GstFlowReturn flow = GST_FLOW_OK;
+  if (!self->stream || self->position < 0) return flow;
+  memset(self->signals, 0, sizeof self->signals);
+  for (gint64 left = se_stream_latency(self->stream); left > 0 && flow == GST_FLOW_OK;) {
+    const gint64 frames = MIN(left, kMostFrames);
+    flow = enhance(self, frames, TRUE);
+    left -= frames;
+  }
+  forget_position(self);
+  return flow;
+}
+
+// A stream that fits what comes in, and caps of the output that fit it.
+static GstFlowReturn prepare(GstSpeechEnhance* self, gboolean has_reference) {
+  const GstAudioInfo* input = &self->mic->timeline.info;
+  GST_OBJECT_LOCK(self);
+  const gboolean fits = self->stream && !self->renew && self->has_reference == has_reference &&
+                        gst_audio_info_is_equal(input, &self->input);
+  GST_OBJECT_UNLOCK(self);
+  if (fits) return GST_FLOW_OK;
+  const GstFlowReturn flow = drain(self);
+  if (flow != GST_FLOW_OK) return flow;
+  self->input = *input;
+  self->has_reference = has_reference;
+  if (!make_stream(self)) return GST_FLOW_ERROR;
+  return gst_aggregator_negotiate(GST_AGGREGATOR(self)) ? GST_FLOW_OK : GST_FLOW_NOT_NEGOTIATED;
+}
+
+// ---- The reference beside the microphone -------------------------------------------------------
+
+static GstFlowReturn wrong_rate(GstSpeechEnhance* self) {
+  GST_ELEMENT_ERROR(
+      self, STREAM, FORMAT,
+      ("The reference must have the microphone's sample rate, %d Hz: put audioresample "
+       "ahead of it",
+       self->input.rate),
+      (NULL));
+  return GST_FLOW_NOT_NEGOTIATED;
+}
+
+// Fills the reference's signals for the next frames, at most `*frames`, of which as many remain as
+// are known: none means to wait. What will not come any more is silence.
+static GstFlowReturn read_reference(GstSpeechEnhance* self, SeTimedPad* pad, gboolean late,
+                                    gint64* frames) {
+  float* const planar[SE_MOST_CHANNELS] = {self->signals[2], self->signals[3]};
+  GstBuffer* buffer;
+  while ((buffer = se_timed_pad_peek(pad)) && pad->end <= self->position) {
+    gst_buffer_unref(buffer);
+    se_timed_pad_drop(pad);
+  }
+  const gboolean waits = !buffer && !late && !gst_aggregator_pad_is_eos(&pad->parent);
+  if (waits) *frames = 0;
+  if (!buffer || pad->start > self->position) {
+    if (buffer) *frames = MIN(*frames, pad->start - self->position);
+    for (int c = 0; c < SE_MOST_CHANNELS; ++c) memset(planar[c], 0, (gsize)*frames * sizeof(float));
+  } else {
+    if (pad->timeline.info.rate != self->input.rate) {
+      gst_buffer_unref(buffer);
+      return wrong_rate(self);
+    }
+    *frames = MIN(*frames, pad->end - self->position);
+    se_read_samples(buffer, &pad->timeline.info, self->position - pad->start, *frames, planar);
+  }
+  gst_clear_buffer(&buffer);
+  return GST_FLOW_OK;
+}
+
+static GstFlowReturn read_probe(GstSpeechEnhance* self, gint64 frames) {
+  float* const planar[SE_MOST_CHANNELS] = {self->signals[2], self->signals[3]};
+  const GstClockTime base_time = gst_element_get_base_time(GST_ELEMENT(self));
+  const gboolean fits =
+      se_probe_read(self->probe, base_time, self->input.rate, self->position, frames, planar);
+  return fits ? GST_FLOW_OK : wrong_rate(self);
+}
+
+// ---- Aggregation -------------------------------------------------------------------------------
+
+// Enhances what it can of the microphone's first buffer, or of the gap ahead of it.
+static GstFlowReturn take_microphone(GstSpeechEnhance* self, SeTimedPad* reference,
+                                     GstBuffer* buffer, gboolean late) {
+  SeTimedPad* mic = self->mic;
+  GstFlowReturn flow = prepare(self, reference || self->probe);
+  if (flow != GST_FLOW_OK) return flow;
+  const gint64 gap = mic->start - self->position;
+  if (self->position >= 0 && gap > (gint64)kLongestGapSeconds * self->input.rate)
+    flow = drain(self);
+  if (flow != GST_FLOW_OK) return flow;
+  if (self->position < 0 || mic->flushed) restart_at(self, mic->start);
+  mic->flushed = FALSE;
+
+  const gboolean in_gap = mic->start > self->position;
+  gint64 frames = MIN((in_gap ? mic->start : mic->end) - self->position, kMostFrames);
+  if (frames > 0) {
+    if (reference) {
+      flow = read_reference(self, reference, late, &frames);
+    } else if (self->probe) {
+      flow = read_probe(self, frames);
+    }
+    if (flow != GST_FLOW_OK) return flow;
+    if (frames == 0) return GST_AGGREGATOR_FLOW_NEED_DATA;
+    if (!in_gap) {
+      float* const planar[SE_MOST_CHANNELS] = {self->signals[0], self->signals[1]};
+      se_read_samples(buffer, &self->input, self->position - mic->start, frames, planar);
+    }
+    flow = enhance(self, frames, in_gap);
+  }
+  if (self->position >= mic->end) se_timed_pad_drop(mic);
+  return flow;
+}
+
+static GstFlowReturn aggregate(GstAggregator* aggregator, gboolean late) {
+  GstSpeechEnhance* self = SE_ENHANCE(aggregator);
+  GstBuffer* buffer = se_timed_pad_peek(self->mic);
+  if (!buffer) {
+    if (!gst_aggregator_pad_is_eos(&self->mic->parent)) return GST_AGGREGATOR_FLOW_NEED_DATA;
+    const GstFlowReturn flow = drain(self);
+    return flow == GST_FLOW_OK ? GST_FLOW_EOS : flow;
+  }
+  SeTimedPad* reference = get_reference(self);
+  const GstFlowReturn flow = take_microphone(self, reference, buffer, late);
+  if (reference) gst_object_unref(reference);
+  gst_buffer_unref(buffer);
+  return flow;
+}
+
+// A live pipeline waits for the reference no longer than its latency allows; for the microphone
+// always, since without it there is nothing to do.
+static GstClockTime get_next_time(GstAggregator* aggregator) {
+  GstSpeechEnhance* self = SE_ENHANCE(aggregator);
+  GstAggregatorPad* mic = &self->mic->parent;
+  if (!gst_aggregator_pad_has_buffer(mic) && !gst_aggregator_pad_is_eos(mic)) {
+    return GST_CLOCK_TIME_NONE;
+  }
+  return gst_aggregator_simple_get_next_time(aggregator);
+}
+
+static GstBuffer* clip(GstAggregator* aggregator, GstAggregatorPad* pad, GstBuffer* buffer) {
+  (void)aggregator;
+  const GstAudioInfo* info = &SE_TIMED_PAD(pad)->timeline.info;
+  if (info->bpf == 0 || gst_buffer_get_size(buffer) == 0) return buffer;
+  return gst_audio_buffer_clip(buffer, &pad->segment, info->rate, info->bpf);
+}
+
+static gboolean start(GstAggregator* aggregator) {
+  GstSpeechEnhance* self = SE_ENHANCE(aggregator);
+  forget_position(self);
+  GST_OBJECT_LOCK(self);
+  gchar* name = g_strdup(self->probe_name);
+  GST_OBJECT_UNLOCK(self);
+  if (name) self->probe = se_probe_find(name);
+  const gboolean found = !name || self->probe;
+  if (!found) {
+    GST_ELEMENT_ERROR(
+        self, RESOURCE, NOT_FOUND,
+        ("There is no speechenhanceprobe named \"%s\": make it before this element starts", name),
+        (NULL));
+  }
+  g_free(name);
+  return found;
+}
+
+static gboolean stop(GstAggregator* aggregator) {
+  GstSpeechEnhance* self = SE_ENHANCE(aggregator);
+  drop_stream(self);
+  gst_clear_object(&self->probe);
+  return TRUE;
+}
+
+static GstFlowReturn flush(GstAggregator* aggregator) {
+  forget_position(SE_ENHANCE(aggregator));
+  return GST_FLOW_OK;
+}
+
+// ---- Caps --------------------------------------------------------------------------------------
+
+static gboolean sink_event(GstAggregator* aggregator, GstAggregatorPad* pad, GstEvent* event) {
+  if (GST_EVENT_TYPE(event) == GST_EVENT_CAPS) {
+    GstCaps* caps;
+    gst_event_parse_caps(event, &caps);
+    gst_audio_info_from_caps(&SE_TIMED_PAD(pad)->timeline.info, caps);
+    se_timeline_restart(&SE_TIMED_PAD(pad)->timeline);
+  }
+  return GST_AGGREGATOR_CLASS(gst_speech_enhance_parent_class)->sink_event(aggregator, pad, event);
+}
+
+// The caps with nothing but their rate.
+static GstCaps* rate_of(GstCaps* caps) {
+  caps = gst_caps_make_writable(caps);
+  for (guint i = 0; i < gst_caps_get_size(caps); ++i) {
+    gst_structure_remove_fields(gst_caps_get_structure(caps, i), "format", "layout", "channels",
+                                "channel-mask", NULL);
+  }
+  return caps;
+}
+
+// The microphone's rate is that of the output, the reference's that of the microphone.
+static GstCaps* possible_caps(GstSpeechEnhance* self, GstAggregatorPad* pad) {
+  GstCaps* caps = gst_pad_get_pad_template_caps(GST_PAD(pad));
+  GstCaps* rate = pad == &self->mic->parent
+                      ? gst_pad_peer_query_caps(GST_AGGREGATOR(self)->srcpad, NULL)
+                      : gst_pad_get_current_caps(GST_PAD(self->mic));
+  if (!rate) return caps;
+  rate = rate_of(rate);
+  GstCaps* both = gst_caps_intersect(caps, rate);
+  gst_caps_unref(caps);
+  gst_caps_unref(rate);
+  return both;
+}
+
+static gboolean sink_query(GstAggregator* aggregator, GstAggregatorPad* pad, GstQuery* query) {
+  if (GST_QUERY_TYPE(query) == GST_QUERY_CAPS) {
+    GstCaps *filter, *caps = possible_caps(SE_ENHANCE(aggregator), pad);
+    gst_query_parse_caps(query, &filter);
+    if (filter) {
+      GstCaps* filtered = gst_caps_intersect_full(filter, caps, GST_CAPS_INTERSECT_FIRST);
+      gst_caps_unref(caps);
+      caps = filtered;
+    }
+    gst_query_set_caps_result(query, caps);
+    gst_caps_unref(caps);
+    return TRUE;
+  }
+  if (GST_QUERY_TYPE(query) == GST_QUERY_ACCEPT_CAPS) {
+    // Not by possible_caps(): when all rates change, one pad's changes first.
+    GstCaps *caps, *accepted = gst_pad_get_pad_template_caps(GST_PAD(pad));
+    gst_query_parse_accept_caps(query, &caps);
+    gst_query_set_accept_caps_result(query, gst_caps_is_subset(caps, accepted));
+    gst_caps_unref(accepted);
+    return TRUE;
+  }
+  return GST_AGGREGATOR_CLASS(gst_speech_enhance_parent_class)->sink_query(aggregator, pad, query);
+}
+
+// The microphone's format, if it is taken, or the other one.
+static GstFlowReturn update_src_caps(GstAggregator* aggregator, GstCaps* caps, GstCaps** result) {
+  const GstAudioInfo* info = &SE_ENHANCE(aggregator)->mic->timeline.info;
+  if (info->rate == 0) return GST_AGGREGATOR_FLOW_NEED_DATA;
+  const GstAudioFormat both[] = {GST_AUDIO_INFO_FORMAT(info),
+                                 GST_AUDIO_INFO_FORMAT(info) == GST_AUDIO_FORMAT_S16
+                                     ? GST_AUDIO_FORMAT_F32
+                                     : GST_AUDIO_FORMAT_S16};
+  GstCaps* possible = gst_caps_new_empty();
+  for (int i = 0; i < 2; ++i) {
+    GstAudioInfo mono;
+    gst_audio_info_set_format(&mono, both[i], info->rate, 1, NULL);
+    gst_caps_append(possible, gst_audio_info_to_caps(&mono));
+  }
+  *result = gst_caps_intersect_full(possible, caps, GST_CAPS_INTERSECT_FIRST);
+  gst_caps_unref(possible);
+  return GST_FLOW_OK;
+}
+
+static gboolean negotiated_src_caps(GstAggregator* aggregator, GstCaps* caps) {
+  return gst_audio_info_from_caps(&SE_ENHANCE(aggregator)->output, caps) &&
+         GST_AGGREGATOR_CLASS(gst_speech_enhance_parent_class)
+             ->negotiated_src_caps(aggregator, caps);
+}
+
+static GstAggregatorPad* create_new_pad(GstAggregator* aggregator, GstPadTemplate* pad_template,
+                                        const gchar* name, const GstCaps* caps) {
+  (void)name;
+  (void)caps;
+  SeTimedPad* there = get_reference(SE_ENHANCE(aggregator));
+  if (there) {
+    GST_WARNING_OBJECT(aggregator, "there is one reference already");
+    gst_object_unref(there);
+    return NULL;
+  }
+  return g_object_new(SE_TYPE_TIMED_PAD, "name", "reference", "direction", GST_PAD_SINK, "template",
+                      pad_template, NULL);
+}
+
+// ---- Properties --------------------------------------------------------------------------------
+
+enum { kDelay = 1, kAutoDelay, kProbe, kPostMessages, kInterval, kStats, kFirstSetting };
+
+// With the object's lock.
+static void change_delay(GstSpeechEnhance* self) {
+  if (!self->stream) return;
+  const int32_t delay = self->auto_delay ? SE_STREAM_DELAY_AUTO : self->delay_ms;
+  // A more negative one changes the latency.
+  if (se_stream_set_delay(self->stream, delay) != SE_STREAM_OK) self->renew = TRUE;
+}
+
+static void set_property(GObject* object, guint id, const GValue* value, GParamSpec* spec) {
+  GstSpeechEnhance* self = SE_ENHANCE(object);
+  const char* wrong = NULL;
+  GST_OBJECT_LOCK(self);
+  switch (id) {
+    case kDelay:
+      self->delay_ms = g_value_get_int(value);
+      self->auto_delay = FALSE;
+      change_delay(self);
+      break;
+    case kAutoDelay:
+      self->auto_delay = g_value_get_boolean(value);
+      change_delay(self);
+      break;
+    case kProbe:
+      g_free(self->probe_name);
+      self->probe_name = g_value_dup_string(value);
+      break;
+    case kPostMessages:
+      self->post_messages = g_value_get_boolean(value);
+      break;
+    case kInterval:
+      self->interval = g_value_get_uint64(value);
+      break;
+    default:
+      wrong = se_settings_set(&self->settings, id, value);
+      if (self->stream) se_stream_set_settings(self->stream, &self->settings.stream);
+      break;
+  }
+  GST_OBJECT_UNLOCK(self);
+  if (wrong) g_warning("speechenhance: %s is left as it was: %s", spec->name, wrong);
+}
+
+static void get_property(GObject* object, guint id, GValue* value, GParamSpec* spec) {
+  (void)spec;
+  GstSpeechEnhance* self = SE_ENHANCE(object);
+  GST_OBJECT_LOCK(self);
+  switch (id) {
+    case kDelay:
+      g_value_set_int(value, self->delay_ms);
+      break;
+    case kAutoDelay:
+      g_value_set_boolean(value, self->auto_delay);
+      break;
+    case kProbe:
+      g_value_set_string(value, self->probe_name);
+      break;
+    case kPostMessages:
+      g_value_set_boolean(value, self->post_messages);
+      break;
+    case kInterval:
+      g_value_set_uint64(value, self->interval);
+      break;
+    case kStats:
+      g_value_take_boxed(value, statistics(self));
+      break;
+    default:
+      se_settings_get(&self->settings, id, value);
+      break;
+  }
+  GST_OBJECT_UNLOCK(self);
+}
+
+static void install_properties(GObjectClass* klass) {
+  const GParamFlags ready =
+      (GParamFlags)(G_PARAM_READWRITE | G_PARAM_STATIC_STRINGS | GST_PARAM_MUTABLE_READY);
+  const GParamFlags any =
+      (GParamFlags)(G_PARAM_READWRITE | G_PARAM_STATIC_STRINGS | GST_PARAM_MUTABLE_PLAYING);
+  const GParamFlags shown = (GParamFlags)(G_PARAM_READABLE | G_PARAM_STATIC_STRINGS);
+  se_settings_install(klass, kFirstSetting);
+  g_object_class_install_property(
+      klass, kDelay,
+      g_param_spec_int(
+          "delay", "Delay",
+          "By how many ms the echo comes after the reference; setting it turns auto-delay "
+          "off. A negative one adds to the latency",
+          -SE_STREAM_MAX_DELAY_MS, SE_STREAM_MAX_DELAY_MS, 0, any));
+  g_object_class_install_property(
+      klass, kAutoDelay,
+      g_param_spec_boolean("auto-delay", "Automatic delay",
+                           "Find the delay, 0 to 500 ms, from the sound and follow it", TRUE, any));
+  g_object_class_install_property(
+      klass, kProbe,
+      g_param_spec_string(
+          "probe", "Probe",
+          "Name of the speechenhanceprobe whose sound is the reference, unless the pad "
+          "reference is there",
+          NULL, ready));
+  g_object_class_install_property(
+      klass, kPostMessages,
+      g_param_spec_boolean(
+          "post-messages", "Post messages",
+          "Post an element message \"speechenhance\" with stats and running-time at each "
+          "interval",
+          TRUE, any));
+  g_object_class_install_property(
+      klass, kInterval,
+      g_param_spec_uint64("interval", "Interval", "Time between messages, ns", 1, G_MAXUINT64 / 2,
+                          GST_SECOND, any));
+  g_object_class_install_property(
+      klass, kStats,
+      g_param_spec_boxed(
+          "stats", "Statistics",
+          "Levels of microphone, reference and output, echo reduction (dB), the delay "
+          "found (ms)",
+          GST_TYPE_STRUCTURE, shown));
+}
+
+static void finalize(GObject* object) {
+  GstSpeechEnhance* self = SE_ENHANCE(object);
+  se_stream_destroy(self->stream);
+  g_free(self->probe_name);
+  G_OBJECT_CLASS(gst_speech_enhance_parent_class)->finalize(object);
+}
+
+static void gst_speech_enhance_init(GstSpeechEnhance* self) {
+  se_settings_init(&self->settings);
+  self->auto_delay = TRUE;
+  self->post_messages = TRUE;
+  self->interval = GST_SECOND;
+  gst_audio_info_init(&self->input);
+  gst_audio_info_init(&self->output);
+  forget_position(self);
+  GstPadTemplate* pad_template = gst_element_get_pad_template(GST_ELEMENT(self), "sink");
+  self->mic = g_object_new(SE_TYPE_TIMED_PAD, "name", "sink", "direction", GST_PAD_SINK, "template",
+                           pad_template, NULL);
+  gst_element_add_pad(GST_ELEMENT(self), GST_PAD(self->mic));
+}
+
+static void gst_speech_enhance_class_init(GstSpeechEnhanceClass* klass) {
+  GObjectClass* object_class = G_OBJECT_CLASS(klass);
+  GstElementClass* element_class = GST_ELEMENT_CLASS(klass);
+  GstAggregatorClass* aggregator_class = GST_AGGREGATOR_CLASS(klass);
+  GST_DEBUG_CATEGORY_INIT(se_enhance_debug, "speechenhance", 0,
+                          "Removes noise and echo from speech");
+  object_class->set_property = set_property;
+  object_class->get_property = get_property;
+  object_class->finalize = finalize;
+  install_properties(object_class);
+  aggregator_class->aggregate = aggregate;
+  aggregator_class->get_next_time = get_next_time;
+  aggregator_class->clip = clip;
+  aggregator_class->start = start;
+  aggregator_class->stop = stop;
+  aggregator_class->flush = flush;
+  aggregator_class->sink_event = sink_event;
+  aggregator_class->sink_query = sink_query;
+  aggregator_class->update_src_caps = update_src_caps;
+  aggregator_class->negotiated_src_caps = negotiated_src_caps;
+  aggregator_class->create_new_pad = create_new_pad;
+  gst_element_class_add_static_pad_template_with_gtype(element_class, &sink_template,
+                                                       SE_TYPE_TIMED_PAD);
+  gst_element_class_add_static_pad_template_with_gtype(element_class, &reference_template,
+                                                       SE_TYPE_TIMED_PAD);
+  gst_element_class_add_static_pad_template_with_gtype(element_class, &src_template,
+                                                       GST_TYPE_AGGREGATOR_PAD);
+  gst_element_class_set_static_metadata(
+      element_class, "Speech enhancement", "Filter/Effect/Audio",
+      "Removes noise from speech, and the echo of what the loudspeaker plays (reference, probe)",
+      "The speechenhance developers");
+}

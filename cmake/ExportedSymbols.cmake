@@ -1,0 +1,10 @@
+# The linker exports from `library` what `list` names, one symbol per line, and nothing else.
+function(se_export_symbols library list)
+  file(STRINGS ${list} SE_SYMBOLS REGEX "^[^#]")
+  set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${list})
+  list(JOIN SE_SYMBOLS ";\n    " SE_SYMBOL_LINES)
+  set(map ${CMAKE_CURRENT_BINARY_DIR}/exported_symbols.map)
+  file(CONFIGURE OUTPUT ${map} CONTENT "{\n  global:\n    @SE_SYMBOL_LINES@;\n  local: *;\n};\n" @ONLY)
+  target_link_options(${library} PRIVATE -Wl,--version-script=${map})
+  set_property(TARGET ${library} APPEND PROPERTY LINK_DEPENDS ${map})
+endfunction()

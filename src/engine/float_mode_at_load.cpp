@@ -1,0 +1,3 @@
+#include "common/float_mode.h"
+
+const bool se::kLoadingSetsFloatMode = true;

@@ -1,0 +1,281 @@
+// Products of packed weights for AVX2: eight rows in the lanes of a vector, so that nothing is left
+// to add across lanes.
+//
+// The activations of a GRU's state and of what follows it lie within +-1, -2048 to 2048 in their
+// fixed point. Such values split into six low bits and a high part from 0 to 64 (32 stands for 0):
+// the byte product of both with weights, four of them added up, fits 16 bits, so that vpmaddubsw
+// cannot saturate. A step takes eight columns of eight rows with four byte products. For any other
+// activations the weights widen, as in the products of plain rows.
+#include <cstring>
+
+#include "kernels/avx2.h"
+#include "kernels/packing.h"
+#include "kernels/unrolled.h"
+#include "kernels/variants.h"
+
+namespace se {
+namespace {
+
+constexpr int kLanes = 8;
+
+__m256i widen16(const std::int8_t* w) {
+  return _mm256_cvtepi8_epi16(_mm_loadu_si128(reinterpret_cast<const __m128i*>(w)));
+}
+
+// Eight 32-bit sums. As a type of its own, since GCC copies sums that pass from one view of a
+// vector to another.
+using Sums = unsigned __attribute__((vector_size(32)));
+
+__m256i as_integers(Sums s) {
+  return reinterpret_cast<__m256i>(s);
+}
+
+void store_sums(std::int32_t* to, __m256i v) {
+  _mm256_storeu_si256(reinterpret_cast<__m256i*>(to), v);
+}
+
+template <class T>
+__m256i broadcast32(const T* from) {
+  std::int32_t bits;
+  std::memcpy(&bits, from, sizeof bits);
+  return _mm256_set1_epi32(bits);
+}
+
+__m256i broadcast64(const std::int16_t* from) {
+  std::int64_t bits;
+  std::memcpy(&bits, from, sizeof bits);
+  return _mm256_set1_epi64x(bits);
+}
+
+// The sum stays in its register: the compiler would rather add up all products of a step first, for
+// which there are not enough.
+void add(Sums& sum, __m256i products) {
+  sum += reinterpret_cast<Sums>(products);
+  __asm__("" : "+x"(sum));
+}
+
+// ---- Matrix products ----------------------------------------------------------------------------
+
+constexpr int kGroup = 4;
+constexpr PackOrder kProductOrder = {8 * kLanes, kLanes, kGroup};
+constexpr int kPanelBlocks = kProductOrder.panel / kLanes;
+constexpr int kBlockBytes = kLanes * kGroup;  // of a group's columns of eight rows
+constexpr int kLowBits = 6;
+constexpr int kSmallest = -2048;   // that splits
+constexpr int kSplitRange = 4160;  // as many values do
+
+// Activations in two parts of bytes, zeros behind them.
+struct SplitVector {
+  alignas(32) std::uint8_t low[kMostPackedCols], high[kMostPackedCols];
+
+  // False where a value does not split.
+  bool set(const std::int16_t* q, int n) {
+    __m256i largest = _mm256_setzero_si256();
+    for (int i = 0; i < n; i += 16) {
+      __m256i x;
+      if (i + 16 <= n) {
+        x = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(q + i));
+      } else {
+        alignas(32) std::int16_t last[16] = {};
+        std::memcpy(last, q + i, static_cast<std::size_t>(n - i) * sizeof *q);
+        x = _mm256_load_si256(reinterpret_cast<const __m256i*>(last));
+      }
+      x = _mm256_sub_epi16(x, _mm256_set1_epi16(kSmallest));
+      largest = _mm256_max_epu16(largest, x);
+      const __m256i lows = _mm256_and_si256(x, _mm256_set1_epi16((1 << kLowBits) - 1));
+      const __m256i highs = _mm256_srli_epi16(x, kLowBits);
+      const __m256i both = _mm256_permute4x64_epi64(_mm256_packus_epi16(lows, highs), 0xd8);
+      _mm_store_si128(reinterpret_cast<__m128i*>(low + i), _mm256_castsi256_si128(both));
+      _mm_store_si128(reinterpret_cast<__m128i*>(high + i), _mm256_extracti128_si256(both, 1));
+    }
+    const __m256i limit = _mm256_set1_epi16(kSplitRange - 1);
+    const __m256i within = _mm256_cmpeq_epi16(_mm256_max_epu16(largest, limit), limit);
+    return _mm256_movemask_epi8(within) == -1;
+  }
+};
+
+// Adds to kBlocks sums of eight rows the products of one part of eight columns, times `unit`.
+template <int kBlocks>
+__attribute__((always_inline)) inline void add_part(const std::uint8_t* part, const std::int8_t* w,
+                                                    __m256i unit, Sums (&sum)[kBlocks]) {
+  const __m256i first = broadcast32(part), second = broadcast32(part + kGroup);
+  unrolled<kBlocks>([&](int b) SE_INLINE {
+    const auto* const block = reinterpret_cast<const __m256i*>(w + b * kBlockBytes);
+    const __m256i fours = _mm256_add_epi16(_mm256_maddubs_epi16(first, block[0]),
+                                           _mm256_maddubs_epi16(second, block[kBlocks]));
+    add(sum[b], _mm256_madd_epi16(fours, unit));
+  });
+  // The weights of the other part come from memory again, as operands, not from registers that are
+  // loaded first.
+  __asm__ volatile("" ::: "memory");
+}
+
+// The sums of kBlocks * 8 rows. `cols` is a multiple of eight.
+template <int kBlocks>
+__attribute__((noinline)) void split_panel(const std::int8_t* w, const std::int32_t* row_sums,
+                                           const SplitVector& q, int cols, std::int32_t* sums) {
+  const __m256i one = _mm256_set1_epi16(1), high_unit = _mm256_set1_epi16(1 << kLowBits);
+  Sums sum[kBlocks];
+  unrolled<kBlocks>([&](int b) SE_INLINE {
+    const __m256i row_sum =
+        _mm256_loadu_si256(reinterpret_cast<const __m256i*>(row_sums + b * kLanes));
+    sum[b] = reinterpret_cast<Sums>(row_sum) * static_cast<unsigned>(kSmallest);
+  });
+  for (int i = 0; i < cols; i += 2 * kGroup, w += 2 * kBlocks * kBlockBytes) {
+    add_part(q.low + i, w, one, sum);
+    add_part(q.high + i, w, high_unit, sum);
+  }
+  unrolled<kBlocks>([&](int b) SE_INLINE { store_sums(sums + b * kLanes, as_integers(sum[b])); });
+}
+
+// The function for a panel of so many blocks.
+template <int kBlocks = kPanelBlocks>
+void any_split_panel(int blocks, const std::int8_t* w, const std::int32_t* row_sums,
+                     const SplitVector& q, int cols, std::int32_t* sums) {
+  if constexpr (kBlocks > 0) {
+    if (blocks == kBlocks) return split_panel<kBlocks>(w, row_sums, q, cols, sums);
+    any_split_panel<kBlocks - 1>(blocks, w, row_sums, q, cols, sums);
+  }
+}
+
+// The sums of kBlocks * 8 rows of a panel of `panel` blocks with any activations. A widened load
+// holds four columns of four rows, so that every row has two lanes until the end.
+template <int kBlocks>
+__attribute__((noinline)) void wide_blocks(const std::int8_t* weights, int panel,
+                                           const std::int16_t* q, const NonZeroFours& fours,
+                                           std::int32_t* sums) {
+  Sums low[kBlocks], high[kBlocks];
+  unrolled<kBlocks>([&](int b) SE_INLINE { low[b] = high[b] = Sums{}; });
+  for (int i = 0; i < fours.count; ++i) {
+    const int group = fours.at[i];
+    const std::int8_t* const w = weights + group * panel * kBlockBytes;
+    const __m256i x = broadcast64(q + group * kGroup);
+    unrolled<kBlocks>([&](int b) SE_INLINE {
+      const std::int8_t* const block = w + b * kBlockBytes;
+      add(low[b], _mm256_madd_epi16(widen16(block), x));
+      add(high[b], _mm256_madd_epi16(widen16(block + 16), x));
+    });
+  }
+  unrolled<kBlocks>([&](int b) SE_INLINE {
+    const __m256i pairs = _mm256_hadd_epi32(as_integers(low[b]), as_integers(high[b]));
+    store_sums(sums + b * kLanes, _mm256_permute4x64_epi64(pairs, 0xd8));
+  });
+}
+
+// All blocks of a panel, four at a time and then the rest.
+template <int kBlocks = 4>
+void wide_panel(int first, int panel, const std::int8_t* w, const std::int16_t* q,
+                const NonZeroFours& fours, std::int32_t* sums) {
+  for (; first + kBlocks <= panel; first += kBlocks) {
+    wide_blocks<kBlocks>(w + first * kBlockBytes, panel, q, fours, sums + first * kLanes);
+  }
+  if constexpr (kBlocks > 1) wide_panel<kBlocks - 1>(first, panel, w, q, fours, sums);
+}
+
+void packed_product(const PackedMatrix& m, const Matrix& /*plain*/, const std::int16_t* q,
+                    std::int32_t* sums) {
+  SplitVector split;
+  const bool splits = m.cols % (2 * kGroup) == 0 && split.set(q, m.cols);
+  const int cols = round_up(m.cols, kGroup);
+  std::int16_t filled[kMostPackedCols];
+  if (cols != m.cols) {
+    std::memset(filled + cols - kGroup, 0, kGroup * sizeof *filled);
+    std::memcpy(filled, q, static_cast<std::size_t>(m.cols) * sizeof *q);
+    q = filled;
+  }
+  const NonZeroFours fours(q, splits ? 0 : cols);
+  const std::int8_t* w = m.weights;
+  const std::int32_t* row_sums = m.row_sums;
+  for (int left = round_up(m.rows, kLanes) / kLanes; left > 0; left -= kPanelBlocks) {
+    const int blocks = left < kPanelBlocks ? left : kPanelBlocks;
+    if (splits) {
+      any_split_panel(blocks, w, row_sums, split, cols, sums);
+    } else {
+      wide_panel(0, blocks, w, q, fours, sums);
+    }
+    w += blocks * kBlockBytes * (cols / kGroup);
+    row_sums += blocks * kLanes;
+    sums += blocks * kLanes;
+  }
+}
+
+// ---- Convolutions -------------------------------------------------------------------------------
+
+constexpr PackOrder kConvolveOrder = {kLanes, kLanes, 2};
+
+// The outputs of kBlocks * 8 rows from `first` on at kPositions positions from `position` on. kStep
+// is the step between positions where it is known, so that loads reach them from one address; 0
+// otherwise.
+template <int kBlocks, int kPositions, int kStep>
+void convolve_tile(const PackedMatrix& m, const ConvInput& in, const OutputScale& out, int first,
+                   int position, float* y) {
+  const int window = round_up(in.window, 2);
+  const std::ptrdiff_t step = kStep > 0 ? kStep : in.step,
+                       block_bytes = std::ptrdiff_t{kLanes} * in.frame_count * window;
+  const std::int8_t* w = m.weights + first / kLanes * block_bytes;
+  Sums sum[kBlocks][kPositions];
+  unrolled<kBlocks>(
+      [&](int b) SE_INLINE { unrolled<kPositions>([&](int p) SE_INLINE { sum[b][p] = Sums{}; }); });
+  for (int t = 0; t < in.frame_count; ++t) {
+    const std::int16_t* x = in.frames[t] + position * step;
+    for (int i = 0; i < window; i += 2, x += 2, w += 2 * kLanes) {
+      forget(x);
+      __m256i weights[kBlocks];
+      unrolled<kBlocks>([&](int b) SE_INLINE { weights[b] = widen16(w + b * block_bytes); });
+      unrolled<kPositions>([&](int p) SE_INLINE {
+        const __m256i two = broadcast32(x + p * step);
+        unrolled<kBlocks>([&](int b)
+                              SE_INLINE { add(sum[b][p], _mm256_madd_epi16(weights[b], two)); });
+      });
+    }
+  }
+  unrolled<kBlocks>([&](int b) SE_INLINE {
+    const int row = first + b * kLanes;
+    const __m256 scale = _mm256_mul_ps(_mm256_loadu_ps(out.scale + row), fill(out.unit));
+    const __m256 bias = _mm256_loadu_ps(out.bias + row);
+    unrolled<kPositions>([&](int p) SE_INLINE {
+      const __m256 v =
+          _mm256_add_ps(_mm256_mul_ps(_mm256_cvtepi32_ps(as_integers(sum[b][p])), scale), bias);
+      _mm256_storeu_ps(y + (position + p) * m.rows + row, v);
+    });
+  });
+}
+
+template <int kStep>
+void convolve_tiles(const PackedMatrix& m, const ConvInput& in, const OutputScale& out, float* y) {
+  int row = 0;
+  for (; row + 2 * kLanes <= m.rows; row += 2 * kLanes) {
+    for (int p = 0; p < in.positions; p += 4) convolve_tile<2, 4, kStep>(m, in, out, row, p, y);
+  }
+  if (row < m.rows) {
+    for (int p = 0; p < in.positions; p += 8) convolve_tile<1, 8, kStep>(m, in, out, row, p, y);
+  }
+}
+
+NnKernels g_plain;  // takes what the packed kernels leave
+
+void packed_convolve(const PackedMatrix& packed, const Matrix& m, const ConvInput& in,
+                     const OutputScale& out, float* y) {
+  constexpr int kLongWindow = 96;  // from here on sums across lanes cost less than broadcasts
+  const bool readable = (in.positions - 1) * in.step + round_up(in.window, 2) <= in.frame_len;
+  if (m.rows % kLanes != 0 || in.positions % 8 != 0 || in.window >= kLongWindow || !readable) {
+    return g_plain.convolve(m, in, out, y);
+  }
+  // The steps of the denoiser's layers, and then any other.
+  if (in.step == 6) return convolve_tiles<6>(packed, in, out, y);
+  if (in.step == 16) return convolve_tiles<16>(packed, in, out, y);
+  if (in.step == 32) return convolve_tiles<32>(packed, in, out, y);
+  convolve_tiles<0>(packed, in, out, y);
+}
+
+}  // namespace
+
+void use_avx2_packed(NnKernels& k) {
+  g_plain = k;
+  k.product_order = kProductOrder;
+  k.packed_product = packed_product;
+  k.convolve_order = kConvolveOrder;
+  k.packed_convolve = packed_convolve;
+}
+
+}  // namespace se

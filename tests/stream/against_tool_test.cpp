@@ -1,0 +1,141 @@
+// Streams give what the tool makes of the same recording.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstring>
+#include <vector>
+
+#include "audio_input.h"
+#include "enhance.h"
+#include "errors.h"
+#include "preset.h"
+#include "stream/by_tool.h"
+#include "stream/stream_support.h"
+#include "tool/test_files.h"
+
+namespace se_tool {
+namespace {
+
+// The same by a stream, at its rate, without its latency.
+std::vector<float> by_stream(const Scene& scene, int rate, const char* preset_name) {
+  StreamHandle stream = make_stream(rate, 2, 1, 0);
+  const SEStreamSettings settings = preset(preset_name);
+  EXPECT_EQ(se_stream_set_settings(stream.get(), &settings), SE_STREAM_OK);
+  const auto latency = static_cast<std::size_t>(se_stream_latency(stream.get()));
+  std::vector<std::vector<float>> mics = scene.mics, refs = {scene.refs[0]};
+  for (auto* signals : {&mics, &refs}) {
+    for (auto& signal : *signals) signal.resize(signal.size() + latency);
+  }
+  std::vector<float> out = run(stream.get(), mics, refs, 480);
+  out.erase(out.begin(), out.begin() + static_cast<std::ptrdiff_t>(latency));
+  return out;
+}
+
+std::vector<float> at_16k(const std::vector<float>& signal, int rate) {
+  const TestFolder folder;
+  write_sound(folder / "sound.wav", kWavFloat, rate, 1, signal);
+  AudioInput input(folder / "sound.wav");
+  std::vector<float> result(input.length());
+  input.read(result.data(), result.size());
+  return result;
+}
+
+TEST(StreamAgainstTool, HasItsPresets) {
+  int index = 0;
+  for (const BuiltInPreset& built_in : built_in_presets()) {
+    ASSERT_STREQ(se_stream_preset_name(index), built_in.name);
+    EXPECT_EQ(se_stream_preset_description(index), preset_description(built_in));
+    const Settings settings = load_preset(built_in.name);
+    const NnProcessConfig config = engine_config(settings);
+    const SEStreamSettings streams = preset(built_in.name);
+    EXPECT_EQ(std::memcmp(&streams.engine, &config, sizeof config), 0) << built_in.name;
+    EXPECT_EQ(streams.mode, static_cast<int>(settings.mode));
+    EXPECT_EQ(se_stream_check_settings(&streams), SE_STREAM_OK);
+    ++index;
+  }
+  EXPECT_EQ(se_stream_preset_name(index), nullptr);
+  EXPECT_EQ(se_stream_preset_description(index), nullptr);
+}
+
+// Both refuse the same settings.
+TEST(StreamAgainstTool, HasItsRanges) {
+  const auto agree = [](const Settings& settings) {
+    bool tool_takes_it = true;
+    try {
+      check_settings(settings);
+    } catch (const Error&) {
+      tool_takes_it = false;
+    }
+    SEStreamSettings streams = preset("plain");
+    streams.mode = static_cast<int>(settings.mode);
+    streams.engine = engine_config(settings);
+    EXPECT_EQ(se_stream_check_settings(&streams) == SE_STREAM_OK, tool_takes_it);
+  };
+  for (const int db : {-1, 0, 9, 10, 120, 121, 130, 131}) {
+    Settings settings;
+    settings.residual_db = db;
+    agree(settings);
+    settings = {};
+    settings.ns_residual_db = db;
+    agree(settings);
+    settings = {};
+    settings.limiter = {0.5, static_cast<double>(db)};
+    agree(settings);
+    settings = {};
+    settings.low_shelf = {1000, static_cast<double>(db)};
+    agree(settings);
+  }
+  for (const double ceiling : {0.0, 0.009, 0.02, 1.0, 1.01}) {
+    Settings settings;
+    settings.limiter = {ceiling, 0};
+    agree(settings);
+  }
+  for (const double hz : {-1.0, 0.0, 278.0, 279.0, 7718.0, 7719.0, 8000.0, 8001.0}) {
+    Settings settings;
+    settings.low_shelf = {hz, 3};
+    agree(settings);
+    settings = {};
+    settings.high_shelf = {hz, 3};
+    agree(settings);
+  }
+  for (const int hz : {30, 31, 1000, 7966, 7967}) {
+    for (const int q : {-1, 1, 32, 33}) {
+      Settings settings;
+      settings.peaks = {{hz, 3, q}};
+      agree(settings);
+      settings.peaks = {{hz, 41, q}};
+      agree(settings);
+    }
+  }
+}
+
+TEST(StreamAgainstTool, GivesTheSameBitsAt16k) {
+  const Scene scene(16000, 2.0);
+  for (int i = 0; const char* name = se_stream_preset_name(i); ++i) {
+    const std::vector<float> tools = by_tool(scene, 16000, name);
+    EXPECT_GT(energy_of(tools), 0.01) << name;
+    EXPECT_EQ(by_stream(scene, 16000, name), tools) << name;
+  }
+}
+
+// The tool has another resampler, the difference of which stays 60 dB below the sound. With a far
+// end, the echo canceller's filters are kept or dropped by comparisons that the last bits can turn,
+// in some bin at some time.
+TEST(StreamAgainstTool, GivesTheSameSoundAtOtherRates) {
+  for (const int rate : {8000, 44100, 48000}) {
+    for (const bool far_end : {false, true}) {
+      Scene scene(rate, 3.0);
+      if (!far_end) scene.refs[0].assign(scene.refs[0].size(), 0.0f);
+      const std::vector<float> tools = by_tool(scene, rate, "voice");
+      const std::vector<float> streams = at_16k(by_stream(scene, rate, "voice"), rate);
+      ASSERT_EQ(streams.size(), tools.size());
+      std::vector<float> difference(tools.size());
+      for (std::size_t i = 0; i < tools.size(); ++i) difference[i] = streams[i] - tools[i];
+      const double db = 10 * std::log10(energy_of(difference) / energy_of(tools));
+      EXPECT_LT(db, far_end ? -40.0 : -60.0) << rate;
+    }
+  }
+}
+
+}  // namespace
+}  // namespace se_tool

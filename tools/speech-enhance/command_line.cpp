@@ -1,0 +1,105 @@
+#include "command_line.h"
+
+#include <algorithm>
+#include <charconv>
+#include <memory>
+
+#include "errors.h"
+
+namespace se_tool {
+namespace {
+
+// CLI11's help without its own account of types, checks and defaults.
+class HelpFormatter : public CLI::Formatter {
+ public:
+  explicit HelpFormatter(std::string usage) : usage_(std::move(usage)) { column_width(25); }
+
+  std::string make_usage(const CLI::App*, std::string) const override {
+    return "\nUsage: " + usage_ + "\n";
+  }
+  std::string make_option_name(const CLI::Option* option, bool is_positional) const override {
+    std::string name = option->get_name(is_positional, !is_positional);
+    name.erase(std::remove(name.begin(), name.end(), '!'), name.end());
+    return name.substr(0, name.find('{'));
+  }
+  std::string make_option_opts(const CLI::Option* option) const override {
+    const std::string& value = option->get_option_text();
+    return value.empty() ? "" : " " + value;
+  }
+
+ private:
+  std::string usage_;
+};
+
+void refuse_empty_texts(const CLI::App& app) {
+  for (const CLI::Option* option : app.get_options()) {
+    for (const std::string& text : option->results()) {
+      if (!text.empty()) continue;
+      usage_error(option->get_name() + ": empty, leave it out or give it a value");
+    }
+  }
+}
+
+std::string first_line(const std::string& text) {
+  return text.substr(0, text.find('\n'));
+}
+
+}  // namespace
+
+void usage_error(const std::string& line) {
+  throw Error(ExitCode::kUsage, line);
+}
+
+void prepare_command_line(CLI::App& app, const std::string& usage) {
+  app.formatter(std::make_shared<HelpFormatter>(usage));
+}
+
+std::string parse_command_line(CLI::App& app, int argc, const char* const* argv) {
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::CallForHelp&) {
+    return app.help();
+  } catch (const CLI::CallForVersion& version) {
+    return std::string(version.what()) + "\n";
+  } catch (const CLI::ParseError& error) {
+    usage_error(first_line(error.what()) + " (see --help)");
+  }
+  refuse_empty_texts(app);
+  return "";
+}
+
+double parse_number(const std::string& text, const std::string& option) {
+  double value = 0;
+  const char* end = text.data() + text.size();
+  const auto [stop, error] = std::from_chars(text.data(), end, value);
+  if (error != std::errc() || stop != end) {
+    usage_error(option + ": \"" + text + "\" is not a number");
+  }
+  return value;
+}
+
+int parse_whole_number(const std::string& text, const std::string& option) {
+  int value = 0;
+  const char* end = text.data() + text.size();
+  const auto [stop, error] = std::from_chars(text.data(), end, value);
+  if (error != std::errc() || stop != end) {
+    usage_error(option + ": \"" + text + "\" is not a whole number");
+  }
+  return value;
+}
+
+std::uint64_t parse_size(const std::string& text, const std::string& option) {
+  constexpr std::string_view kUnits = "KMGT";
+  std::uint64_t value = 0;
+  const char* end = text.data() + text.size();
+  const auto [stop, error] = std::from_chars(text.data(), end, value);
+  const std::size_t unit = stop + 1 == end ? kUnits.find(*stop) : std::string_view::npos;
+  const std::size_t shift = unit == std::string_view::npos ? 0 : 10 * (unit + 1);
+  const bool understood = error == std::errc() && (stop == end || shift != 0);
+  if (!understood || value == 0 || value > UINT64_MAX >> shift) {
+    usage_error(option + ": \"" + text + "\" is not a size such as 500M or 16G");
+  }
+  return value << shift;
+}
+
+}  // namespace se_tool
