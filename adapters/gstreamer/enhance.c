@@ -344,6 +344,9 @@ static gboolean sink_event(GstAggregator* aggregator, GstAggregatorPad* pad, Gst
     gst_event_parse_caps(event, &caps);
     gst_audio_info_from_caps(&SE_TIMED_PAD(pad)->timeline.info, caps);
     se_timeline_restart(&SE_TIMED_PAD(pad)->timeline);
+    // A reference that has just begun may have a latency now (answer_for_reference).
+    gst_element_post_message(GST_ELEMENT(aggregator),
+                             gst_message_new_latency(GST_OBJECT(aggregator)));
   }
   return GST_AGGREGATOR_CLASS(gst_speech_enhance_parent_class)->sink_event(aggregator, pad, event);
 }
@@ -421,6 +424,20 @@ static gboolean negotiated_src_caps(GstAggregator* aggregator, GstCaps* caps) {
              ->negotiated_src_caps(aggregator, caps);
 }
 
+// The aggregator knows no latency, so that a live microphone waits for ever, while one of its
+// inputs cannot tell its own. A reference that has not begun, and may never, is as good as without.
+static GstPadProbeReturn answer_for_reference(GstPad* pad, GstPadProbeInfo* info, gpointer data) {
+  (void)data;
+  GstQuery* query = GST_PAD_PROBE_INFO_QUERY(info);
+  if (GST_QUERY_TYPE(query) != GST_QUERY_LATENCY) return GST_PAD_PROBE_OK;
+  GstPad* peer = gst_pad_get_peer(pad);
+  if (!peer || !gst_pad_query(peer, query)) {
+    gst_query_set_latency(query, FALSE, 0, GST_CLOCK_TIME_NONE);
+  }
+  gst_clear_object(&peer);
+  return GST_PAD_PROBE_HANDLED;
+}
+
 static GstAggregatorPad* create_new_pad(GstAggregator* aggregator, GstPadTemplate* pad_template,
                                         const gchar* name, const GstCaps* caps) {
   (void)name;
@@ -431,8 +448,11 @@ static GstAggregatorPad* create_new_pad(GstAggregator* aggregator, GstPadTemplat
     gst_object_unref(there);
     return NULL;
   }
-  return g_object_new(SE_TYPE_TIMED_PAD, "name", "reference", "direction", GST_PAD_SINK, "template",
-                      pad_template, NULL);
+  GstAggregatorPad* reference = g_object_new(SE_TYPE_TIMED_PAD, "name", "reference", "direction",
+                                             GST_PAD_SINK, "template", pad_template, NULL);
+  gst_pad_add_probe(GST_PAD(reference), GST_PAD_PROBE_TYPE_QUERY_UPSTREAM | GST_PAD_PROBE_TYPE_PUSH,
+                    answer_for_reference, NULL, NULL);
+  return reference;
 }
 
 // ---- Properties --------------------------------------------------------------------------------
