@@ -4,7 +4,8 @@
 // Input: how to run (nn_only 1, use_ns 2, 16-bit samples 4, the rest chooses the kernels), the 43
 // words of a configuration, then frames: a byte whose bit pairs say what microphone 0, microphone 1
 // and the reference hold, 0xC0 to take a new configuration first, and the bits of a float. Whatever
-// that was, with an ordinary configuration and ordinary sound the output is numbers at once.
+// that was, with an ordinary configuration and ordinary sound the output is numbers again, as soon
+// as what the last gains made too large for a float has left the overlap and the limiter.
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -21,7 +22,7 @@
 namespace {
 
 constexpr std::size_t kBlock = SE_BLOCK_LEN;
-constexpr int kMostFrames = 32, kOrdinaryFrames = 3;
+constexpr int kMostFrames = 32, kOrdinaryFrames = 6, kFramesToForget = 4;
 
 enum Sound { kSilence, kConstant, kNoise, kClick };
 
@@ -119,7 +120,8 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   for (int i = 0; i < kOrdinaryFrames; ++i) {
     frame.make(kNoise | kNoise << 2 | kNoise << 4, 0.1f, random);
     frame.process(engine.get(), (how & 1) != 0, (how & 2) != 0);
-    se_fuzz::check(frame.is_finite(), "ordinary sound comes out as numbers, whatever was before");
+    se_fuzz::check(i < kFramesToForget || frame.is_finite(),
+                   "ordinary sound comes out as numbers, whatever was before");
   }
   return 0;
 }
