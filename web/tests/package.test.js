@@ -45,6 +45,29 @@ test('gives the bits of the tool, with and without vectors', async () => {
   }
 });
 
+test('its types hold a strict program to what the package takes', () => {
+  writeFileSync(join(folder, 'program.ts'), `
+    import { createEnhancerNode, enhance, Enhancer, load, presets, type Status } from 'speechenhance';
+    const clean: Float32Array = await enhance([new Float32Array(16), new Float32Array(16)],
+      { preset: 'call', limiter: { gainDb: 6 }, delay: 'auto', onProgress: (part: number, s: Status) => s.micDb + part });
+    const enhancer: Enhancer = await Enhancer.create({ rate: 48000, refChannels: 1, module: await load() });
+    enhancer.set({ mode: 'mix', limiter: false });
+    clean.set(enhancer.process(clean, null));
+    const names: string[] = (await presets()).map((preset) => preset.name);
+    const node: AudioNode = await createEnhancerNode(new AudioContext(), { preset: names[0]!, reference: true });
+    node.connect(node.context.destination);
+    // @ts-expect-error
+    enhancer.set({ mode: 'loud' });
+    // @ts-expect-error
+    enhancer.latency = 1;
+    // @ts-expect-error
+    await createEnhancerNode(new AudioContext(), { module: await load() });
+  `);
+  const compiler = new URL('../node_modules/typescript/bin/tsc', import.meta.url).pathname;
+  execFileSync('node', [compiler, '--strict', '--noEmit', '--target', 'es2022', '--module', 'nodenext', '--lib', 'es2022,dom',
+    'program.ts'], { cwd: folder, stdio: 'inherit' });
+});
+
 test('settings are those of the tool', async () => {
   const module = await api.load();
   const cases = [
