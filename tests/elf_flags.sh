@@ -28,10 +28,10 @@ for file in "$@"; do
   "$readelf" -lW "$file" | grep 'GNU_STACK' | grep -q 'RWE' && fail "$file" "the stack is executable"
   "$readelf" -dW "$file" | grep -q 'BIND_NOW' || fail "$file" "functions are bound late"
   symbols=$("$readelf" -sW --dyn-syms "$file")
-  for symbol in __stack_chk_fail _chk@; do
-    echo "$symbols" | grep -q "UND .*$symbol" || fail "$file" "does not use $symbol"
-  done
-  # The tool alone checks the bounds of containers.
+  echo "$symbols" | grep -q "UND .*__stack_chk_fail" || fail "$file" "does not guard the stack"
+  # The plugins call nothing that _FORTIFY_SOURCE replaces; the tool alone has containers to check.
+  case $file in */adapters/*) continue ;; esac
+  echo "$symbols" | grep -q "UND .*_chk@" || fail "$file" "is not fortified"
   case $file in *.so*) continue ;; esac
   echo "$symbols" | grep -q 'UND .*glibcxx_assert_fail' || fail "$file" "does not check containers"
 done
