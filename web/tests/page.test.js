@@ -4,40 +4,26 @@
 import { test, before, after } from 'node:test';
 import assert from 'node:assert/strict';
 import { execFileSync } from 'node:child_process';
-import { createServer } from 'node:http';
 import { mkdtempSync, mkdirSync, readFileSync, rmSync, writeFileSync } from 'node:fs';
 import { tmpdir } from 'node:os';
-import { extname, join, normalize } from 'node:path';
-import { chromium } from 'playwright-core';
+import { join } from 'node:path';
+import { openBrowser } from './browser.js';
 import { parseWav, readWavFile } from './wav.js';
 
 const { PAGE, TOOL, SCENE, SCREENSHOTS, MODULE_TESTS } = process.env;
-const TYPES = { '.html': 'text/html', '.js': 'text/javascript', '.css': 'text/css', '.wasm': 'application/wasm' };
 const DONE = { timeout: 120000 };
-let folder, server, browser, origin;
+let folder, browser, origin, close;
 
 before(async () => {
   folder = mkdtempSync(join(tmpdir(), 'speechenhance-'));
   mkdirSync(SCREENSHOTS, { recursive: true });
-  server = createServer((request, response) => {
-    const path = normalize(new URL(request.url, 'http://page').pathname);
-    try {
-      const root = path.startsWith('/module_tests.') ? MODULE_TESTS : PAGE;
-      const body = readFileSync(join(root, path === '/' ? 'index.html' : path));
-      response.writeHead(200, { 'content-type': TYPES[extname(path === '/' ? '.html' : path)] ?? 'text/html' }).end(body);
-    } catch {
-      response.writeHead(404).end();
-    }
-  });
-  await new Promise((resolve) => { server.listen(0, '127.0.0.1', resolve); });
-  origin = `http://127.0.0.1:${server.address().port}`;
-  browser = await chromium.launch({ executablePath: '/usr/bin/chromium', args: ['--no-sandbox',
-    '--autoplay-policy=no-user-gesture-required', '--use-fake-ui-for-media-stream', '--use-fake-device-for-media-stream',
-    `--use-file-for-fake-audio-capture=${join(SCENE, 'mic.wav')}`] });
+  ({ browser, origin, close } = await openBrowser((path) =>
+    join(path.startsWith('/module_tests.') ? MODULE_TESTS : PAGE, path), '--autoplay-policy=no-user-gesture-required',
+  '--use-fake-ui-for-media-stream', '--use-fake-device-for-media-stream',
+  `--use-file-for-fake-audio-capture=${join(SCENE, 'mic.wav')}`));
 });
 after(async () => {
-  await browser?.close();
-  server?.close();
+  await close?.();
   rmSync(folder, { recursive: true });
 });
 
