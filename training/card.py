@@ -29,7 +29,17 @@ clean signal; dB unless it is STOI; ± is the standard error over the scenes.
 
 ![Scores over input SNR](scores/scores.png)
 
-All numbers, those of the tool's presets among them: `scores/scores.md`. Three scenes:
+All numbers, those of the tool's presets among them: `scores/scores.md`.
+
+## Recordings from elsewhere
+
+"far" are collections that no training heard, "near" are other talkers, noises and rooms of the collections
+that were trained on: same measures, and every engine on the same scenes (`docs/training.md`, far scores). By SNR,
+kind of noise, distance, sex and language: `scores/far.md`.
+
+{far}
+
+## Three scenes
 
 ![Three scenes](scores/scenes.png)
 
@@ -48,10 +58,11 @@ def draft(scores: Path, name: str, checkpoint: Path) -> str:
         if not path.exists():
             raise TrainingError(f"{path} is missing; the card tells what it says")
     results = json.loads((scores / "scores.json").read_text())
+    far = (scores / "far.md").read_text().partition("\nSTOI gained by")[0].strip()
     table = evaluate.targets_table(results["processors"], results["standard errors of the engine"])
     plots.learning(log, scores / "learning.png")
     return TEXT.format(name=name, count=results["scenes per condition"], targets="\n".join(table),
-                       notes=notes.read_text())
+                       far=far, notes=notes.read_text())
 
 
 def write(path: Path, text: str, checksum: int) -> None:
