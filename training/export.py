@@ -10,50 +10,17 @@ import struct
 from pathlib import Path
 
 import numpy as np
-import torch
 
 from training import checkpoint, library, model_file, reference
 from training.errors import TrainingError, reported_briefly
 from training.library import SHAPE
-from training.network import GRU_STEP, row_scales
+from training.model_tables import model_tables
 
 ROOT = Path(__file__).parents[1]
 TOLERANCE = 1e-4  # of a gain, between the library and the plain computation
 CHECK_FRAMES = 500
 GOLDEN_FRAMES = 300
 GOLDEN_HEADER = struct.Struct("<8sIII")  # magic, frames, checksum of the model, first frame scored
-
-
-def tables(network) -> dict[str, np.ndarray]:
-    """The tables of a model file, quantised as the network quantises them."""
-    with torch.no_grad():
-        result = {}
-        for number, conv in enumerate(network.convs, 1):
-            rows = conv.weight.permute(0, 2, 3, 1).reshape(conv.shape.out_channels, -1)
-            scale = row_scales(rows)
-            kernel = torch.round(rows / scale[:, None]).to(torch.int8).numpy()
-            padding = -kernel.shape[1] % 8
-            multiplier, offset = conv.folded()
-            result |= {f"conv{number}_kernel": np.pad(kernel, ((0, 0), (0, padding))),
-                       f"conv{number}_kernel_scale": scale.numpy(),
-                       f"conv{number}_bias": conv.bias.numpy(),
-                       f"bn{number}_bn_gamma_var": multiplier.squeeze(1).t().numpy(),
-                       f"bn{number}_bn_gmb": offset.squeeze(1).t().numpy()}
-        for name, pair in (("gru1", network.gru1), ("gru2", network.gru2)):
-            for i in range(2):
-                for part in ("weight_ih", "weight_hh"):
-                    steps = torch.round(getattr(pair, part)[i] * GRU_STEP)
-                    if not (steps.min() >= -128 and steps.max() <= 127):
-                        raise TrainingError(f"{name}_{i + 1}.{part} leaves the range of int8")
-                    result[f"{name}_{i + 1}_{part}"] = steps.to(torch.int8).numpy()
-                for part in ("bias_ih", "bias_hh"):
-                    result[f"{name}_{i + 1}_{part}"] = getattr(pair, part)[i].reshape(3, -1).numpy()
-        scale = row_scales(network.head.weight)
-        head = {"weight": torch.round(network.head.weight / scale[:, None]).to(torch.int8).numpy(),
-                "weight_scale": scale.numpy(), "bias": network.head.bias.numpy()}
-        for name in ("fc1", "fc2"):  # the format carries a second head that nothing computes
-            result |= {f"{name}_{part}": value for part, value in head.items()}
-        return result
 
 
 def golden_scene(frames: int) -> np.ndarray:
@@ -89,7 +56,7 @@ def export(network, model_path: Path, golden_path: Path | None, name: str) -> tu
     """Writes model and golden vectors; returns the model's checksum and the largest difference."""
     candidate = model_path.with_name(model_path.name + ".candidate")
     try:
-        checksum = model_file.write_model(candidate, name, tables(network))
+        checksum = model_file.write_model(candidate, name, model_tables(network))
         _, difference = check(candidate, golden_scene(CHECK_FRAMES))
         if not difference <= TOLERANCE:
             raise TrainingError(f"the library's gains differ by {difference:.2g} from the "

@@ -221,7 +221,9 @@ class Sources:
             else:
                 spectrum = scipy.fft.rfft(rng.standard_normal(len(t), dtype=np.float32))
                 f = np.linspace(0, self.rate / 2, len(spectrum), dtype=np.float32)
-                spectrum /= (1 + (f / np.float32(rng.uniform(200, 2500))) ** 2) / (f / (f + 60))
+                spectrum[0] = 0
+                spectrum[1:] /= ((1 + (f / np.float32(rng.uniform(200, 2500))) ** 2)[1:] /
+                                 (f[1:] / (f[1:] + 60)))
                 event = scipy.fft.irfft(spectrum, len(t)) * np.sin(np.pi * t / seconds)
                 event = normalised(event * (1 + np.sin(2 * np.pi * rng.uniform(3, 25) * t))) * 0.3
             out[at:at + len(t)] += event.astype(np.float32) * decibels_to_gain(rng.uniform(-15, 0))

@@ -13,11 +13,12 @@ from pathlib import Path
 
 import numpy as np
 
-from training import export, checkpoint, material, metrics, model_file, processors
+from training import checkpoint, material, metrics, model_file, processors
 from training.audio import Material
 from training.conditions import SNRS, plan
 from training.errors import TrainingError
 from training.library import SHAPE
+from training.model_tables import model_tables
 from training.scenes import Mixer, Plan, Scene
 
 SIDES = ("far", "near")
@@ -145,7 +146,7 @@ def lineup(arguments, folder: Path) -> dict[str, tuple[str, processors.Processor
                 model = path.read_bytes()
                 model_file.read_model(path)
             else:
-                model = processors.written(export.tables(checkpoint.load_average(path)), folder, "model")
+                model = processors.written(model_tables(checkpoint.load_average(path)), folder, "model")
             result[name] = (f"model {zlib.crc32(model):08x}", processors.engine(name, model))
     result["unprocessed"] = ("unprocessed", processors.unprocessed())
     if not arguments.no_peers:

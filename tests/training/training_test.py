@@ -31,6 +31,7 @@ from training.gain_rule import FAR_END_ENERGY, GainRule
 from training.library import SHAPE, make_up
 from training.loudness import Disturbance
 from training.loss import Loss, Weights, _SpectralError
+from training.model_tables import model_tables
 
 RATE = SHAPE.sample_rate
 torch.set_num_threads(1)
@@ -153,7 +154,7 @@ class FrontEndTest(unittest.TestCase):
     def test_path_in_python_equals_the_engine(self):
         """Front end, alignment, gain rule with and without far end: all of it against the engine."""
         with tempfile.TemporaryDirectory() as folder:
-            model = processors.written(export.tables(some_network(5)), Path(folder), "model")
+            model = processors.written(model_tables(some_network(5)), Path(folder), "model")
             signals = export.golden_scene(400).astype(np.float32) / 32768
             out = library.engine(model, *signals)
             front = library.front_end(*signals)
