@@ -12,12 +12,12 @@
 
 #include "common/decibel.h"
 #include "common/geometry.h"
+#include "engine/setting_ranges.h"
 #include "kernels/kernels.h"
 
 namespace se {
 namespace {
 
-constexpr int kHzPerBin = 31;
 constexpr float kBinPerHz = 0.0322580636f;  // 1/31
 constexpr int kRamp = 8;                    // bins over which a shelf falls
 constexpr float kRampStep = 0.125f;
@@ -89,7 +89,7 @@ void apply_high_shelf(zel_lcomplex* spectrum, const ShelfBand& band) {
 }
 
 void apply_peak(zel_lcomplex* spectrum, const PeakBand& band) {
-  const int centre = band.center_hz / kHzPerBin;  // below 2^27, as everything from here on
+  const int centre = band.center_hz / kEqualiserHzPerBin;  // below 2^27, as everything from here on
   const int width = centre / band.q;
   const int rising = width / 2;
   const int falling = width - rising;

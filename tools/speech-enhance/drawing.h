@@ -16,6 +16,16 @@ namespace se_tool {
 inline constexpr double kTextSize = 15;
 inline constexpr double kTitleSize = 20;
 
+// The wide page: spectra under each other, and right of them what their colours say.
+namespace wide_page {
+inline constexpr int kWidth = 1400;
+inline constexpr double kLeft = 96;
+inline constexpr double kTop = 92;
+inline constexpr double kPanelWidth = 1152;
+inline constexpr double kBarLeft = kLeft + kPanelWidth + 32;
+inline constexpr double kBarWidth = 22;
+}  // namespace wide_page
+
 struct Box {
   double left, top, width, height;
 

@@ -8,19 +8,15 @@
 namespace se_tool {
 namespace {
 
+using namespace wide_page;
+
 // Pixels.
-constexpr int kWidth = 1400;
 constexpr int kHeight = 1090;
-constexpr double kLeft = 96;
-constexpr double kPanelWidth = 1152;
 constexpr double kSpectrumHeight = 330;
 constexpr double kLevelHeight = 170;
 constexpr double kGap = 48;
-constexpr double kInputTop = 92;
-constexpr double kOutputTop = kInputTop + kSpectrumHeight + kGap;
+constexpr double kOutputTop = kTop + kSpectrumHeight + kGap;
 constexpr double kLevelTop = kOutputTop + kSpectrumHeight + kGap;
-constexpr double kBarLeft = kLeft + kPanelWidth + 32;
-constexpr double kBarWidth = 22;
 
 constexpr double kSpectrumRangeDb = 80;
 constexpr double kLevelRangeDb = 80;
@@ -95,10 +91,10 @@ std::string draw_plot(const std::string& title, double duration_s, const Spectru
   const Page page(kWidth, kHeight, kLeft, title);
   const Pen& pen = page.pen();
 
-  const Box input_box = {kLeft, kInputTop, kPanelWidth, kSpectrumHeight};
+  const Box input_box = {kLeft, kTop, kPanelWidth, kSpectrumHeight};
   const Box output_box = {kLeft, kOutputTop, kPanelWidth, kSpectrumHeight};
   const Box level_box = {kLeft, kLevelTop, kPanelWidth, kLevelHeight};
-  const Box bar = {kBarLeft, kInputTop, kBarWidth, output_box.bottom() - kInputTop};
+  const Box bar = {kBarLeft, kTop, kBarWidth, output_box.bottom() - kTop};
 
   const Range range = range_below(highest(input.power_db, output.power_db), 10, kSpectrumRangeDb);
   draw_spectrum(pen, input_box, input, range);

@@ -3,39 +3,35 @@
 #include <cmath>
 #include <sstream>
 
+#include "engine/setting_ranges.h"
 #include "errors.h"
 
 namespace se_tool {
 namespace {
-
-// The engine's equaliser counts bins of 31 Hz, truncating, up to bin 256. It skips a low shelf at
-// bin 8 or below and a high shelf at bin 249 or above.
-constexpr int kHzPerBin = 31;
-constexpr int kLastBin = 256;
-constexpr double kLowestLowShelf = 9 * kHzPerBin;
-constexpr double kHighestHighShelf = 249 * kHzPerBin - 1;
 
 // Analysis and synthesis, then five blocks of the denoiser's look-ahead.
 constexpr int kTransformDelay = 352;
 constexpr int kLookAhead = 5 * SE_BLOCK_LEN;
 constexpr int kLimiterDelay = 16;
 
-void check_range(const char* what, double value, double low, double high, const char* unit) {
-  if (value >= low && value <= high) return;  // also false for NaN
+template <class T>
+void check_range(const char* what, double value, const se::SettingRange<T>& range,
+                 const char* unit) {
+  if (range.holds(value)) return;
   std::ostringstream line;
-  line << what << " " << value << unit << " is outside " << low << " to " << high << unit;
+  line << what << " " << value << unit << " is outside " << range.low << " to " << range.high
+       << unit;
   throw Error(ExitCode::kUsage, line.str());
 }
 
 void check_peak(const Peak& peak) {
-  check_range("peak centre", peak.center_hz, kHzPerBin, kLastBin * kHzPerBin + kHzPerBin - 1,
-              " Hz");
-  check_range("peak gain", peak.gain_db, -60, 40, " dB");
-  const int sharpest = peak.center_hz / kHzPerBin;
+  check_range("peak centre", peak.center_hz, se::kPeakHz, " Hz");
+  check_range("peak gain", peak.gain_db, se::kPeakGainRange, " dB");
+  const int sharpest = se::sharpest_peak(peak.center_hz);
   if (peak.q < 1 || peak.q > sharpest) {
     std::ostringstream line;
     line << "peak q " << peak.q << " at " << peak.center_hz << " Hz is outside 1 to " << sharpest
-         << " (a band is " << kHzPerBin << " Hz wide or wider)";
+         << " (a band is " << se::kEqualiserHzPerBin << " Hz wide or wider)";
     throw Error(ExitCode::kUsage, line.str());
   }
 }
@@ -69,19 +65,22 @@ std::optional<Mode> find_mode(const std::string& name) {
 }
 
 void check_settings(const Settings& settings) {
-  check_range("residual", settings.residual_db, 0, 120, " dB");
-  check_range("residual ahead of the suppressor", settings.ns_residual_db, 10, 130, " dB");
+  check_range("residual", settings.residual_db, se::kResidualRange, " dB");
+  check_range("residual ahead of the suppressor", settings.ns_residual_db, se::kNsResidualRange,
+              " dB");
   if (settings.limiter) {
-    check_range("limiter ceiling", settings.limiter->ceiling, 0.01, 1, "");
-    check_range("limiter gain", settings.limiter->gain_db, 0, 60, " dB");
+    check_range("limiter ceiling", settings.limiter->ceiling, se::kCeilingRange, "");
+    check_range("limiter gain", settings.limiter->gain_db, se::kMakeUpRange, " dB");
   }
   if (settings.low_shelf) {
-    check_range("low shelf", settings.low_shelf->freq_hz, kLowestLowShelf, 8000, " Hz");
-    check_range("attenuation of the low shelf", settings.low_shelf->atten_db, 0, 120, " dB");
+    check_range("low shelf", settings.low_shelf->freq_hz, se::kLowShelfHz, " Hz");
+    check_range("attenuation of the low shelf", settings.low_shelf->atten_db, se::kShelfRange,
+                " dB");
   }
   if (settings.high_shelf) {
-    check_range("high shelf", settings.high_shelf->freq_hz, 0, kHighestHighShelf, " Hz");
-    check_range("attenuation of the high shelf", settings.high_shelf->atten_db, 0, 120, " dB");
+    check_range("high shelf", settings.high_shelf->freq_hz, se::kHighShelfHz, " Hz");
+    check_range("attenuation of the high shelf", settings.high_shelf->atten_db, se::kShelfRange,
+                " dB");
   }
   if (settings.peaks.size() > kMostPeaks) {
     throw Error(ExitCode::kUsage, std::to_string(settings.peaks.size()) +

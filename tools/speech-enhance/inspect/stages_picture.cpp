@@ -7,17 +7,13 @@
 namespace se_tool {
 namespace {
 
+using namespace wide_page;
+
 // Pixels.
-constexpr int kWidth = 1400;
-constexpr double kLeft = 96;
-constexpr double kPanelWidth = 1152;
 constexpr double kPanelHeight = 150;
 constexpr double kOnlyPanelHeight = 330;
-constexpr double kTop = 92;
 constexpr double kGap = 40;
 constexpr double kBottom = 60;
-constexpr double kBarLeft = kLeft + kPanelWidth + 32;
-constexpr double kBarWidth = 22;
 
 constexpr double kPowerRangeDb = 80;
 constexpr Range kGainRange = {-40, 0};
