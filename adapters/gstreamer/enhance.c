@@ -2,47 +2,14 @@
 // same time stamp. The reference is put beside it by running time, in whole frames, however both
 // are cut into buffers. The stream's latency is taken off again: its first frames are dropped, and
 // at the end as many of silence push the last ones out.
-#include "enhance.h"
-
 #include <string.h>
 
-#include "probe.h"
-#include "settings.h"
-#include "timed_pad.h"
-
-enum { kMostFrames = 2048, kLongestGapSeconds = 5 };
-
-typedef struct {
-  GstAggregator parent;
-  SeTimedPad* mic;  // the pad "sink"
-
-  // With the object's lock.
-  SeSettings settings;
-  gboolean auto_delay;
-  gint delay_ms;
-  gchar* probe_name;
-  gboolean post_messages;
-  GstClockTime interval;
-  SEStream* stream;
-  gboolean renew;  // make another stream as soon as there is sound
-
-  // Of the thread that aggregates.
-  GstSpeechEnhanceProbe* probe;
-  GstAudioInfo input, output;  // of the stream, and of what is pushed
-  gboolean has_reference;      // the stream has
-  gint64 position;             // next frame of the microphone, from running time 0; -1: none yet
-  gint64 to_drop;              // frames of the stream's latency that are still to come out
-  gboolean discontinuous;      // the next buffer follows a jump
-  GstClockTime next_message;
-  float signals[2 * SE_MOST_CHANNELS][kMostFrames];
-  float out[kMostFrames];
-} GstSpeechEnhance;
+#include "enhance_element.h"
 
 typedef struct {
   GstAggregatorClass parent_class;
 } GstSpeechEnhanceClass;
 
-#define SE_ENHANCE(object) (G_TYPE_CHECK_INSTANCE_CAST((object), SE_TYPE_ENHANCE, GstSpeechEnhance))
 G_DEFINE_TYPE(GstSpeechEnhance, gst_speech_enhance, GST_TYPE_AGGREGATOR)
 GST_DEBUG_CATEGORY_STATIC(se_enhance_debug);
 #define GST_CAT_DEFAULT se_enhance_debug
@@ -62,34 +29,6 @@ static GstClockTime time_of(const GstSpeechEnhance* self, gint64 frame) {
 static SeTimedPad* get_reference(GstSpeechEnhance* self) {
   GstPad* pad = gst_element_get_static_pad(GST_ELEMENT(self), "reference");
   return pad ? SE_TIMED_PAD(pad) : NULL;
-}
-
-// ---- What goes on ------------------------------------------------------------------------------
-
-// With the object's lock.
-static GstStructure* statistics(GstSpeechEnhance* self) {
-  SEStreamStatus status = {-150, -150, -150, 0, 0, 0, 0, {0}};
-  if (self->stream) se_stream_get_status(self->stream, &status);
-  return gst_structure_new(
-      "speechenhance", "mic-db", G_TYPE_DOUBLE, (double)status.mic_db, "reference-db",
-      G_TYPE_DOUBLE, (double)status.ref_db, "out-db", G_TYPE_DOUBLE, (double)status.out_db,
-      "echo-reduction-db", G_TYPE_DOUBLE, (double)status.echo_reduction_db, "delay-found",
-      G_TYPE_BOOLEAN, status.delay_found != 0, "delay-ms", G_TYPE_DOUBLE, (double)status.delay_ms,
-      "delay-confidence", G_TYPE_DOUBLE, (double)status.delay_confidence, NULL);
-}
-
-static void post_statistics(GstSpeechEnhance* self, GstClockTime running_time) {
-  GST_OBJECT_LOCK(self);
-  GstStructure* structure = NULL;
-  if (self->post_messages &&
-      (!GST_CLOCK_TIME_IS_VALID(self->next_message) || running_time >= self->next_message)) {
-    structure = statistics(self);
-    self->next_message = running_time + self->interval;
-  }
-  GST_OBJECT_UNLOCK(self);
-  if (!structure) return;
-  gst_structure_set(structure, "running-time", GST_TYPE_CLOCK_TIME, running_time, NULL);
-  gst_element_post_message(GST_ELEMENT(self), gst_message_new_element(GST_OBJECT(self), structure));
 }
 
 // ---- The stream --------------------------------------------------------------------------------
@@ -137,6 +76,20 @@ static void restart_at(GstSpeechEnhance* self, gint64 position) {
   self->position = position;
   self->discontinuous = TRUE;
   self->next_message = GST_CLOCK_TIME_NONE;
+}
+
+static void post_statistics(GstSpeechEnhance* self, GstClockTime running_time) {
+  GST_OBJECT_LOCK(self);
+  GstStructure* structure = NULL;
+  if (self->post_messages &&
+      (!GST_CLOCK_TIME_IS_VALID(self->next_message) || running_time >= self->next_message)) {
+    structure = se_enhance_statistics(self);
+    self->next_message = running_time + self->interval;
+  }
+  GST_OBJECT_UNLOCK(self);
+  if (!structure) return;
+  gst_structure_set(structure, "running-time", GST_TYPE_CLOCK_TIME, running_time, NULL);
+  gst_element_post_message(GST_ELEMENT(self), gst_message_new_element(GST_OBJECT(self), structure));
 }
 
 // `frames` of the signals through the stream and on.
@@ -336,93 +289,7 @@ static GstFlowReturn flush(GstAggregator* aggregator) {
   return GST_FLOW_OK;
 }
 
-// ---- Caps --------------------------------------------------------------------------------------
-
-static gboolean sink_event(GstAggregator* aggregator, GstAggregatorPad* pad, GstEvent* event) {
-  if (GST_EVENT_TYPE(event) == GST_EVENT_CAPS) {
-    GstCaps* caps;
-    gst_event_parse_caps(event, &caps);
-    gst_audio_info_from_caps(&SE_TIMED_PAD(pad)->timeline.info, caps);
-    se_timeline_restart(&SE_TIMED_PAD(pad)->timeline);
-    // A reference that has just begun may have a latency now (answer_for_reference).
-    gst_element_post_message(GST_ELEMENT(aggregator),
-                             gst_message_new_latency(GST_OBJECT(aggregator)));
-  }
-  return GST_AGGREGATOR_CLASS(gst_speech_enhance_parent_class)->sink_event(aggregator, pad, event);
-}
-
-// The caps with nothing but their rate.
-static GstCaps* rate_of(GstCaps* caps) {
-  caps = gst_caps_make_writable(caps);
-  for (guint i = 0; i < gst_caps_get_size(caps); ++i) {
-    gst_structure_remove_fields(gst_caps_get_structure(caps, i), "format", "layout", "channels",
-                                "channel-mask", NULL);
-  }
-  return caps;
-}
-
-// The microphone's rate is that of the output, the reference's that of the microphone.
-static GstCaps* possible_caps(GstSpeechEnhance* self, GstAggregatorPad* pad) {
-  GstCaps* caps = gst_pad_get_pad_template_caps(GST_PAD(pad));
-  GstCaps* rate = pad == &self->mic->parent
-                      ? gst_pad_peer_query_caps(GST_AGGREGATOR(self)->srcpad, NULL)
-                      : gst_pad_get_current_caps(GST_PAD(self->mic));
-  if (!rate) return caps;
-  rate = rate_of(rate);
-  GstCaps* both = gst_caps_intersect(caps, rate);
-  gst_caps_unref(caps);
-  gst_caps_unref(rate);
-  return both;
-}
-
-static gboolean sink_query(GstAggregator* aggregator, GstAggregatorPad* pad, GstQuery* query) {
-  if (GST_QUERY_TYPE(query) == GST_QUERY_CAPS) {
-    GstCaps *filter, *caps = possible_caps(SE_ENHANCE(aggregator), pad);
-    gst_query_parse_caps(query, &filter);
-    if (filter) {
-      GstCaps* filtered = gst_caps_intersect_full(filter, caps, GST_CAPS_INTERSECT_FIRST);
-      gst_caps_unref(caps);
-      caps = filtered;
-    }
-    gst_query_set_caps_result(query, caps);
-    gst_caps_unref(caps);
-    return TRUE;
-  }
-  if (GST_QUERY_TYPE(query) == GST_QUERY_ACCEPT_CAPS) {
-    // Not by possible_caps(): when all rates change, one pad's changes first.
-    GstCaps *caps, *accepted = gst_pad_get_pad_template_caps(GST_PAD(pad));
-    gst_query_parse_accept_caps(query, &caps);
-    gst_query_set_accept_caps_result(query, gst_caps_is_subset(caps, accepted));
-    gst_caps_unref(accepted);
-    return TRUE;
-  }
-  return GST_AGGREGATOR_CLASS(gst_speech_enhance_parent_class)->sink_query(aggregator, pad, query);
-}
-
-// The microphone's format, if it is taken, or the other one.
-static GstFlowReturn update_src_caps(GstAggregator* aggregator, GstCaps* caps, GstCaps** result) {
-  const GstAudioInfo* info = &SE_ENHANCE(aggregator)->mic->timeline.info;
-  if (info->rate == 0) return GST_AGGREGATOR_FLOW_NEED_DATA;
-  const GstAudioFormat both[] = {GST_AUDIO_INFO_FORMAT(info),
-                                 GST_AUDIO_INFO_FORMAT(info) == GST_AUDIO_FORMAT_S16
-                                     ? GST_AUDIO_FORMAT_F32
-                                     : GST_AUDIO_FORMAT_S16};
-  GstCaps* possible = gst_caps_new_empty();
-  for (int i = 0; i < 2; ++i) {
-    GstAudioInfo mono;
-    gst_audio_info_set_format(&mono, both[i], info->rate, 1, NULL);
-    gst_caps_append(possible, gst_audio_info_to_caps(&mono));
-  }
-  *result = gst_caps_intersect_full(possible, caps, GST_CAPS_INTERSECT_FIRST);
-  gst_caps_unref(possible);
-  return GST_FLOW_OK;
-}
-
-static gboolean negotiated_src_caps(GstAggregator* aggregator, GstCaps* caps) {
-  return gst_audio_info_from_caps(&SE_ENHANCE(aggregator)->output, caps) &&
-         GST_AGGREGATOR_CLASS(gst_speech_enhance_parent_class)
-             ->negotiated_src_caps(aggregator, caps);
-}
+// ---- The pad for the reference -----------------------------------------------------------------
 
 // The aggregator knows no latency, so that a live microphone waits for ever, while one of its
 // inputs cannot tell its own. A reference that has not begun, and may never, is as good as without.
@@ -455,126 +322,6 @@ static GstAggregatorPad* create_new_pad(GstAggregator* aggregator, GstPadTemplat
   return reference;
 }
 
-// ---- Properties --------------------------------------------------------------------------------
-
-enum { kDelay = 1, kAutoDelay, kProbe, kPostMessages, kInterval, kStats, kFirstSetting };
-
-// With the object's lock.
-static void change_delay(GstSpeechEnhance* self) {
-  if (!self->stream) return;
-  const int32_t delay = self->auto_delay ? SE_STREAM_DELAY_AUTO : self->delay_ms;
-  // A more negative one changes the latency.
-  if (se_stream_set_delay(self->stream, delay) != SE_STREAM_OK) self->renew = TRUE;
-}
-
-static void set_property(GObject* object, guint id, const GValue* value, GParamSpec* spec) {
-  GstSpeechEnhance* self = SE_ENHANCE(object);
-  const char* wrong = NULL;
-  GST_OBJECT_LOCK(self);
-  switch (id) {
-    case kDelay:
-      self->delay_ms = g_value_get_int(value);
-      self->auto_delay = FALSE;
-      change_delay(self);
-      break;
-    case kAutoDelay:
-      self->auto_delay = g_value_get_boolean(value);
-      change_delay(self);
-      break;
-    case kProbe:
-      g_free(self->probe_name);
-      self->probe_name = g_value_dup_string(value);
-      break;
-    case kPostMessages:
-      self->post_messages = g_value_get_boolean(value);
-      break;
-    case kInterval:
-      self->interval = g_value_get_uint64(value);
-      break;
-    default:
-      wrong = se_settings_set(&self->settings, id, value);
-      if (self->stream) se_stream_set_settings(self->stream, &self->settings.stream);
-      break;
-  }
-  GST_OBJECT_UNLOCK(self);
-  if (wrong) g_warning("speechenhance: %s is left as it was: %s", spec->name, wrong);
-}
-
-static void get_property(GObject* object, guint id, GValue* value, GParamSpec* spec) {
-  (void)spec;
-  GstSpeechEnhance* self = SE_ENHANCE(object);
-  GST_OBJECT_LOCK(self);
-  switch (id) {
-    case kDelay:
-      g_value_set_int(value, self->delay_ms);
-      break;
-    case kAutoDelay:
-      g_value_set_boolean(value, self->auto_delay);
-      break;
-    case kProbe:
-      g_value_set_string(value, self->probe_name);
-      break;
-    case kPostMessages:
-      g_value_set_boolean(value, self->post_messages);
-      break;
-    case kInterval:
-      g_value_set_uint64(value, self->interval);
-      break;
-    case kStats:
-      g_value_take_boxed(value, statistics(self));
-      break;
-    default:
-      se_settings_get(&self->settings, id, value);
-      break;
-  }
-  GST_OBJECT_UNLOCK(self);
-}
-
-static void install_properties(GObjectClass* klass) {
-  const GParamFlags ready =
-      (GParamFlags)(G_PARAM_READWRITE | G_PARAM_STATIC_STRINGS | GST_PARAM_MUTABLE_READY);
-  const GParamFlags any =
-      (GParamFlags)(G_PARAM_READWRITE | G_PARAM_STATIC_STRINGS | GST_PARAM_MUTABLE_PLAYING);
-  const GParamFlags shown = (GParamFlags)(G_PARAM_READABLE | G_PARAM_STATIC_STRINGS);
-  se_settings_install(klass, kFirstSetting);
-  g_object_class_install_property(
-      klass, kDelay,
-      g_param_spec_int(
-          "delay", "Delay",
-          "By how many ms the echo comes after the reference; setting it turns auto-delay "
-          "off. A negative one adds to the latency",
-          -SE_STREAM_MAX_DELAY_MS, SE_STREAM_MAX_DELAY_MS, 0, any));
-  g_object_class_install_property(
-      klass, kAutoDelay,
-      g_param_spec_boolean("auto-delay", "Automatic delay",
-                           "Find the delay, 0 to 500 ms, from the sound and follow it", TRUE, any));
-  g_object_class_install_property(
-      klass, kProbe,
-      g_param_spec_string(
-          "probe", "Probe",
-          "Name of the speechenhanceprobe whose sound is the reference, unless the pad "
-          "reference is there",
-          NULL, ready));
-  g_object_class_install_property(
-      klass, kPostMessages,
-      g_param_spec_boolean(
-          "post-messages", "Post messages",
-          "Post an element message \"speechenhance\" with stats and running-time at each "
-          "interval",
-          TRUE, any));
-  g_object_class_install_property(
-      klass, kInterval,
-      g_param_spec_uint64("interval", "Interval", "Time between messages, ns", 1, G_MAXUINT64 / 2,
-                          GST_SECOND, any));
-  g_object_class_install_property(
-      klass, kStats,
-      g_param_spec_boxed(
-          "stats", "Statistics",
-          "Levels of microphone, reference and output, echo reduction (dB), the delay "
-          "found (ms)",
-          GST_TYPE_STRUCTURE, shown));
-}
-
 static void finalize(GObject* object) {
   GstSpeechEnhance* self = SE_ENHANCE(object);
   se_stream_destroy(self->stream);
@@ -602,20 +349,15 @@ static void gst_speech_enhance_class_init(GstSpeechEnhanceClass* klass) {
   GstAggregatorClass* aggregator_class = GST_AGGREGATOR_CLASS(klass);
   GST_DEBUG_CATEGORY_INIT(se_enhance_debug, "speechenhance", 0,
                           "Removes noise and echo from speech");
-  object_class->set_property = set_property;
-  object_class->get_property = get_property;
   object_class->finalize = finalize;
-  install_properties(object_class);
+  se_enhance_init_properties(object_class);
+  se_enhance_init_caps(aggregator_class);
   aggregator_class->aggregate = aggregate;
   aggregator_class->get_next_time = get_next_time;
   aggregator_class->clip = clip;
   aggregator_class->start = start;
   aggregator_class->stop = stop;
   aggregator_class->flush = flush;
-  aggregator_class->sink_event = sink_event;
-  aggregator_class->sink_query = sink_query;
-  aggregator_class->update_src_caps = update_src_caps;
-  aggregator_class->negotiated_src_caps = negotiated_src_caps;
   aggregator_class->create_new_pad = create_new_pad;
   gst_element_class_add_static_pad_template_with_gtype(element_class, &sink_template,
                                                        SE_TYPE_TIMED_PAD);
