@@ -1,18 +1,13 @@
-// What all modules have in common: memory and scratch memory of the size that the headers state, at
-// any address, with nothing touched around them.
+// What all modules have in common: memory and scratch memory of the size that the headers state.
 #include <gtest/gtest.h>
-
-#include <deque>
 
 #include "aec/aec_state.h"
 #include "aec/echo_subtraction_state.h"
 #include "dynamics/agc_state.h"
 #include "dynamics/limiter_struct.h"
-#include "guarded_region.h"
 #include "nn/denoiser.h"
 #include "ns/noise_estimator_state.h"
 #include "ns/noise_suppressor_state.h"
-#include "random_signal.h"
 #include "spectral/fft_plans.h"
 #include "speechenhance/zel_stft.h"
 
@@ -76,81 +71,6 @@ TEST(ModuleMemory, FollowsTheFiguresInTheHeaders) {
       {"its scratch", static_cast<std::size_t>(nn_query_scratch_api()), 134317, 0},
   };
   for (const auto& f : figures) EXPECT_EQ(f.actual, f.stated + f.growth) << f.module;
-}
-
-// All modules in a chain, each in guarded memory of the same misalignment.
-class Chain {
- public:
-  explicit Chain(std::size_t misalignment) : misalignment_(misalignment) {
-    std::fill_n(noise_buf, 1000, 0);  // the quiet history that all denoisers share
-    noise_flag_sum = noise_flag_index = 0;
-    const auto aligned = [](auto*... arrays) {
-      return ((reinterpret_cast<std::uintptr_t>(arrays) % 16 == 0) && ...);
-    };
-    EXPECT_TRUE(aligned(aec_->ref_energy, aec_->subtraction[1]->mic_smooth, denoiser_->fc_out[1],
-                        denoiser_->features.feat, estimator_->min_age, suppressor_->gain,
-                        agc_->agc->level_hist, limiter_->conv_buf));
-  }
-
-  std::vector<float> process(RandomSignal& random) {
-    std::vector<float> samples = random.reals(160), power[2] = {random.reals(257), {}};
-    power[1] = power[0];
-    std::vector<zel_lcomplex> ref(257), mics = random.complexes(2 * 257);
-    zel_stft_analysis(analysis_, samples.data(), ref.data());
-    zel_lcomplex* const spectra[] = {&mics[0], &mics[257]};
-    float* const powers[] = {power[0].data(), power[1].data()};
-    aec_process(aec_, spectra, powers, ref.data());
-    std::vector<float> gain(257), noise(257);
-    nn_process_api(denoiser_, mics.data(), ref.data(), gain.data(), false, true);
-    noise_estimate_process(estimator_, power[1].data(), noise.data());
-    noise_suppress_process(suppressor_, noise.data(), &mics[257], &mics[257]);
-    agc_core_process(agc_, &mics[257]);
-    zel_stft_synthesis_envelop(synthesis_, &mics[257], samples.data());
-    limiter_process_float(limiter_, samples.data(), 160, false, 6.0f);
-    std::vector<int16_t> integers(160, 1000);
-    limiter_process(limiter_, integers.data(), 160, 6.0f);
-    samples.insert(samples.end(), gain.begin(), gain.end());
-    return samples;
-  }
-
-  bool intact() const {
-    return std::all_of(regions_.begin(), regions_.end(), [](const auto& r) { return r.intact(); });
-  }
-
- private:
-  void* take(std::size_t bytes) { return regions_.emplace_back(bytes, misalignment_++).data(); }
-  stft_state* stft(int synthesis) {
-    return zel_stft_init(take(zel_stft_query_mem(512, synthesis)),
-                         take(zel_stft_query_scratch(512)), p_win_tmp, 512, 160, synthesis);
-  }
-
-  std::size_t misalignment_;
-  std::deque<GuardedRegion> regions_;
-  stft_state *analysis_ = stft(0), *synthesis_ = stft(1);
-  aec_state* aec_ = aec_init(take(aec_query_mem()), take(aec_query_scratch()));
-  se::nn::NNDenoiser* denoiser_ = static_cast<se::nn::NNDenoiser*>(
-      nn_init_api(take(static_cast<std::size_t>(nn_query_mem_api())),
-                  take(static_cast<std::size_t>(nn_query_scratch_api()))));
-  NoiseEstimator* estimator_ =
-      noise_estimate_init(take(noise_estimate_query_mem(10, 257)),
-                          take(noise_estimate_query_scratch(257)), 10, 257, 192.0f);
-  NoiseSuppressor* suppressor_ = noise_suppress_init(
-      take(noise_suppress_query_mem(257)), take(noise_suppress_query_scratch(257)), 10, 257, 10.0f);
-  AgcCore* agc_ = agc_core_init(take(agc_core_query_mem()), nullptr, 22.8f);
-  LimiterStruct* limiter_ = limiter_init(take(limiter_query_mem()));
-};
-
-TEST(ModuleMemory, MayStartAnywhere) {
-  std::vector<float> expected;
-  for (std::size_t misalignment = 0; misalignment < 16; ++misalignment) {
-    Chain chain(misalignment);
-    RandomSignal random(5);
-    std::vector<float> output;
-    for (int frame = 0; frame < 160; ++frame) output = chain.process(random);
-    if (misalignment == 0) expected = output;
-    EXPECT_EQ(output, expected) << misalignment;
-    EXPECT_TRUE(chain.intact()) << misalignment;
-  }
 }
 
 }  // namespace

@@ -1,5 +1,6 @@
-// The denoiser once more, written for reading and not for speed: indices spelled out, all past
-// frames kept, 64-bit integers and double precision. What is quantized is quantized here too.
+// The denoiser's features and layers once more, written for reading and not for speed: indices
+// spelled out, all past frames kept, 64-bit integers and double precision. What is quantized is
+// quantized here too.
 #pragma once
 
 #include <algorithm>
@@ -129,83 +130,5 @@ inline Values features(const std::vector<zel_lcomplex>& spectra) {
   for (double& b : bands) b = std::sqrt(b + 1e-8);
   return bands;
 }
-
-class Network {
- public:
-  explicit Network(const DenoiseModel* m)
-      : m_(m),
-        gru_{{m->gru1_1, se::nn::kGruHidden, 128},
-             {m->gru1_2, se::nn::kGruHidden, 128},
-             {m->gru2_1, se::nn::kGruHidden, se::nn::kGruHidden},
-             {m->gru2_2, se::nn::kGruHidden, se::nn::kGruHidden}} {
-    for (const se::nn::ConvShape& s : se::nn::kConv) {
-      conv_.emplace_back(ConvShape{s.in_channels, s.in_width, s.out_channels, s.out_width, 3,
-                                   s.kernel_freq, s.freq_stride, 1, s.freq_pad});
-    }
-  }
-
-  // The gains before the quiet-frame rule from the spectra of both microphones and the reference,
-  // one after the other; empty during warm-up.
-  Values process(const std::vector<zel_lcomplex>& spectra) {
-    const Values feat = features(spectra);
-    Values x;
-    for (std::size_t i = 0; i < 128; ++i) {
-      for (std::size_t c = 0; c < 3; ++c) x.push_back(feat[c * 128 + i]);
-    }
-    const Conv2DLayer* layers[] = {m_->conv1, m_->conv2, m_->conv3, m_->conv4, m_->conv5};
-    const BNLayer* norms[] = {m_->bn1, m_->bn2, m_->bn3, m_->bn4, m_->bn5};
-    for (std::size_t i = 0; i < 5; ++i) {
-      const Integers sums = conv_[i].sums(x, layers[i]->kernel);
-      if (sums.empty()) return {};
-      const auto channels = static_cast<std::size_t>(se::nn::kConv[i].out_channels);
-      x.clear();
-      for (std::size_t n = 0; n < sums.size(); ++n) {
-        const double raw =
-            static_cast<double>(sums[n]) / 1024 * layers[i]->kernel_scale[n % channels] +
-            layers[i]->bias[n % channels];
-        x.push_back(std::clamp(raw * norms[i]->gamma_var[n] + norms[i]->gmb[n], 0.0, 6.0));
-      }
-    }
-    Values half[2];
-    for (std::size_t h = 0; h < 2; ++h) {
-      for (std::size_t c = 0; c < 16; ++c) {
-        for (std::size_t p = 0; p < 8; ++p) half[h].push_back(x[(8 * h + p) * 16 + c]);
-      }
-    }
-    const Values first = joined(gru_[0].step(half[0]), gru_[1].step(half[1]));
-    Values shuffled[2];
-    for (std::size_t i = 0; i < first.size(); ++i) shuffled[i % 2].push_back(first[i]);
-    const Values second = joined(gru_[2].step(shuffled[0]), gru_[3].step(shuffled[1]));
-
-    Values bands;
-    for (std::size_t o = 0; o < 128; ++o) {
-      std::int64_t sum = 0;
-      for (std::size_t i = 0; i < second.size(); ++i) {
-        sum += m_->fc2->weight[second.size() * o + i] * quantized(second[i], 2048);
-      }
-      bands.push_back(
-          sigmoid(static_cast<double>(sum) / 2048 * m_->fc2->weight_scale[o] + m_->fc2->bias[o]));
-    }
-    Values gain(se::nn::kBins);
-    for (std::size_t i = 0; i + 1 < 128; ++i) {
-      const int start = se::nn::kBandStart[i], width = se::nn::kBandStart[i + 1] - start;
-      for (int j = 0; j < width; ++j) {
-        const double f = static_cast<double>(j) / width;
-        gain[static_cast<std::size_t>(start + j)] = (bands[i] * (1 - f) + bands[i + 1] * f) / width;
-      }
-    }
-    return gain;
-  }
-
- private:
-  static Values joined(Values a, const Values& b) {
-    a.insert(a.end(), b.begin(), b.end());
-    return a;
-  }
-
-  const DenoiseModel* m_;
-  std::vector<Conv> conv_;
-  Gru gru_[4];
-};
 
 }  // namespace reference

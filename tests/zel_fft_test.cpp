@@ -249,23 +249,3 @@ TEST(RealFft, LengthsWithNothingToTransformTouchNoMemory) {
     EXPECT_EQ(ne10_fft_r2c_init_float32_x(n, nullptr, nullptr), nullptr) << n;
   }
 }
-
-// The general path takes powers of two as well, and agrees.
-TEST(RealFft, PathsAgree) {
-  RandomSignal random(6);
-  for (const int n : {2, 8, 512}) {
-    GuardedRegion mem(zel_fft_real_float32_query_mem(n), 9);
-    GuardedRegion scratch(zel_fft_real_float32_query_scratch_mem(n), 9);
-    real_plan* plan = zel_fft_real_float32_init(n, mem.data(), scratch.data());
-    const std::vector<float> x = random.reals(n);
-    Spectrum spectrum(static_cast<std::size_t>(n / 2 + 1));
-    zel_fft_real_by_cplx_float32(spectrum.data(), x.data(), plan);
-    EXPECT_LT(largest_difference(widen(spectrum), widen(RealFft(n).forward(x))),
-              3e-6 * norm(widen(x)));
-    std::vector<float> back(x.size());
-    zel_ifft_real_by_cplx_float32(back.data(), spectrum.data(), plan);
-    EXPECT_LT(largest_difference(widen(back), widen(x)), 2e-6);
-    EXPECT_TRUE(mem.intact() && scratch.intact());
-  }
-  EXPECT_EQ(PI, static_cast<float>(kPi));
-}

@@ -1,12 +1,13 @@
 """What a host makes of a scene, held against what the program speech-enhance makes of it.
 
-The scene is the start of the demo's: 0.5 to 6.5 s hold the loudspeaker alone, 7 to 12 s the talker alone. A host is
-given 3 s to find the delay, which the program knows from the start.
+The scene is the start of the demo's, in the folder that SPEECHENHANCE_SCENE names: 0.5 to 6.5 s hold the loudspeaker
+alone, 7 to 12 s the talker alone. A host is given 3 s to find the delay, which the program knows from the start.
 """
 
 import json
+import os
+import shutil
 import subprocess
-import sys
 from pathlib import Path
 
 import numpy as np
@@ -15,12 +16,17 @@ from scipy.signal import resample_poly
 
 ENGINE_RATE = 16000
 SECONDS, ECHO, VOICE = 12.5, (3.5, 6.5), (7.5, 12)
-MAKE_SCENE = Path(__file__).resolve().parents[2] / "scripts/make_scene.py"
 
 
-def make_scene(folder, rate):
+def skip_without(*programs):
+    if missing := [name for name in programs if shutil.which(name) is None]:
+        print(f"not installed: {' '.join(missing)}")
+        raise SystemExit(77)
+
+
+def read_scene(rate):
     """(frames,) float32 of the second microphone and of the reference, at `rate`."""
-    subprocess.run([sys.executable, MAKE_SCENE, folder], check=True)
+    folder = Path(os.environ["SPEECHENHANCE_SCENE"])
     signals = [soundfile.read(folder / name, dtype="float32", always_2d=True)[0][:, -1] for name in ("mic.wav", "ref.wav")]
     return [resample_poly(signal[:int(SECONDS * ENGINE_RATE)], rate // 100, ENGINE_RATE // 100).astype(np.float32)
             for signal in signals]

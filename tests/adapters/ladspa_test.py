@@ -6,7 +6,6 @@ Exits with 77 (skipped) where sox is not installed.
 """
 
 import os
-import shutil
 import subprocess
 import sys
 import tempfile
@@ -16,7 +15,7 @@ import numpy as np
 import soundfile
 from scipy.signal import resample_poly
 
-from against_tool import ENGINE_RATE, aligned, by_tool, level_db, make_scene
+from against_tool import ENGINE_RATE, aligned, by_tool, level_db, read_scene, skip_without
 
 LATENCY = {ENGINE_RATE: 1327, 44100: 4009}
 CALL = 3  # the preset's number
@@ -47,13 +46,11 @@ def test_against_the_program(program, folder, mic, rate, least_db):
 
 def main():
     program, plugins = sys.argv[1:]
-    if shutil.which("sox") is None:
-        print("not installed: sox")
-        raise SystemExit(77)
+    skip_without("sox")
     os.environ["LADSPA_PATH"] = plugins
     with tempfile.TemporaryDirectory() as name:
         folder = Path(name)
-        mic, _ = make_scene(folder, 44100)
+        mic, _ = read_scene(44100)
         test_against_the_program(program, folder, mic, 44100, 35)
         at_16k = resample_poly(mic, 160, 441).astype(np.float32)
         test_against_the_program(program, folder, at_16k, ENGINE_RATE, 70)

@@ -8,7 +8,6 @@ sink, so that the two stay in step. Exits with 77 (skipped) where PipeWire is no
 
 import os
 import re
-import shutil
 import signal
 import subprocess
 import sys
@@ -19,13 +18,12 @@ from pathlib import Path
 import numpy as np
 import soundfile
 
-from against_tool import by_tool, compare, make_scene
+from against_tool import by_tool, compare, read_scene, skip_without
 
 RATE = 48000
 LEAD = 3  # seconds of silence ahead of the scene, while the links are made
 FREE = "node.autoconnect = false"  # nothing is linked but by this test
 SYSTEM_PLUGINS = Path("/usr/lib") / f"{os.uname().machine}-linux-gnu" / "spa-0.2"
-PROGRAMS = ["pipewire", "wireplumber", "dbus-run-session", "pw-cat", "pw-link", "pw-dump"]
 
 
 class Session:
@@ -105,11 +103,9 @@ def through_pipewire(folder, plugins, configuration, mic, reference):
 
 def main():
     program, plugins, configuration = sys.argv[1:4]
-    if missing := [name for name in PROGRAMS if shutil.which(name) is None]:
-        print(f"not installed: {' '.join(missing)}")
-        raise SystemExit(77)
+    skip_without("pipewire", "wireplumber", "dbus-run-session", "pw-cat", "pw-link", "pw-dump")
     with tempfile.TemporaryDirectory() as name:
-        mic, reference = make_scene(Path(name), RATE)
+        mic, reference = read_scene(RATE)
         tools = by_tool(program, Path(name), mic, reference, RATE, "call")
     for tries_left in (2, 1, 0):  # the graph runs in real time and loses sound where the machine is busy
         with tempfile.TemporaryDirectory() as name:

@@ -1,5 +1,5 @@
-// The network driver with random models: against the double-precision network, and its quiet-frame
-// history.
+// The network driver with random models: its features, what it survives, and its quiet-frame
+// history. What the network computes is held against the exporter's own computation.
 #include "nn/denoiser.h"
 
 #include <gtest/gtest.h>
@@ -9,6 +9,7 @@
 #include <numeric>
 #include <thread>
 
+#include "guarded_region.h"
 #include "nn/features.h"
 #include "nn/quiet_history.h"
 #include "nn_reference.h"
@@ -22,9 +23,9 @@ using se::nn::NNDenoiser;
 
 constexpr std::size_t kSpectra = 3 * kBins;
 
-// Three spectra with the level of speech: noise under a falling slope, louder and softer by turns.
-std::vector<zel_lcomplex> random_spectra(RandomSignal& random, int frame) {
-  std::vector<zel_lcomplex> spectra = random.complexes(kSpectra, frame / 20 % 2 ? 0.3f : 30.0f);
+// Three spectra with the level of speech: noise under a falling slope.
+std::vector<zel_lcomplex> random_spectra(RandomSignal& random) {
+  std::vector<zel_lcomplex> spectra = random.complexes(kSpectra, 30.0f);
   for (std::size_t k = 0; k < kSpectra; ++k) {
     const float slope = 1.0f + 0.05f * static_cast<float>(k % kBins);
     spectra[k] = {spectra[k].re / slope, spectra[k].im / slope};
@@ -34,15 +35,15 @@ std::vector<zel_lcomplex> random_spectra(RandomSignal& random, int frame) {
 
 struct Denoiser {
   explicit Denoiser(const DenoiseModel* model)
-      : mem(static_cast<std::size_t>(nn_query_mem_api())),
-        scratch(static_cast<std::size_t>(nn_query_scratch_api())),
+      : mem(static_cast<std::size_t>(nn_query_mem_api()), 3),
+        scratch(static_cast<std::size_t>(nn_query_scratch_api()), 12),
         state(se::nn::init_denoiser(mem.data(), scratch.data(), model)) {}
 
   int process(const std::vector<zel_lcomplex>& spectra) {
     return nn_process_api(state, spectra.data(), spectra.data() + 2 * kBins, gain, false, true);
   }
 
-  std::vector<unsigned char> mem, scratch;
+  GuardedRegion mem, scratch;
   NNDenoiser* state;
   float gain[kBins] = {};
 };
@@ -56,42 +57,11 @@ void set_history(int ones, int replaced) {
   noise_flag_sum = ones;
 }
 
-TEST(DenoiserNetwork, GainsMatchTheDoublePrecisionNetwork) {
-  const RandomModel model(1);
-  ASSERT_EQ(model.error(), nullptr);
-  Denoiser denoiser(model.get());
-  reference::Network plain(model.get());
-  set_history(0, 0);
-  RandomSignal random(2);
-  float low = 1.0f, high = 0.0f;
-  for (int frame = 0; frame < 150; ++frame) {
-    const std::vector<zel_lcomplex> spectra = random_spectra(random, frame);
-    const reference::Values expected = plain.process(spectra);
-    denoiser.gain[7] = -1.0f;
-    ASSERT_EQ(denoiser.process(spectra), expected.empty() ? 0 : 1) << "frame " << frame;
-    ASSERT_EQ(expected.empty(), frame < 5);
-    if (expected.empty()) {
-      ASSERT_EQ(denoiser.gain[7], -1.0f);
-      continue;
-    }
-    for (std::size_t k = 0; k < kBins; ++k) {
-      ASSERT_NEAR(denoiser.gain[k], expected[k], 1e-3) << "frame " << frame << " bin " << k;
-    }
-    ASSERT_EQ(denoiser.gain[kBins - 1], 0.0f);
-    // A band of one bin passes its value through, band 0 of three divides it.
-    ASSERT_EQ(denoiser.gain[40], denoiser.state->fc_out[1][38]);
-    ASSERT_EQ(denoiser.gain[0], denoiser.state->fc_out[1][0] * (1.0f / 3.0f));
-    low = std::min(low, denoiser.gain[40]);
-    high = std::max(high, denoiser.gain[40]);
-  }
-  EXPECT_GT(high - low, 0.01f) << "the output does not depend on the input";
-}
-
 TEST(DenoiserNetwork, FeaturesMatchAndNeverReachZero) {
   std::vector<float> mag(se::nn::kMagnitudes), band(se::nn::kFeatures), feat(se::nn::kFeatures);
   const se::nn::FeatureBuffers buffers = {mag.data(), band.data(), feat.data()};
   RandomSignal random(3);
-  std::vector<zel_lcomplex> spectra = random_spectra(random, 0);
+  std::vector<zel_lcomplex> spectra = random_spectra(random);
   std::fill_n(spectra.begin(), kBins, zel_lcomplex{0.0f, 0.0f});
   const zel_lcomplex* const first = spectra.data();
   se::nn::features({first, first + kBins, first + 2 * kBins}, buffers);
@@ -105,7 +75,7 @@ TEST(DenoiserNetwork, RecoversFromInvalidSpectra) {
   Denoiser disturbed(model.get()), clean(model.get());
   RandomSignal random(5);
   for (int frame = 0; frame < 400; ++frame) {
-    std::vector<zel_lcomplex> spectra = random_spectra(random, 0);
+    std::vector<zel_lcomplex> spectra = random_spectra(random);
     clean.process(spectra);
     if (frame == 20) spectra[100] = {NAN, INFINITY};
     if (frame == 21) std::fill(spectra.begin(), spectra.end(), zel_lcomplex{INFINITY, NAN});
@@ -113,6 +83,7 @@ TEST(DenoiserNetwork, RecoversFromInvalidSpectra) {
     for (const float g : disturbed.gain) ASSERT_TRUE(g >= 0.0f && g <= 1.0f) << "frame " << frame;
   }
   for (int k = 0; k < kBins; ++k) ASSERT_NEAR(disturbed.gain[k], clean.gain[k], 0.01f);
+  EXPECT_TRUE(disturbed.mem.intact() && disturbed.scratch.intact());
 }
 
 // A network that says `value` for every band, whatever it hears.

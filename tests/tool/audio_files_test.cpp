@@ -1,13 +1,11 @@
-// Audio files: what the tool reads and writes, and the library's WAV files against libsndfile's.
+// Audio files: what the tool reads and writes.
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <cstring>
 
 #include "audio_input.h"
 #include "audio_output.h"
 #include "errors.h"
-#include "speechenhance/wav_io.h"
 #include "test_files.h"
 
 namespace se_tool {
@@ -106,63 +104,6 @@ TEST(AudioOutput, TruncatesClipsAndCounts) {
   }
   EXPECT_THROW(AudioOutput(folder / "long.wav", SoundFormat::kWavFloat, std::uint64_t{1} << 31),
                Error);
-}
-
-// ---- The library's WAV files --------------------------------------------------------------------
-
-// Samples as the bytes of the data chunk.
-std::string bytes_of(const std::vector<float>& samples, const WavFormat& wav) {
-  std::string bytes;
-  const auto append = [&bytes](auto value) {
-    bytes.append(reinterpret_cast<const char*>(&value), sizeof value);
-  };
-  for (const float sample : samples) {
-    if (wav.is_float != 0) {
-      append(sample);
-    } else if (wav.bits_per_sample == 16) {
-      append(static_cast<std::int16_t>(sample * 32768));
-    } else {
-      append(static_cast<std::int32_t>(static_cast<double>(sample) * 2147483648.0));
-    }
-  }
-  return bytes;
-}
-
-TEST(WavInterchange, LibsndfileReadsAndWritesTheSameFiles) {
-  const std::pair<WavFormat, int> formats[] = {
-      {{0, 16000, 1, 16, 16}, SF_FORMAT_WAV | SF_FORMAT_PCM_16},
-      {{0, 44100, 2, 32, 32}, SF_FORMAT_WAV | SF_FORMAT_PCM_32},
-      {{1, 48000, 3, 32, 32}, SF_FORMAT_WAV | SF_FORMAT_FLOAT},
-      {{0, 8000, 16, 16, 16}, SF_FORMAT_WAVEX | SF_FORMAT_PCM_16},
-      {{0, 192000, 1, 32, 32}, SF_FORMAT_WAVEX | SF_FORMAT_PCM_32},
-      {{1, 16000, 1, 32, 32}, SF_FORMAT_WAVEX | SF_FORMAT_FLOAT},
-      {{0, 48000, 2, 32, 24}, 0}};  // not written by libsndfile
-  const TestFolder folder;
-  const std::string path = folder / "written.wav";
-  for (auto [wav, sndfile] : formats) {
-    const auto samples = exact_noise(static_cast<std::size_t>(wav.channels) * 500, 3);
-    std::string bytes = bytes_of(samples, wav);
-    const auto size = static_cast<std::uint32_t>(bytes.size());
-    WavFile* file = wav_io_open(path.c_str(), 1, &wav);
-    ASSERT_NE(file, nullptr);
-    EXPECT_EQ(wav_io_write(file, size, bytes.data()), size);
-    wav_io_close(file);
-    const Sound sound = read_sound(path);
-    EXPECT_TRUE(sound.rate == wav.sample_rate && sound.channels == wav.channels);
-    EXPECT_TRUE(sound.samples == samples);
-
-    if (sndfile == 0) continue;
-    write_sound(path, sndfile, wav.sample_rate, wav.channels, samples);
-    WavFormat found = {};
-    file = wav_io_open(path.c_str(), 0, &found);
-    ASSERT_NE(file, nullptr);
-    EXPECT_EQ(std::memcmp(&found, &wav, sizeof wav), 0);
-    EXPECT_EQ(wav_io_get_data_size(file), size);
-    bytes.assign(size, '\0');
-    EXPECT_EQ(wav_io_read(file, size, bytes.data()), size);
-    wav_io_close(file);
-    EXPECT_TRUE(bytes == bytes_of(samples, wav));
-  }
 }
 
 }  // namespace
