@@ -1,15 +1,15 @@
 #!/bin/sh
-# Builds the library as a guest of another project, without a build type, and runs the example that
-# the host links; then lets the host fetch it instead.  usage: guest.sh CMAKE SOURCE_DIR GENERATOR
+# Builds the library as a guest of another project, without a build type, once as a subdirectory and once
+# fetched, and runs the example that the host links.  usage: guest.sh CMAKE SOURCE_DIR GENERATOR
 set -eu
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 launcher=""
 command -v ccache > /dev/null && launcher="-DCMAKE_CXX_COMPILER_LAUNCHER=ccache"
-"$1" -G "$3" -S "$2/tests/guest" -B "$work/build" -DGUEST_SOURCE="$2" $launcher > "$work/log"
-"$1" --build "$work/build" --target embed > "$work/log" || { cat "$work/log"; exit 1; }
 head -c 64000 /dev/zero > "$work/silence.raw"
-"$work/build/embed" "$work/silence.raw" "$work/out.raw" > "$work/lines"
-test "$(wc -c < "$work/out.raw")" -eq 32000
-
-"$1" -G "$3" -S "$2/tests/guest" -B "$work/fetched" -DGUEST_SOURCE="$2" -DGUEST_FETCHED=ON > "$work/log"
+for fetched in OFF ON; do
+  "$1" -G "$3" -S "$2/tests/guest" -B "$work/$fetched" -DGUEST_SOURCE="$2" -DGUEST_FETCHED=$fetched $launcher > "$work/log"
+  "$1" --build "$work/$fetched" --target embed > "$work/log" || { cat "$work/log"; exit 1; }
+  "$work/$fetched/embed" "$work/silence.raw" "$work/out.raw" > "$work/lines"
+  test "$(wc -c < "$work/out.raw")" -eq 32000
+done
