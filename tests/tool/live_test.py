@@ -7,27 +7,24 @@ import array
 import contextlib
 import fcntl
 import os
-import pathlib
 import pty
 import random
 import shutil
 import signal
 import struct
 import subprocess
-import sys
-import tempfile
 import time
 import unittest
 import wave
 
-PROGRAM = sys.argv.pop(1)
+from program_test import PROGRAM, ProgramCase, noise, wav
+
 RATE = 16000
 LATENCY = 1327  # samples at 16 kHz
 
 
-def noise(frames, seed, level=3000):
-    generator = random.Random(seed)
-    return array.array("h", (generator.randint(-level, level) for _ in range(frames)))
+def sound(frames, seed):
+    return array.array("h", noise(frames / RATE, seed))
 
 
 def live(*arguments, **options):
@@ -35,19 +32,7 @@ def live(*arguments, **options):
                             stderr=options.pop("stderr", subprocess.PIPE), **options)
 
 
-class LiveTest(unittest.TestCase):
-    def setUp(self):
-        self.folder = pathlib.Path(tempfile.mkdtemp(prefix="speech_enhance_live_"))
-        self.mic = self.folder / "mic.wav"
-
-    def tearDown(self):
-        shutil.rmtree(self.folder)
-
-    def write_wav(self, path, samples, channels=1):
-        with wave.open(str(path), "wb") as file:
-            file.setparams((channels, 2, RATE, 0, "NONE", ""))
-            file.writeframes(samples.tobytes())
-
+class LiveTest(ProgramCase):
     def finish(self, process, data=None, code=0):
         out, errors = process.communicate(data, timeout=60)
         self.assertEqual(process.returncode, code, errors)
@@ -62,11 +47,11 @@ class LiveTest(unittest.TestCase):
     def test_gives_what_the_tool_makes_of_the_recording(self):
         """However the sound arrives, with two microphones and a reference, raw and as WAV."""
         frames = 3 * RATE
-        mics, ref = noise(2 * frames, 1), noise(frames, 2)
+        mics, ref = sound(2 * frames, 1), sound(frames, 2)
         interleaved = array.array("h", (s for i in range(frames) for s in (mics[2 * i], mics[2 * i + 1], ref[i])))
-        self.write_wav(self.mic, mics, 2)
-        self.write_wav(self.folder / "ref.wav", ref)
-        self.write_wav(self.folder / "all.wav", interleaved, 3)
+        self.mic.write_bytes(wav(mics.tobytes(), 2))
+        (self.folder / "ref.wav").write_bytes(wav(ref.tobytes()))
+        (self.folder / "all.wav").write_bytes(wav(interleaved.tobytes(), 3))
         settings = ["--delay", "0", "--preset", "voice", "--peak", "3000:3:2"]
         subprocess.run([PROGRAM, self.mic, "--ref", self.folder / "ref.wav", "-o", self.folder / "out.wav", *settings],
                        check=True)
@@ -96,7 +81,7 @@ class LiveTest(unittest.TestCase):
             self.assertEqual(file.readframes(1 << 20), out)
 
     def test_kinds_of_samples_and_their_rates(self):
-        samples = noise(RATE, 4)
+        samples = sound(RATE, 4)
         outputs = {}
         for name, size, pack in (("S16_LE", 2, lambda s: struct.pack("<h", s)),
                                  ("S24_3LE", 3, lambda s: struct.pack("<i", s << 8)[:3]),
@@ -142,13 +127,13 @@ class LiveTest(unittest.TestCase):
     def test_signals_end_it_with_all_that_was_read(self):
         for number in (signal.SIGINT, signal.SIGTERM):
             process = live("--format", "S16_LE")
-            sound = noise(1600, 5).tobytes()
-            process.stdin.write(sound)
+            heard = sound(1600, 5).tobytes()
+            process.stdin.write(heard)
             process.stdin.flush()
-            out = process.stdout.read(len(sound))
+            out = process.stdout.read(len(heard))
             process.send_signal(number)  # while it waits for more
             rest, errors = self.finish(process)
-            self.assertEqual((len(out + rest), errors), (len(sound) + 2 * LATENCY, ""))
+            self.assertEqual((len(out + rest), errors), (len(heard) + 2 * LATENCY, ""))
         with open("/dev/zero", "rb") as endless, open("/dev/null", "wb") as nowhere:
             process = subprocess.Popen([PROGRAM, "live", "--format", "S16_LE"], stdin=endless, stdout=nowhere)
             time.sleep(0.3)
@@ -175,7 +160,7 @@ class LiveTest(unittest.TestCase):
         reader, writer = pty.openpty()
         process = live("--format", "S16_LE", "--channels", 2, "--ref-channels", 1, stderr=writer)
         os.close(writer)
-        self.finish(process, noise(4 * RATE, 6).tobytes())
+        self.finish(process, sound(4 * RATE, 6).tobytes())
         seen = b""
         with contextlib.suppress(OSError):  # how a terminal ends whose other side is closed
             while part := os.read(reader, 1 << 16):
@@ -187,20 +172,20 @@ class LiveTest(unittest.TestCase):
         self.assertTrue(seen.endswith("\r\x1b[K"))
 
     def test_wrong_use(self):
-        self.write_wav(self.mic, noise(4800, 7), 3)
-        wav = self.mic.read_bytes()
+        self.mic.write_bytes(wav(sound(4800, 7).tobytes(), 3))
+        whole = self.mic.read_bytes()
         self.refuse(3, "no WAV header", b"text" * 10)
         self.refuse(3, "ends before its first sample", b"")
-        self.refuse(3, "ends before its first sample", wav[:30])
-        self.refuse(3, "8 bits", wav[:34] + b"\x08\0" + wav[36:])
-        self.refuse(3, "3 channels less 0 of the reference", wav)
+        self.refuse(3, "ends before its first sample", whole[:30])
+        self.refuse(3, "8 bits", whole[:34] + b"\x08\0" + whole[36:])
+        self.refuse(3, "3 channels less 0 of the reference", whole)
         self.refuse(3, "1 channels less 2 of the reference", b"", "--format", "S16_LE", "--ref-channels", 2)
         self.refuse(3, "8000", b"", "--format", "S16_LE", "--rate", 7999)
-        self.refuse(2, "need the --format", wav, "--rate", 16000)
-        self.refuse(2, "S24_3LE", wav, "--format", "U8")
-        self.refuse(2, "needs --ref-channels", wav, "--delay", 10)
+        self.refuse(2, "need the --format", whole, "--rate", 16000)
+        self.refuse(2, "S24_3LE", whole, "--format", "U8")
+        self.refuse(2, "needs --ref-channels", whole, "--delay", 10)
         with open("/dev/full", "wb") as full:
-            process = subprocess.run([PROGRAM, "live", "--ref-channels", "1"], input=wav, stdout=full,
+            process = subprocess.run([PROGRAM, "live", "--ref-channels", "1"], input=whole, stdout=full,
                                      stderr=subprocess.PIPE)
         self.assertEqual(process.returncode, 4)
         self.assertIn(b"No space", process.stderr)
@@ -208,8 +193,8 @@ class LiveTest(unittest.TestCase):
     @unittest.skipUnless(shutil.which("arecord") and shutil.which("aplay"), "alsa-utils are not installed")
     def test_between_arecord_and_aplay(self):
         """Devices are files: ALSA's plugin `file` records from one and plays into another."""
-        sound = noise(2 * RATE, 8)
-        (self.folder / "in.raw").write_bytes(sound.tobytes())
+        heard = sound(2 * RATE, 8)
+        (self.folder / "in.raw").write_bytes(heard.tobytes())
         devices = self.folder / "asoundrc"
         devices.write_text(f"""
             pcm.!default {{
@@ -224,7 +209,7 @@ class LiveTest(unittest.TestCase):
         result = subprocess.run(["bash", "-o", "pipefail", "-c", pipeline], env=environment, stderr=subprocess.PIPE, timeout=60)
         self.assertEqual((result.returncode, result.stderr), (0, b""))
         played = (self.folder / "out.raw").read_bytes()
-        expected, _ = self.finish(live("--format", "S16_LE"), sound[:RATE].tobytes())
+        expected, _ = self.finish(live("--format", "S16_LE"), heard[:RATE].tobytes())
         self.assertEqual(played[:len(expected)], expected)
         self.assertEqual(played[len(expected):].strip(b"\0"), b"")  # aplay fills its last period
 
