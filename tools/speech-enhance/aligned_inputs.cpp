@@ -79,7 +79,7 @@ void AlignedInputs::read_ahead() {
 std::optional<double> AlignedInputs::look_for_delay() {
   Estimator as_it_is, held_back;
   const std::vector<float> silence(kMostLate);
-  SampleQueue late_mic;
+  GrowingQueue late_mic;
   late_mic.push(silence.data(), silence.size());
   const auto most = static_cast<std::size_t>(std::min<std::uint64_t>(kLongestLook, length()));
   for (std::size_t at = 0; at < most; at += kBlock) {

@@ -5,9 +5,9 @@
 #include <cstdint>
 #include <optional>
 
+#include "growing_queue.h"
 #include "inputs.h"
 #include "reference_alignment.h"
-#include "sample_queue.h"
 
 namespace se_tool {
 
@@ -35,8 +35,8 @@ class AlignedInputs {
 
   Inputs inputs_;
   bool has_ref_;
-  bool follows_;               // the delay, which was not given
-  SampleQueue mics_[2], ref_;  // read, but not given yet
+  bool follows_;                // the delay, which was not given
+  GrowingQueue mics_[2], ref_;  // read, but not given yet
   se::stream::ReferenceAlignment alignment_;
   double skipped_ms_ = 0;  // of the reference, which came late
   std::optional<double> first_delay_ms_;

@@ -11,8 +11,8 @@
 #include "aligned_inputs.h"
 #include "audio_output.h"
 #include "errors.h"
+#include "growing_queue.h"
 #include "plot.h"
-#include "sample_queue.h"
 #include "signals.h"
 #include "spectrogram.h"
 #include "speechenhance/denoiser.h"
@@ -80,7 +80,7 @@ class AlignedEngine {
   bool denoised_alone_;
   bool suppress_;
   std::size_t to_drop_;  // samples that come out before the first one belongs to the input
-  SampleQueue mic_, ref_, out_;
+  GrowingQueue mic_, ref_, out_;
   double seconds_ = 0;
 };
 

@@ -6,7 +6,7 @@
 
 namespace se_tool {
 
-class SampleQueue {
+class GrowingQueue {
  public:
   std::size_t size() const { return samples_.size() - head_; }
   const float* data() const { return samples_.data() + head_; }
