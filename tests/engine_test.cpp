@@ -146,7 +146,9 @@ TEST(Engine, AnswersQueries) {
   }
 }
 
-TEST(Engine, ResidualsBecomeLevelsOfTheUnprocessedSound) {
+// What the other fields do is the pipeline's to test.
+TEST(Engine, ConfigurationReachesTheInstance) {
+  static_assert(sizeof(NnProcessConfig) == 43 * 4);
   Engine engine;
   EXPECT_EQ(engine->dry_mix, 0.0f);
   engine.configure(NnProcessConfig{});
@@ -156,7 +158,10 @@ TEST(Engine, ResidualsBecomeLevelsOfTheUnprocessedSound) {
   NnProcessConfig config = {};
   config.residual_db = 20;
   config.ns_residual_db = 30;
+  config.reserved_a = 5;
+  config.reserved_b = 6;
   engine.configure(config);
+  EXPECT_TRUE(engine->reserved_a == 5 && engine->reserved_b == 6);
   EXPECT_FLOAT_EQ(engine->dry_mix, 0.1f);
   EXPECT_FLOAT_EQ(engine->ns_dry_mix, 0.1f);
   config.residual_db = -6;

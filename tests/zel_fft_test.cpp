@@ -119,31 +119,6 @@ TEST(ComplexFft, FactorsInOrderOfPreference) {
   EXPECT_EQ(factors_of(7, 1), (Factors{1, 1, 7, 1, 1}));
 }
 
-TEST(ComplexFft, TwiddlesLieWhereTheHeaderSays) {
-  for (const int n : {14, 243, 256, 480}) {
-    SCOPED_TRACE(n);
-    const Factors factors = factors_of(n, 1);
-    Spectrum table(static_cast<std::size_t>(n), {7.0f, 7.0f});
-    const zel_lcomplex* const end = ne10_fft_generate_twiddles_impl_float32_x(
-        ne10_fft_generate_twiddles_line_float32_x, table.data(), factors.data(), n);
-    const zel_lcomplex* next = table.data();
-    const auto expect = [&](double phase) {
-      EXPECT_NEAR(next->re, std::cos(phase), 1e-6) << next - table.data();
-      EXPECT_NEAR(next->im, std::sin(phase), 1e-6) << next - table.data();
-      ++next;
-    };
-    const auto stages = static_cast<std::size_t>(factors[0]);
-    for (int i = 0; factors[2 * stages] % 2 == 1 && i < factors[2 * stages]; ++i) expect(0.0);
-    for (std::size_t pair = stages - 1; pair >= 1; --pair) {
-      const int radix = factors[2 * pair], behind = factors[2 * pair + 1];
-      for (int k = 1; k < radix; ++k) {
-        for (int j = 0; j < behind; ++j) expect(-2.0 * M_PI * j * k / (radix * behind));
-      }
-    }
-    EXPECT_EQ(next, end);
-  }
-}
-
 // The engines on factor tables that plans do not make: the generic one on radix 8 and on powers of
 // two, the power-of-two one behind a first stage of radix 2; with and without scaling.
 TEST(ComplexFft, EnginesTakeEveryFactorTable) {

@@ -143,17 +143,6 @@ class ProgramTest(ProgramCase):
         self.fail_cleanly(2, "both", "-", "--ref", "/dev/stdin", "-o", self.out, input=recording)
         self.fail_cleanly(2, "both", self.mic, "-o", "-", "--plot", "/dev/stdout")
 
-    def test_figures_and_plot(self):
-        plot = self.folder / "plot.png"
-        result = self.succeed(self.mic, "--ref", self.mic, "-o", self.out, "--stats=json",
-                              "--plot", plot)
-        figures = json.loads(result.stdout)
-        self.assertEqual(figures["file"], str(self.mic))
-        self.assertEqual(figures["duration_s"], 1)
-        self.assertGreater(figures["real_time_factor"], 0)
-        self.assertIsInstance(figures["echo_reduction_db"], float)
-        self.assertEqual(plot.read_bytes()[:8], b"\x89PNG\r\n\x1a\n")
-
     def test_references_that_started_earlier_or_later(self):
         ref = self.folder / "ref.wav"
         sound = noise(5, 7) + [0] * 16000

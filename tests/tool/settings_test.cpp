@@ -114,7 +114,7 @@ TEST(Preset, BuiltInOnesReadBackFromFilesAsTheSameSettings) {
 
 // The denoiser's bands above 4.8 kHz are too wide for full gain: a band of w bins tops out at 3/w.
 // The bands of `flat` fill that up, over bins as the engine's equaliser counts them.
-TEST(Preset, FlatEvensOutTheTrebleAndTheOthersTakeItsBands) {
+TEST(Preset, FlatEvensOutTheTreble) {
   constexpr int kStarts[] = {
 #include "nn/band_start.def"
   };
@@ -139,15 +139,6 @@ TEST(Preset, FlatEvensOutTheTrebleAndTheOthersTakeItsBands) {
   }
   EXPECT_GT(std::sqrt(without / bins), 1.5) << "there is something to even out";
   EXPECT_LT(std::sqrt(squares / bins), 0.35);
-
-  const auto text_of_bands = [](const char* name) {
-    Settings settings;
-    settings.peaks = load_preset(name).peaks;
-    return format_preset(settings);
-  };
-  for (const char* name : {"voice", "natural", "steady"}) {
-    EXPECT_EQ(text_of_bands(name), text_of_bands("flat")) << name;
-  }
   EXPECT_TRUE(load_preset("plain").peaks.empty());
 }
 
