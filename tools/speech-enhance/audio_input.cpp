@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <samplerate.h>
 #include <sndfile.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -10,7 +11,6 @@
 #include <cmath>
 #include <cstdio>
 #include <cstring>
-#include <fstream>
 #include <vector>
 
 #include "errors.h"
@@ -41,39 +41,60 @@ class WavSource : public FrameSource {
         wav_(wav) {}
 
   std::size_t read(float* frames, std::size_t count) override {
-    bytes_.resize(count * bytes_per_frame(wav_));
-    const auto bytes =
-        wav_io_read(file_.get(), static_cast<std::uint32_t>(bytes_.size()), bytes_.data());
-    const std::size_t read = static_cast<std::size_t>(bytes) / bytes_per_frame(wav_);
-    const std::size_t samples = read * static_cast<std::size_t>(wav_.channels);
-    if (wav_.is_float != 0) {
-      std::memcpy(frames, bytes_.data(), samples * sizeof(float));
-    } else if (wav_.bits_per_sample == 16) {
-      convert<std::int16_t>(frames, samples);
-    } else {
-      convert<std::int32_t>(frames, samples);
+    std::size_t done = 0;
+    while (done < count) {
+      if (position_ == available_ && !refill()) break;
+      const std::size_t step = std::min(count - done, available_ - position_);
+      convert(frames + done * channels(), step * channels());
+      position_ += step;
+      done += step;
     }
-    return read;
+    return done;
   }
 
  private:
+  std::size_t channels() const { return static_cast<std::size_t>(wav_.channels); }
+
+  bool refill() {
+    bytes_.resize(kChunkFrames * bytes_per_frame(wav_));
+    const auto bytes =
+        wav_io_read(file_.get(), static_cast<std::uint32_t>(bytes_.size()), bytes_.data());
+    position_ = 0;
+    available_ = static_cast<std::size_t>(std::max<std::int64_t>(0, bytes)) / bytes_per_frame(wav_);
+    return available_ > 0;
+  }
+
   static std::uint32_t bytes_per_frame(const WavFormat& wav) {
     return static_cast<std::uint32_t>(wav.channels * (wav.bits_per_sample / 8));
   }
 
-  template <class Integer>
+  // The next `count` samples of the chunk.
   void convert(float* samples, std::size_t count) const {
+    const unsigned char* const bytes = bytes_.data() + position_ * bytes_per_frame(wav_);
+    if (wav_.is_float != 0) {
+      std::memcpy(samples, bytes, count * sizeof(float));
+    } else if (wav_.bits_per_sample == 16) {
+      scale<std::int16_t>(bytes, samples, count);
+    } else {
+      scale<std::int32_t>(bytes, samples, count);
+    }
+  }
+
+  template <class Integer>
+  static void scale(const unsigned char* bytes, float* samples, std::size_t count) {
     constexpr float kScale = 1.0f / static_cast<float>(1u << (8 * sizeof(Integer) - 1));
     for (std::size_t i = 0; i < count; ++i) {
       Integer value;
-      std::memcpy(&value, bytes_.data() + i * sizeof value, sizeof value);
+      std::memcpy(&value, bytes + i * sizeof value, sizeof value);
       samples[i] = static_cast<float>(value) * kScale;
     }
   }
 
   WavHandle file_;
   WavFormat wav_;
-  std::vector<unsigned char> bytes_;
+  std::vector<unsigned char> bytes_;  // a chunk
+  std::size_t position_ = 0;          // frames of it used
+  std::size_t available_ = 0;         // frames of it in all
 };
 
 struct CloseSndfile {
@@ -250,21 +271,25 @@ std::unique_ptr<FrameSource> open_sndfile(const std::string& path) {
 }
 
 // Of the data chunk of a WAV file; 0 for every other file.
-std::uint64_t count_missing_bytes(const std::string& path) {
+std::uint64_t count_missing_bytes(const Descriptor& file) {
   constexpr std::uint64_t kUnknown = 0x7FFFF000;  // what writers to a pipe announce, or more
-  std::ifstream file(path, std::ios::binary);
-  char riff[12] = {};
-  if (!file.read(riff, sizeof riff) || std::memcmp(riff, "RIFF", 4) != 0) return 0;
-  for (char chunk[8]; file.read(chunk, sizeof chunk);) {
+  const auto read_at = [&file](off_t position, auto& bytes) {
+    return pread(file.get(), bytes, sizeof bytes, position) == ssize_t{sizeof bytes};
+  };
+  char riff[12];
+  if (!read_at(0, riff) || std::memcmp(riff, "RIFF", 4) != 0) return 0;
+  off_t position = sizeof riff;
+  for (char chunk[8]; read_at(position, chunk);) {
+    position += off_t{sizeof chunk};
     std::uint32_t size = 0;
     std::memcpy(&size, chunk + 4, sizeof size);
     if (std::memcmp(chunk, "data", 4) != 0) {
-      file.seekg(std::streamoff{size} + size % 2, std::ios::cur);
+      position += off_t{size} + size % 2;
       continue;
     }
-    const std::streamoff start = file.tellg();
-    const auto present = static_cast<std::uint64_t>(file.seekg(0, std::ios::end).tellg() - start);
-    return size < kUnknown && size > present ? size - present : 0;
+    struct stat status = {};
+    if (size >= kUnknown || fstat(file.get(), &status) != 0) return 0;
+    return std::max<off_t>(0, position + off_t{size} - status.st_size);
   }
   return 0;
 }
@@ -274,8 +299,12 @@ Descriptor open_to_read(const std::string& path) {
   const int error = errno;
   throw_if_interrupted();  // while it waited for the writer of a named pipe
   if (!file.is_open()) throw Error(ExitCode::kInput, "cannot be opened: " + system_message(error));
-  if (is_directory(path)) throw Error(ExitCode::kInput, "is a folder, not a recording");
   return file;
+}
+
+mode_t type_of(const Descriptor& file) {
+  struct stat status = {};
+  return fstat(file.get(), &status) == 0 ? status.st_mode & S_IFMT : 0;
 }
 
 }  // namespace
@@ -293,11 +322,12 @@ bool FrameSource::skip(std::uint64_t count) {
 AudioInput::AudioInput(const std::string& path, std::uint64_t most, const Segment& segment)
     : name_(path == kStream ? "standard input" : path) {
   try {
-    const std::string readable_path = make_seekable(path, most);
+    Descriptor file = path == kStream ? Descriptor(dup(STDIN_FILENO)) : open_to_read(path);
+    const std::string readable_path = make_seekable(path, file, most);
     if (segment.offset_s == 0) source_ = open_wav(readable_path);  // which cannot seek
     if (!source_) source_ = open_sndfile(readable_path);
     original_ = source_->format();
-    missing_bytes_ = count_missing_bytes(readable_path);
+    missing_bytes_ = count_missing_bytes(file);
     if (original_.length == 0) throw Error(ExitCode::kInput, "holds no samples");
     source_ = cut(std::move(source_), segment);
     original_ = source_->format();
@@ -309,11 +339,16 @@ AudioInput::AudioInput(const std::string& path, std::uint64_t most, const Segmen
   }
 }
 
-std::string AudioInput::make_seekable(const std::string& path, std::uint64_t most) {
-  const Descriptor file = path == kStream ? Descriptor(dup(STDIN_FILENO)) : open_to_read(path);
-  if (path != kStream && is_regular_file(path)) return path;
+std::string AudioInput::make_seekable(const std::string& path, Descriptor& file,
+                                      std::uint64_t most) {
+  const mode_t type = type_of(file);
+  if (path != kStream && type == S_IFDIR) {
+    throw Error(ExitCode::kInput, "is a folder, not a recording");
+  }
+  if (path != kStream && type == S_IFREG) return path;
   copy_.emplace();
   copy_->fill_from(file.get(), most);
+  file = open_to_read(copy_->path());
   return copy_->path();
 }
 

@@ -70,7 +70,8 @@ class AudioInput {
   void read(float* frames, std::size_t count);
 
  private:
-  std::string make_seekable(const std::string& path, std::uint64_t most);
+  // The path of a regular file with the content of `file`, which is then that one.
+  std::string make_seekable(const std::string& path, Descriptor& file, std::uint64_t most);
   [[noreturn]] void fail_at(std::uint64_t frame, const char* what) const;
 
   std::string name_;

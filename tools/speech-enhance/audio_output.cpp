@@ -14,6 +14,7 @@ namespace se_tool {
 namespace {
 
 constexpr std::uint32_t kHeaderBytes = 44;
+constexpr std::size_t kGatheredSamples = 4096;  // writers look for the end of the file every time
 
 // By the library's own writer.
 class WavWriter : public SampleWriter {
@@ -141,24 +142,31 @@ void AudioOutput::write(const float* samples, std::size_t count) {
   constexpr float kLowest = -32768.0f;
   constexpr float kHighest = 32767.0f;
   if (as_float_) {
-    append(samples, count);
-    return;
+    floats_.insert(floats_.end(), samples, samples + count);
+  } else {
+    const std::size_t start = integers_.size();
+    integers_.resize(start + count);
+    for (std::size_t i = 0; i < count; ++i) {
+      const float value = samples[i] * kScale;
+      clipped_ += value < kLowest || value >= kScale;
+      integers_[start + i] =
+          static_cast<std::int16_t>(std::min(std::max(value, kLowest), kHighest));
+    }
   }
-  integers_.resize(count);
-  for (std::size_t i = 0; i < count; ++i) {
-    const float value = samples[i] * kScale;
-    clipped_ += value < kLowest || value >= kScale;
-    integers_[i] = static_cast<std::int16_t>(std::min(std::max(value, kLowest), kHighest));
-  }
-  append(integers_.data(), count);
+  if (floats_.size() + integers_.size() >= kGatheredSamples) flush();
 }
 
 void AudioOutput::finish() {
+  flush();
   if (const int failure = writer_->close(); failure != 0) fail(failure);
 }
 
-void AudioOutput::append(const void* samples, std::size_t count) {
-  if (const int failure = writer_->write(samples, count); failure != 0) fail(failure);
+void AudioOutput::flush() {
+  const int failure = as_float_ ? writer_->write(floats_.data(), floats_.size())
+                                : writer_->write(integers_.data(), integers_.size());
+  if (failure != 0) fail(failure);
+  floats_.clear();
+  integers_.clear();
 }
 
 void AudioOutput::fail(int error_number) const {

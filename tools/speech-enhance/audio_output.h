@@ -37,7 +37,8 @@ class AudioOutput {
   AudioOutput(const std::string& target, SoundFormat format, std::uint64_t length);
 
   // Full scale +-1; clipped to it and truncated toward zero unless stored as float, just as the
-  // engine's own 16-bit entry does. Throws an Error (output).
+  // engine's own 16-bit entry does. Some samples gather before they go to the file. Throws an Error
+  // (output).
   void write(const float* samples, std::size_t count);
 
   // How many samples were clipped.
@@ -56,14 +57,15 @@ class AudioOutput {
   void commit() { file_.commit(); }
 
  private:
-  void append(const void* samples, std::size_t count);
+  void flush();
   [[noreturn]] void fail(int error_number) const;
 
   PendingFile file_;
   std::unique_ptr<SampleWriter> writer_;  // closed before the pending file goes away
   bool as_float_;
   std::uint64_t clipped_ = 0;
-  std::vector<std::int16_t> integers_;
+  std::vector<float> floats_;           // gathered, if stored as float
+  std::vector<std::int16_t> integers_;  // gathered otherwise
 };
 
 }  // namespace se_tool

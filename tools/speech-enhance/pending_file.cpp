@@ -17,9 +17,12 @@ namespace {
 namespace fs = std::filesystem;
 
 mode_t mode_of_new_files() {
-  const mode_t mask = umask(0);
-  umask(mask);
-  return 0666 & ~mask;
+  static const mode_t mode = [] {
+    const mode_t mask = umask(0);
+    umask(mask);
+    return 0666 & ~mask;
+  }();
+  return mode;
 }
 
 }  // namespace

@@ -121,21 +121,31 @@ std::string BatchJobs::describe(const Json& fields, const std::string& id,
   return Json{{"fields", fields}, {"id", id}, {"sha256", sha256}}.dump();
 }
 
-void BatchJobs::check_target(const Entry& entry) const {
+void BatchJobs::check_target(const Entry& entry) {
   const std::string target = target_of(entry);
   std::error_code error;
-  if (!starts_with(fs::weakly_canonical(target, error).string(), out_folder_ + "/") || error) {
-    throw Error(ExitCode::kInput, "`out` leads out of the output folder through a link");
+  const auto check_inside = [&](const fs::path& path) {
+    if (!starts_with(fs::weakly_canonical(path, error).string() + "/", out_folder_ + "/") ||
+        error) {
+      throw Error(ExitCode::kInput, "`out` leads out of the output folder through a link");
+    }
+  };
+  const std::string folder = fs::path(target).parent_path().string();
+  if (folder != known_folder_) {  // most recordings lie in the folder of the one before
+    check_inside(folder);
+    fs::create_directories(folder, error);
+    if (error) {
+      throw Error(ExitCode::kOutput, target + ": its folder cannot be created: " + error.message());
+    }
+    known_folder_ = folder;
   }
+  if (fs::symlink_status(target, error).type() == fs::file_type::not_found) return;
+  check_inside(target);
   const std::string identity = file_identity(target, Direction::kOut);
   for (const std::string& input : {entry.path, entry.reference}) {
     if (!input.empty() && identity == file_identity(input, Direction::kIn)) {
       throw Error(ExitCode::kInput, "the result would replace the recording");
     }
-  }
-  fs::create_directories(fs::path(target).parent_path(), error);
-  if (error) {
-    throw Error(ExitCode::kOutput, target + ": its folder cannot be created: " + error.message());
   }
 }
 
@@ -150,7 +160,7 @@ std::string BatchJobs::explain(const Entry& entry, const std::string& error) con
   return error;
 }
 
-JobReply BatchJobs::perform(const std::string& job) const {
+JobReply BatchJobs::perform(const std::string& job) {
   const Json description = Json::parse(job);
   const Entry entry = parse(description.at("fields"));
   JobReply reply = perform(description, entry);
@@ -158,7 +168,7 @@ JobReply BatchJobs::perform(const std::string& job) const {
   return reply;
 }
 
-JobReply BatchJobs::perform(const Json& description, const Entry& entry) const {
+JobReply BatchJobs::perform(const Json& description, const Entry& entry) {
   const Json& fields = description.at("fields");
   const auto id = description.at("id").get<std::string>();
   const auto sha256 = description.at("sha256").get<std::string>();
@@ -191,6 +201,7 @@ JobReply BatchJobs::perform(const Json& description, const Entry& entry) const {
     line["settings"] = Json::parse(settings_json_);
     return {JobReply::Status::kDone, 0, statistics.duration_s, 0, line.dump()};
   } catch (const Error& error) {
+    known_folder_.clear();
     if (error.code() > static_cast<int>(ExitCode::kSignal)) throw;
     Json failed = fields;
     failed["out"] = entry.out;

@@ -42,7 +42,7 @@ class BatchJobs {
                               const std::string& sha256);
 
   // Does a described job. Throws an Error only if a signal asked to stop.
-  JobReply perform(const std::string& job) const;
+  JobReply perform(const std::string& job);
 
   // Lets the system read a job's recording ahead of time.
   void announce(const std::string& job) const;
@@ -54,10 +54,10 @@ class BatchJobs {
   static JobReply death(const std::string& job, int signal);
 
  private:
-  JobReply perform(const nlohmann::ordered_json& description, const Entry& entry) const;
+  JobReply perform(const nlohmann::ordered_json& description, const Entry& entry);
   static JobReply failure(nlohmann::ordered_json fields, const std::string& id, int code,
                           const std::string& error, bool refused);
-  void check_target(const Entry& entry) const;
+  void check_target(const Entry& entry);
   std::string explain(const Entry& entry, const std::string& error) const;
 
   SoundFormat format_;
@@ -65,6 +65,7 @@ class BatchJobs {
   std::string manifest_folder_;
   std::string out_folder_;     // canonical
   std::string settings_json_;  // with the format
+  std::string known_folder_;   // lies in the output folder
 };
 
 }  // namespace se_tool
