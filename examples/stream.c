@@ -14,7 +14,7 @@ int main(int argc, char** argv) {
     return 1;
   }
   SEStreamSettings settings;
-  if (se_stream_get_preset("voice", &settings) == SE_STREAM_OK) {
+  if (se_stream_get_preset("call", &settings) == SE_STREAM_OK) {
     se_stream_set_settings(stream, &settings);
   }
 

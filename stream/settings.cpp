@@ -61,6 +61,9 @@ const char* se_stream_preset_description(int32_t index) {
 }
 
 int32_t se_stream_get_preset(const char* name, SEStreamSettings* settings) {
+  for (const OldPreset* old = kOldPresets; old->name != nullptr; ++old) {
+    if (std::strcmp(old->name, name) == 0) name = old->now;
+  }
   for (const Preset* preset = kPresets; preset->name != nullptr; ++preset) {
     if (std::strcmp(preset->name, name) != 0) continue;
     *settings = preset->settings;

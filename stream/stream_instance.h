@@ -33,7 +33,7 @@ struct SEStream {
   void get_status(SEStreamStatus* status) const;
 
   // What other threads set.
-  se::stream::Published<SEStreamSettings> settings{se::stream::kPresets[0].settings};
+  se::stream::Published<SEStreamSettings> settings{se::stream::kDefaultPreset.settings};
   se::stream::Latest<std::int32_t> delay_ms{0};
 
  private:

@@ -165,7 +165,7 @@ def lineup(arguments, folder: Path) -> list:
         result.append(processors.network("float network",
                                          checkpoint.load_average(arguments.checkpoint), False))
     result += [processors.preset(path, model)
-               for path in sorted(arguments.presets.glob("*.json") if arguments.presets else [])]
+               for path in processors.preset_files(arguments.presets)]
     if not arguments.only_engine:
         result += [processors.unprocessed(), processors.ideal(), processors.neutral(folder),
                    processors.classical(folder)]
@@ -179,10 +179,11 @@ def main() -> None:
     parser.add_argument("--cache", type=Path, required=True)
     parser.add_argument("--far", action="store_true", help="far and near scores side by side")
     parser.add_argument("--quick", action="store_true", help="with --far: a third of the scenes")
+    parser.add_argument("--times", type=int, default=1, help="with --far: this many times as many scenes")
     parser.add_argument("--model", action="append", help="model file; with --far as many as you like")
     parser.add_argument("--checkpoint", action="append", help="the same for checkpoints")
     parser.add_argument("--count", type=int, default=12, help="scenes per condition")
-    parser.add_argument("--presets", type=Path, help="folder of the tool's presets to score as well")
+    parser.add_argument("--presets", type=Path, nargs="+", help="preset files, or folders of them, to score as well")
     parser.add_argument("--only-engine", action="store_true")
     parser.add_argument("--no-peers", action="store_true")
     parser.add_argument("--out", type=Path)
@@ -206,7 +207,7 @@ def main() -> None:
         scenes = {c.name: conditions.held_out_scenes(arguments.cache, c, arguments.count)
                   for c in CONDITIONS}
         line = lineup(arguments, Path(folder))
-        processors.measure_delays(line, arguments.cache)
+        processors.measure(line, arguments.cache)
         results, errors = {}, {}
         for p in line:
             results[p.name], errors[p.name] = scores(p, scenes)

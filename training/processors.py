@@ -2,7 +2,7 @@
 PyTorch, and the alternatives to compare with.
 
 A processor is called with a scene and returns microphone 1 enhanced, aligned with the input. Its
-delay is measured once, on speech."""
+delay and what it does to the level of clean speech are measured once, on speech."""
 
 import ctypes
 import json
@@ -14,7 +14,7 @@ import numpy as np
 import scipy.signal
 import torch
 
-from training import conditions, library, make_neutral_model, model_file
+from training import conditions, library, make_neutral_model, metrics, model_file
 from training.errors import TrainingError
 from training.gain_rule import FAR_END_ENERGY, GainRule
 from training.library import SHAPE
@@ -25,40 +25,59 @@ PEERS = ("SpeexDSP", "WebRTC audio processing")
 
 
 class Processor:
-    def __init__(self, name: str, function):
-        """`function(scene, echo)` -> output; `echo` says whether the scene has far-end signal."""
+    def __init__(self, name: str, function, evened: bool = False):
+        """`function(scene, echo)` -> output; `echo` says whether the scene has far-end signal. `evened`: the
+        output is taken at the level at which clean speech comes out as it went in."""
         self.name, self._function, self._delay = name, function, 0
+        self._evened, self._level = evened, np.float32(1)
+        self.speech_gains = np.ones(len(metrics.WORD_BANDS_HZ))
 
-    def measure_delay(self, scene: Scene) -> None:
-        self._delay = 0
+    def measure(self, scene: Scene) -> None:
+        self._delay, self._level = 0, np.float32(1)
         output = self(scene)
         correlation = scipy.signal.correlate(output, scene.microphones[1], method="fft")
         zero = len(output) - 1
         self._delay = int(np.argmax(correlation[zero:zero + MAX_DELAY]))
+        if self._evened:
+            self._level = np.float32(metrics.speech_level(self(scene), scene.microphones[1]))
+        self.speech_gains = metrics.speech_gains(self(scene), scene.microphones[1])
 
     def __call__(self, scene: Scene) -> np.ndarray:
         pad = np.zeros(self._delay + -self._delay % SHAPE.hop, np.float32)
         microphones = np.stack([np.concatenate([m, pad]) for m in scene.microphones])
         padded = Scene(microphones, np.concatenate([scene.reference, pad]), scene.target, scene.plan)
         output = self._function(padded, bool(np.any(scene.reference)))
-        return output[self._delay:][:len(scene.reference)]
+        return output[self._delay:][:len(scene.reference)] / self._level
 
 
 def unprocessed() -> Processor:
     return Processor("unprocessed", lambda scene, echo: scene.microphones[1])
 
 
-def engine(name: str, model: bytes | None, **mode) -> Processor:
+def engine(name: str, model: bytes | None, evened: bool = False, **mode) -> Processor:
     return Processor(name, lambda scene, echo: library.engine(model, *scene.microphones,
-                                                              scene.reference, **mode))
+                                                              scene.reference, **mode), evened)
 
 
-def preset(path: Path, model: bytes | None) -> Processor:
-    """The engine with one of the tool's preset files."""
+def preset_files(given: list[Path] | None) -> list[Path]:
+    """Preset files, and those of folders by name."""
+    return [file for path in given or [] for file in (sorted(path.glob("*.json")) if path.is_dir() else [path])]
+
+
+def settings_of(path: Path) -> dict:
     try:
-        settings = json.loads(path.read_text())
+        return json.loads(path.read_text())
     except (OSError, ValueError) as error:
         raise TrainingError(f"cannot read the preset {path}: {error}") from error
+
+
+def preset(path: Path, model: bytes | None, evened: bool = False) -> Processor:
+    """The engine with one of the tool's preset files."""
+    return with_settings(f"preset {path.stem}", settings_of(path), model, evened)
+
+
+def with_settings(name: str, settings: dict, model: bytes | None, evened: bool = False) -> Processor:
+    """The engine with what a preset file says."""
     limiter = settings.get("limiter")
     shelves = [settings.get(name) for name in ("low_shelf", "high_shelf")]
     peaks = [(p["center_hz"], p["gain_db"], p["q"]) for p in settings.get("peaks", [])]
@@ -73,7 +92,7 @@ def preset(path: Path, model: bytes | None) -> Processor:
                                                            if shelf else (0, 0)))
     config += b"".join(struct.pack("<ifi", *peak) for peak in peaks)
     mode = settings.get("mode", "denoise")
-    return engine(f"preset {path.stem}", model, nn_only=mode == "denoise",
+    return engine(name, model, evened, nn_only=mode == "denoise",
                   use_ns=mode == "suppress", config=config)
 
 
@@ -165,8 +184,9 @@ def peers() -> list[Processor]:
     return [processor(name, function) for name, function in zip(PEERS, functions)]
 
 
-def measure_delays(processors: list[Processor], cache: Path) -> None:
+def measure(processors: list[Processor], cache: Path) -> None:
+    """Delays and gains of speech, on clean speech; before any of them is called."""
     clean = next(c for c in conditions.CONDITIONS if c.name == "clean")
     scene = conditions.held_out_scenes(cache, clean, 1)[0]
     for processor in processors:
-        processor.measure_delay(scene)
+        processor.measure(scene)

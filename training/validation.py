@@ -23,10 +23,11 @@ from training.scenes import Mixer, Plan, Scene
 
 SIDES = ("far", "near")
 SECONDS = 6
+SAVED_EVERY = 200  # scenes
 FIRST_SECOND = 1.0  # scores start here; where nobody talks, after LATE seconds
 LATE = 3.0
 TAIL = SHAPE.sample_rate // 10
-ROWS_VERSION = 1  # of what `score` returns; a new one makes kept rows worthless
+ROWS_VERSION = 2  # of what `score` returns; a new one makes kept rows worthless
 DISTANCES = ((0.0, 0.7), (0.7, 1.7), (1.7, 9.0))  # m
 NO_DIFFERENCE = 2.0  # standard errors
 
@@ -34,7 +35,8 @@ NO_DIFFERENCE = 2.0  # standard errors
 MEASURES = (("stoi", "STOI", 3, True), ("estoi", "ESTOI", 3, True), ("si-sdr hp", "SI-SDR dB", 1, True),
             ("fwsegsnr hp", "fw. seg. SNR dB", 1, True), ("segsnr hp", "seg. SNR dB", 1, True),
             ("disturbance hp", "disturbance", 2, False), ("asymmetric hp", "asymmetric", 1, False),
-            ("kept", "voice kept dB", 1, True))
+            ("kept", "voice kept dB", 1, True), ("lost", "words lost %", 1, False),
+            ("missed", "words missed %", 1, False))
 
 
 @dataclasses.dataclass(frozen=True)
@@ -51,25 +53,26 @@ class Case:
         return [30, self.number, zlib.crc32(repr((self.kind, self.group, self.plan)).encode())]
 
 
-def cases(quick: bool) -> list[Case]:
+def cases(quick: bool, times: int = 1) -> list[Case]:
+    """What there is to score; `times` as many of everything, the first ones being the same."""
     groups = list(material.NOISE_GROUPS)
     noisy = [Case("noisy", g, plan(group=g, snr=float(s)), i)
-             for i in range(1 if quick else 3) for g in groups for s in SNRS]
+             for i in range(times * (1 if quick else 3)) for g in groups for s in SNRS]
     voices = [Case("noisy", "voices", plan(noise=noise, snr=float(s)), i)
-              for i in range(1 if quick else 2) for noise in ("babble", "television") for s in SNRS[1:-1]]
+              for i in range(times * (1 if quick else 2)) for noise in ("babble", "television") for s in SNRS[1:-1]]
     alone = [Case("noise", g, plan(talks=False, group=g, level=-38.0), i)
-             for i in range(1 if quick else 3) for g in groups]
+             for i in range(times * (1 if quick else 3)) for g in groups]
     clean = [Case(kind, "", plan(noise="none", dry=kind == "clean"), i)
-             for kind in ("clean", "room") for i in range(6 if quick else 18)]
+             for kind in ("clean", "room") for i in range(times * (6 if quick else 18))]
     echo = [Case("echo", "", plan(talks=False, noise="none", far_end=True, echo=0.0, mild_loudspeaker=False,
-                                  path_change=i % 4 == 3), i) for i in range(6 if quick else 16)]
+                                  path_change=i % 4 == 3), i) for i in range(times * (6 if quick else 16))]
     double = [Case("double talk", "", plan(far_end=True, echo=float(e), mild_loudspeaker=False,
                                            path_change=i % 4 == 3), i)
-              for i in range(2 if quick else 8) for e in (-10, 0, 10)]
+              for i in range(times * (2 if quick else 8)) for e in (-10, 0, 10)]
     return noisy + voices + alone + clean + echo + double
 
 
-def score(case: Case, scene: Scene, output: np.ndarray) -> dict[str, float]:
+def score(case: Case, scene: Scene, output: np.ndarray, speech_gains: np.ndarray) -> dict[str, float]:
     rate, end = SHAPE.sample_rate, len(output) - TAIL
     if not case.plan.talks:
         late = slice(int(LATE * rate), end)
@@ -80,7 +83,8 @@ def score(case: Case, scene: Scene, output: np.ndarray) -> dict[str, float]:
     if not np.any(target):
         return {}
     stoi, estoi = metrics.intelligibility(out, target)
-    row = {"stoi": stoi, "estoi": estoi,
+    lost, missed = metrics.missed_words(out, target, speech_gains)
+    row = {"stoi": stoi, "estoi": estoi, "lost": 100 * lost, "missed": 100 * missed,
            "kept": metrics.decibels((np.dot(out, target) / np.dot(target, target)) ** 2)}
     # STOI begins above what the engine removes; the others are taken with the bass and without it.
     for ending, o, t in (("", out, target), (" hp", metrics.without_bass(out), metrics.without_bass(target))):
@@ -94,8 +98,8 @@ def score(case: Case, scene: Scene, output: np.ndarray) -> dict[str, float]:
 class Scenes:
     """The scenes of one side, rendered when they are asked for."""
 
-    def __init__(self, cache: Path, side: str, quick: bool):
-        self.side, self.cases = side, cases(quick)
+    def __init__(self, cache: Path, side: str, quick: bool, times: int = 1):
+        self.side, self.cases = side, cases(quick, times)
         self.mixer = Mixer(Material(cache, side), SHAPE.sample_rate, 0, vary_noise=False)
 
     def __iter__(self):
@@ -148,18 +152,23 @@ def lineup(arguments, folder: Path) -> dict[str, tuple[str, processors.Processor
             else:
                 model = processors.written(model_tables(checkpoint.load_average(path)), folder, "model")
             result[name] = (f"model {zlib.crc32(model):08x}", processors.engine(name, model))
+    for path in processors.preset_files(arguments.presets):  # of the last model
+        processor = processors.preset(path, model, evened=True)
+        result[processor.name] = (f"preset {zlib.crc32(path.read_bytes() + model):08x}", processor)
     result["unprocessed"] = ("unprocessed", processors.unprocessed())
     if not arguments.no_peers:
         result |= {p.name: (p.name, p) for p in (processors.ideal(), *processors.peers())}
     return result
 
 
-def table(cache: Path, line: dict, quick: bool, progress) -> list[dict]:
+def table(cache: Path, line: dict, quick: bool, progress, times: int = 1, sides=SIDES) -> list[dict]:
     """One dictionary per side, scene and processor: what it is, and its scores."""
     kept, result = Rows(cache / "rows.json"), []
-    processors.measure_delays([p for _, p in line.values()], cache)
-    for side in SIDES:
-        for case, scene in Scenes(cache, side, quick):
+    processors.measure([p for _, p in line.values()], cache)
+    for side in sides:
+        for count, (case, scene) in enumerate(Scenes(cache, side, quick, times)):
+            if count % SAVED_EVERY == 0:
+                kept.save()
             sound, facts = sound_key(scene), scene.facts
             about = {"side": side, "kind": case.kind, "group": case.group, "snr": case.plan.snr,
                      "echo": case.plan.echo if np.isfinite(case.plan.echo) else None,
@@ -169,7 +178,7 @@ def table(cache: Path, line: dict, quick: bool, progress) -> list[dict]:
             for name, (key, processor) in line.items():
                 rows = kept.of(key)
                 if sound not in rows:
-                    rows[sound] = score(case, scene, processor(scene))
+                    rows[sound] = score(case, scene, processor(scene), processor.speech_gains)
                 result.append({"processor": name, **about, **rows[sound]})
         progress(f"{side}: {sum(r['side'] == side for r in result) // len(line)} scenes")
         kept.save()
@@ -218,10 +227,12 @@ def markdown(heads: list[str], lines: list[list[str]]) -> list[str]:
 
 
 OTHERS = (("clean", "stoi", "clean STOI", 4, True), ("clean", "segsnr hp", "clean seg. SNR", 1, True),
-          ("room", "stoi", "room STOI", 4, True), ("noise", "drop", "noise down, late", 1, True), ("echo", "drop", "echo down, late", 1, True),
+          ("room", "stoi", "room STOI", 4, True), ("noise", "drop", "noise down, late", 1, True),
+          ("echo", "drop", "echo down, late", 1, True),
           ("echo", "whole drop", "echo down, whole", 1, True),
           ("double talk", "stoi", "double talk STOI", 3, True),
-          ("double talk", "kept", "its voice kept", 1, True))
+          ("double talk", "kept", "its voice kept", 1, True),
+          ("double talk", "lost", "its words lost %", 1, False))
 
 
 def summary(rows: list[dict], names: list[str], side: str) -> list[str]:
@@ -327,12 +338,12 @@ def worst(rows: list[dict], name: str, count: int = 10) -> list[dict]:
     return sorted(mine, key=lambda r: r["stoi"] - unprocessed[r["sound"]])[:count]
 
 
-def write_sounds(cache: Path, chosen: list[dict], processor, quick: bool, folder: Path) -> None:
+def write_sounds(cache: Path, chosen: list[dict], processor, quick: bool, times: int, folder: Path) -> None:
     import soundfile
 
     folder.mkdir(parents=True, exist_ok=True)
     rank = {r["sound"]: i + 1 for i, r in enumerate(chosen)}
-    for _, scene in Scenes(cache, "far", quick):
+    for _, scene in Scenes(cache, "far", quick, times):
         number = rank.get(sound_key(scene))
         if number:
             for name, signal in (("microphone", scene.microphones[1]), ("enhanced", processor(scene)),
@@ -355,7 +366,7 @@ def run(arguments, progress=print) -> None:
         raise TrainingError("give --model or --checkpoint, as often as there are some to compare")
     with tempfile.TemporaryDirectory() as folder:
         line = lineup(arguments, Path(folder))
-        rows = table(arguments.cache, line, arguments.quick, progress)
+        rows = table(arguments.cache, line, arguments.quick, progress, arguments.times)
         names = list(line)
         candidate = names[len(arguments.model or []) + len(arguments.checkpoint or []) - 1]
         chosen = worst(rows, candidate)
@@ -368,5 +379,5 @@ def run(arguments, progress=print) -> None:
             (arguments.out / "far.md").write_text("\n".join(text))
             (arguments.out / "far.json").write_text(json.dumps(rows) + "\n")
             write_sounds(arguments.cache, chosen, line[candidate][1], arguments.quick,
-                         arguments.out / "worst")
+                         arguments.times, arguments.out / "worst")
     print("\n".join(text))

@@ -15,7 +15,7 @@ const scene = `${here}build-web/example`;
 const { channels: mic } = readWavFile(`${scene}/mic.wav`);
 const { channels: [ref] } = readWavFile(`${scene}/ref.wav`);
 const blocks = mic[0].length / 160;
-const settings = { micChannels: 2, refChannels: 1, delay: 0, preset: 'voice' };
+const settings = { micChannels: 2, refChannels: 1, delay: 0, preset: 'recording' };
 const modules = { 'with vectors': 'speechenhance.wasm', 'without vectors': 'speechenhance-scalar.wasm' };
 const tool = process.argv[2];
 if (!tool) {
@@ -24,7 +24,7 @@ if (!tool) {
 }
 
 const contenders = { native: () => JSON.parse(execFileSync(tool, [`${scene}/mic.wav`, '--ref', `${scene}/ref.wav`,
-  '--delay', '0', '--preset', 'voice', '-q', '--stats=json', '-o', '/dev/null'])).engine_s * 1000 / blocks };
+  '--delay', '0', '--preset', 'recording', '-q', '--stats=json', '-o', '/dev/null'])).engine_s * 1000 / blocks };
 
 for (const [name, file] of Object.entries(modules)) {
   const enhancer = await Enhancer.create({ ...settings, module: readFileSync(`${here}build-web/package/${file}`) });

@@ -3,7 +3,13 @@
 #include <stdio.h>
 #include <string.h>
 
-enum { kMostPresets = 32, kPeaks = 10, kLowestShelfHz = 279, kHighestShelfHz = 7718 };
+enum {
+  kMostPresets = 32,
+  kOldPresets = 8,
+  kPeaks = 10,
+  kLowestShelfHz = 279,
+  kHighestShelfHz = 7718
+};
 
 enum {
   kPreset,
@@ -24,12 +30,27 @@ enum {
 
 static guint first_id;
 
+// What presets were called before, and their names.
+static const char* const kOldNames[][2] = {
+#include "old_presets.def"
+};
+
 static GType preset_type(void) {
   static gsize type;
   if (g_once_init_enter(&type)) {
-    static GEnumValue values[kMostPresets + 1];
-    for (gint i = 0; i < kMostPresets && se_stream_preset_name(i); ++i) {
-      values[i] = (GEnumValue){i, se_stream_preset_description(i), se_stream_preset_name(i)};
+    static GEnumValue values[kMostPresets + kOldPresets + 1];
+    gint count = 0;
+    for (; count < kMostPresets && se_stream_preset_name(count); ++count) {
+      values[count] =
+          (GEnumValue){count, se_stream_preset_description(count), se_stream_preset_name(count)};
+    }
+    // Pipelines that name a preset as it was called before still work.
+    GEnumValue* old = values + count;
+    for (guint i = 0; i < G_N_ELEMENTS(kOldNames) && i < kOldPresets; ++i) {
+      for (gint preset = 0; preset < count; ++preset) {
+        if (strcmp(values[preset].value_nick, kOldNames[i][1]) != 0) continue;
+        *old++ = (GEnumValue){preset, "Older name", kOldNames[i][0]};
+      }
     }
     g_once_init_leave(&type, g_enum_register_static("SpeechEnhancePreset", values));
   }
@@ -61,37 +82,55 @@ static void take_preset(SeSettings* settings, gint preset) {
 }
 
 void se_settings_init(SeSettings* settings) {
-  take_preset(settings, 0);
+  take_preset(settings, SE_DEFAULT_PRESET);
+}
+
+// As the property "peaks" has it; the caller frees it.
+static gchar* peaks_text(const PeakBand peaks[kPeaks]) {
+  GString* text = g_string_new(NULL);
+  for (guint i = 0; i < kPeaks; ++i) {
+    if (peaks[i].q <= 0) continue;
+    gchar db[G_ASCII_DTOSTR_BUF_SIZE];
+    g_ascii_formatd(db, sizeof db, "%g", (double)peaks[i].gain_db);
+    g_string_append_printf(text, "%s%d:%s:%d", text->len ? "," : "", peaks[i].center_hz, db,
+                           peaks[i].q);
+  }
+  return g_string_free(text, FALSE);
 }
 
 guint se_settings_install(GObjectClass* klass, guint first) {
   const GParamFlags flags =
       (GParamFlags)(G_PARAM_READWRITE | G_PARAM_STATIC_STRINGS | GST_PARAM_MUTABLE_PLAYING);
   first_id = first;
+  SeSettings defaults;
+  se_settings_init(&defaults);
+  const NnProcessConfig* engine = &defaults.stream.engine;
+  gchar* peaks = peaks_text(engine->peak);
   GParamSpec* const properties[kCount] = {
       [kPreset] =
           g_param_spec_enum("preset", "Preset",
                             "Sets all of the other settings of the sound, from amount to residual",
-                            preset_type(), 0, flags),
+                            preset_type(), defaults.preset, flags),
       [kMode] = g_param_spec_enum("mode", "Mode", "What is done to the sound", mode_type(),
-                                  SE_STREAM_DENOISE, flags),
+                                  defaults.stream.mode, flags),
       [kAmount] = g_param_spec_float(
           "amount", "Amount",
           "1: enhanced; 0: as it came in, with the same latency; between: mixed", 0, 1, 1, flags),
       [kResidual] = g_param_spec_int("residual", "Residual",
                                      "Attenuation of the unprocessed signal with mode mix, dB", 0,
-                                     120, 30, flags),
-      [kNsResidual] = g_param_spec_int(
-          "ns-residual", "Residual for the suppressor",
-          "Attenuation of the unprocessed signal with mode suppress, dB", 10, 130, 40, flags),
-      [kLimiter] =
-          g_param_spec_boolean("limiter", "Limiter", "Limit the peaks of the output", FALSE, flags),
-      [kLimiterCeiling] =
-          g_param_spec_float("limiter-ceiling", "Limiter's ceiling",
-                             "Limit to this fraction of full scale", 0.01f, 1, 0.9f, flags),
-      [kLimiterGain] =
-          g_param_spec_float("limiter-gain", "Limiter's gain",
-                             "Amplify by this much ahead of the limiter, dB", 0, 60, 0, flags),
+                                     120, engine->residual_db, flags),
+      [kNsResidual] =
+          g_param_spec_int("ns-residual", "Residual for the suppressor",
+                           "Attenuation of the unprocessed signal with mode suppress, dB", 10, 130,
+                           engine->ns_residual_db, flags),
+      [kLimiter] = g_param_spec_boolean("limiter", "Limiter", "Limit the peaks of the output",
+                                        engine->limiter_enable, flags),
+      [kLimiterCeiling] = g_param_spec_float("limiter-ceiling", "Limiter's ceiling",
+                                             "Limit to this fraction of full scale", 0.01f, 1,
+                                             engine->limiter_max_gain, flags),
+      [kLimiterGain] = g_param_spec_float("limiter-gain", "Limiter's gain",
+                                          "Amplify by this much ahead of the limiter, dB", 0, 60,
+                                          engine->limiter_level_db, flags),
       [kLowShelfHz] = g_param_spec_float("low-shelf-frequency", "Low shelf's frequency",
                                          "Attenuate below this, Hz", kLowestShelfHz, 8000,
                                          kLowestShelfHz, flags),
@@ -106,10 +145,11 @@ guint se_settings_install(GObjectClass* klass, guint first) {
                                         "Up to ten bands HZ:DB:Q with commas between them: the "
                                         "level around HZ is changed by DB in a "
                                         "band HZ / Q wide",
-                                        "", flags),
+                                        peaks, flags),
   };
   for (guint i = 0; i < kCount; ++i)
     g_object_class_install_property(klass, first + i, properties[i]);
+  g_free(peaks);
   return first + kCount;
 }
 
@@ -195,18 +235,6 @@ const char* se_settings_set(SeSettings* settings, guint property, const GValue* 
   return wrong;
 }
 
-static void get_peaks(const PeakBand peaks[kPeaks], GValue* value) {
-  GString* text = g_string_new(NULL);
-  for (guint i = 0; i < kPeaks; ++i) {
-    if (peaks[i].q <= 0) continue;
-    gchar db[G_ASCII_DTOSTR_BUF_SIZE];
-    g_ascii_formatd(db, sizeof db, "%g", (double)peaks[i].gain_db);
-    g_string_append_printf(text, "%s%d:%s:%d", text->len ? "," : "", peaks[i].center_hz, db,
-                           peaks[i].q);
-  }
-  g_value_take_string(value, g_string_free(text, FALSE));
-}
-
 void se_settings_get(const SeSettings* settings, guint property, GValue* value) {
   const SEStreamSettings* stream = &settings->stream;
   const NnProcessConfig* engine = &stream->engine;
@@ -248,7 +276,7 @@ void se_settings_get(const SeSettings* settings, guint property, GValue* value) 
       g_value_set_float(value, engine->high_shelf.enable ? engine->high_shelf.atten_db : 0);
       break;
     default:
-      get_peaks(engine->peak, value);
+      g_value_take_string(value, peaks_text(engine->peak));
       break;
   }
 }

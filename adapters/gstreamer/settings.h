@@ -11,7 +11,7 @@ typedef struct {
   SEStreamSettings stream;
 } SeSettings;
 
-// The preset "plain".
+// The preset that holds where none is set.
 void se_settings_init(SeSettings* settings);
 
 // Adds the properties, with identities from `first` on; returns the first identity that is free.

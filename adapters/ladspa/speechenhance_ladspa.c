@@ -87,7 +87,7 @@ static const char* const kPortNames[kPorts] = {
 enum { kBounded = LADSPA_HINT_BOUNDED_BELOW | LADSPA_HINT_BOUNDED_ABOVE };
 
 static const LADSPA_PortRangeHint kHints[kPorts] = {
-    [kPreset] = {kBounded | LADSPA_HINT_INTEGER | LADSPA_HINT_DEFAULT_0, 0, kLastPreset},
+    [kPreset] = {kBounded | LADSPA_HINT_INTEGER | LADSPA_HINT_DEFAULT_1, 0, kLastPreset},
     [kAmount] = {kBounded | LADSPA_HINT_DEFAULT_1, 0, 1},
 };
 

@@ -8,7 +8,7 @@
  *   if (error != SE_STREAM_OK) return fail(se_stream_error_text(error));
  *
  *   SEStreamSettings settings;
- *   se_stream_get_preset("voice", &settings);
+ *   se_stream_get_preset("call", &settings);
  *   se_stream_set_settings(stream, &settings);
  *
  *   // in the audio callback, with any number of frames:
@@ -89,7 +89,7 @@ typedef struct SEStream SEStream;
 /* As a delay: find it and follow it. */
 #define SE_STREAM_DELAY_AUTO INT32_MAX
 
-/* Creates a stream with the settings of the preset "plain".
+/* Creates a stream with the settings of the preset "recording".
  *   rate          samples per second of all its signals, 8000 to 192000
  *   mic_channels  1 or 2
  *   ref_channels  0 (no echo is cancelled), 1 or 2
@@ -159,7 +159,8 @@ SE_API const char* se_stream_preset_name(int32_t index);
 SE_API const char* se_stream_preset_description(int32_t index);
 
 /* Fills `settings` with those of the preset. Returns SE_STREAM_OK or SE_STREAM_NO_PRESET (then
- * `settings` is left as it was). Any thread. */
+ * `settings` is left as it was). Older names of presets are known, though not listed: "voice" is
+ * "recording". Any thread. */
 SE_API int32_t se_stream_get_preset(const char* name, SEStreamSettings* settings);
 
 /* Returns SE_STREAM_OK, or what is outside its range: SE_STREAM_BAD_MODE, SE_STREAM_BAD_AMOUNT,

@@ -20,7 +20,7 @@ mic, rate = soundfile.read(noisy, dtype="float32")
 reference = soundfile.read(sys.argv[4], dtype="float32")[0] if len(sys.argv) > 4 else None
 
 # %% One call
-out = speechenhance.enhance(mic, rate, reference, preset="voice")
+out = speechenhance.enhance(mic, rate, reference)
 soundfile.write(clean, out, rate)
 
 # %% The same as it would arrive from a sound card, 20 ms at a time

@@ -143,7 +143,7 @@ TEST_F(GStreamer, GoesOnWhenTheReferenceEnds) {
   add_reference();
   const std::vector<float> out = run_scene(length / 2, 3);
   std::fill(scene.refs[0].begin() + std::ptrdiff_t(length / 2), scene.refs[0].end(), 0.0f);
-  EXPECT_EQ(out, by_tool(scene, kRate, "plain", 0));
+  EXPECT_EQ(out, by_tool(scene, kRate, "recording", 0));
 }
 
 // Sound that is missing, with a gap event or without, is silence, and what follows stays in its
@@ -174,7 +174,7 @@ TEST_F(GStreamer, FillsGaps) {
   for (auto& signal : scene.mics) silence(signal, kMicGap);
   silence(scene.refs[0], kReferenceGap);
   silence(scene.refs[0], kReferenceHole);
-  EXPECT_EQ(out, by_tool(scene, kRate, "plain", 0));
+  EXPECT_EQ(out, by_tool(scene, kRate, "recording", 0));
 }
 
 TEST_F(GStreamer, StartsAnewAfterAFlush) {
@@ -190,7 +190,7 @@ TEST_F(GStreamer, StartsAnewAfterAFlush) {
   gst_harness_push_event(mic, gst_event_new_eos());
   const std::vector<float> out = pull_all();
   std::fill(scene.refs[0].begin(), scene.refs[0].end(), 0.0f);
-  EXPECT_EQ(out, by_tool(scene, kRate, "plain", 0));
+  EXPECT_EQ(out, by_tool(scene, kRate, "recording", 0));
 }
 
 // All of the first sound comes out ahead of the second's.
@@ -213,7 +213,7 @@ TEST_F(GStreamer, TakesOtherCapsInTheMiddle) {
   EXPECT_EQ(first_half, frames);
   const std::vector<float> out = pull_all(kRate / 2);
   std::fill(scene.refs[0].begin(), scene.refs[0].end(), 0.0f);
-  EXPECT_EQ(out, by_tool(scene, kRate, "plain", 0));
+  EXPECT_EQ(out, by_tool(scene, kRate, "recording", 0));
 }
 
 // What was played into a pipeline that plays it 100 ms after its time stamps.
@@ -230,7 +230,7 @@ TEST_F(GStreamer, TakesTheReferenceOfAProbe) {
   push(probe, {scene.refs[0]}, 0, length, RandomBlocks{RandomSignal(5)});
   push(mic, scene.mics, 0, length, RandomBlocks{RandomSignal(6)}, kRate, kLatencyFrames);
   gst_harness_push_event(mic, gst_event_new_eos());
-  EXPECT_EQ(pull_all(kLatencyFrames), by_tool(scene, kRate, "plain", 0));
+  EXPECT_EQ(pull_all(kLatencyFrames), by_tool(scene, kRate, "recording", 0));
   gst_harness_teardown(probe);
 }
 

@@ -20,7 +20,7 @@ from against_tool import ENGINE_RATE, aligned, by_tool, compare, level_db, read_
 URI = "urn:speechenhance:voice"
 RATE = 48000
 LATENCY = 1327  # samples at 16 kHz
-PRESETS = ["plain", "voice", "flat", "call", "natural", "steady"]
+PRESETS = ["plain", "recording", "flat", "call", "natural", "steady", "recognition"]
 CALL = 3
 
 

@@ -50,7 +50,7 @@ def by_tool(folder, mic, reference, preset):
 
 @pytest.mark.skipif("SPEECHENHANCE_TOOL" not in os.environ, reason="SPEECHENHANCE_TOOL names no program")
 @pytest.mark.parametrize("preset,channels,with_reference,integers", [
-    ("voice", 1, False, True), ("call", 2, True, False), ("steady", 2, False, False), ("plain", 1, True, True)])
+    ("recording", 1, False, True), ("call", 2, True, False), ("steady", 2, False, False), ("plain", 1, True, True)])
 def test_gives_the_programs_bits(tmp_path, preset, channels, with_reference, integers):
     mic, reference = scene(3.0, channels=channels)
     if integers:
@@ -143,7 +143,7 @@ def test_settings():
     (ValueError, "channel", lambda: Enhancer(RATE, 3)),
     (ValueError, "delay", lambda: Enhancer(RATE, 1, 1, delay=900)),
     (ValueError, "milliseconds", lambda: Enhancer(RATE, 1, 1, delay="soon")),
-    (ValueError, "plain, voice", lambda: enhance(np.zeros(99), RATE, preset="loud")),
+    (ValueError, "plain, recording", lambda: enhance(np.zeros(99), RATE, preset="loud")),
     (ValueError, "denoise, mix", lambda: enhance(np.zeros(99), RATE, preset=Settings("loud"))),
     (ValueError, "residual", lambda: Settings(residual_db=500).to_native()),
     (ValueError, "at most 10", lambda: Settings(peaks=(Peak(500, 1, 1),) * 11).to_native()),

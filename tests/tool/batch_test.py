@@ -75,7 +75,7 @@ class BatchTest(ProgramCase):
             for name in ("duration_s", "level_in_dbfs", "background_out_dbfs", "attenuation_db",
                          "echo_reduction_db", "clipped_samples"):
                 self.assertEqual(line[name], figures[name])
-            self.assertEqual(line["settings"]["limiter"], {"ceiling": 0.9, "gain_db": 0.0})
+            self.assertEqual(line["settings"]["limiter"], {"ceiling": 0.95, "gain_db": 0.0})
             self.assertIn(line["version"], self.succeed("--version").stdout.decode())
         failed = results[str(self.corpus / "b" / "broken.wav")]
         self.assertIn("not readable as audio", failed["error"])
@@ -204,7 +204,7 @@ class BatchTest(ProgramCase):
         self.assertIn("0 cleaned, 5 there", self.batch("--skip-existing", code=3))
         self.assertIn("1 cleaned", self.batch("--retry-failed"))
         self.assertEqual(self.results()[1], 6)
-        self.assertIn("6 cleaned", self.batch("--skip-existing", "--limiter"))
+        self.assertIn("6 cleaned", self.batch("--skip-existing", "--no-limiter"))
         self.assertEqual(self.results()[1], 6)
         self.assertIn("6 cleaned", self.batch("--overwrite"))
 
@@ -288,10 +288,10 @@ class BatchTest(ProgramCase):
         self.write_manifest(*({"path": f"corpus/{name}.wav", "out": out} for name, out in (
             ("talk", evil), ("soft", "soft"), ("quiet", "quiet"), ("broken1", "b1"),
             ("gone1", "g1"), ("gone2", "g2"))))
-        self.batch("--mode", "mix", "--residual", 0, code=3)
+        self.batch("--no-limiter", "--mode", "mix", "--residual", 0, code=3)
         (self.corpus / "broken1.wav").write_bytes(wav(pcm16(noise(1, 3))))
         copy = (self.results_folder / "results.jsonl").read_text()
-        self.batch("--mode", "mix", "--residual", 0, "--retry-failed", code=3)
+        self.batch("--no-limiter", "--mode", "mix", "--residual", 0, "--retry-failed", code=3)
         # An earlier state of the same folder beside it, and a line that was cut: counted once.
         (self.results_folder / "results-old.jsonl").write_text(copy + '{"id"')
         page = self.folder / "report.html"

@@ -46,7 +46,7 @@ class Completion(unittest.TestCase):
             with self.subTest(shell):
                 self.assertLessEqual(set(commands()), offers(shell, ""))
                 self.assertEqual(offers(shell, "--mode", ""), {"denoise", "mix", "suppress"})
-                self.assertLessEqual({"call", "voice"}, offers(shell, "--preset", ""))
+                self.assertLessEqual({"call", "recognition"}, offers(shell, "--preset", ""))
             for command in [[], *([name] for name in commands())]:
                 with self.subTest(shell, command=command):
                     text = output(TOOL, *command, "--help")

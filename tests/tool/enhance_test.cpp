@@ -77,7 +77,7 @@ TEST(Enhance, GivesWhatTheEngineGives) {
   for (std::size_t i = 0; i < first.size(); ++i) {
     stereo.insert(stereo.end(), {first[i], second[i]});
   }
-  for (const char* preset : {"plain", "voice", "call", "natural", "steady"}) {
+  for (const char* preset : {"plain", "recording", "call", "natural", "steady", "recognition"}) {
     SCOPED_TRACE(preset);
     const Settings settings = load_preset(preset);
     for (const int channels : {1, 2}) {

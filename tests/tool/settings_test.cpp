@@ -161,7 +161,7 @@ std::string options_error(const std::vector<const char*>& arguments) {
 
 TEST(Options, MakeEverySetting) {
   const auto settings = [](std::vector<const char*> arguments) {
-    arguments.insert(arguments.begin(), {"a", "-o", "b"});
+    arguments.insert(arguments.begin(), {"a", "-o", "b", "-p", "plain"});
     return format_preset(parse(arguments).settings);
   };
   EXPECT_EQ(settings({"--mode", "mix", "--residual", "25", "--limiter-gain", "3",
@@ -177,20 +177,25 @@ TEST(Options, MakeEverySetting) {
             format_preset(parse_preset(R"({"mode": "suppress", "ns_residual_db": 50})", "p")));
   EXPECT_EQ(settings({}), format_preset({}));
   EXPECT_TRUE(parse({"a", "-o", "b", "--no-limiter", "--limiter"}).settings.limiter);
+  for (const Options& options : {parse({"a", "-o", "b"}), parse({"a", "-o", "b", "-p", "voice"})}) {
+    EXPECT_EQ(format_preset(options.settings), format_preset(load_preset("recording")))
+        << "the default, and the name that it had before";
+  }
 }
 
 TEST(Options, OverrideThePreset) {
-  const Settings preset = load_preset("voice");
+  const Settings preset = load_preset("recording");
   ASSERT_TRUE(preset.limiter);
   ASSERT_FALSE(preset.peaks.empty());
 
-  const Settings tuned = parse({"a", "-o", "b", "-p", "voice", "--limiter-gain", "7"}).settings;
+  const Settings tuned = parse({"a", "-o", "b", "-p", "recording", "--limiter-gain", "7"}).settings;
   EXPECT_EQ(tuned.limiter->gain_db, 7);
   EXPECT_EQ(tuned.limiter->ceiling, preset.limiter->ceiling);
   EXPECT_EQ(tuned.peaks.size(), preset.peaks.size());
 
   const Settings stripped =
-      parse({"a", "-o", "b", "-p", "voice", "--limiter", "--no-limiter", "--peak", "off"}).settings;
+      parse({"a", "-o", "b", "-p", "recording", "--limiter", "--no-limiter", "--peak", "off"})
+          .settings;
   EXPECT_FALSE(stripped.limiter);
   EXPECT_TRUE(stripped.peaks.empty());
   EXPECT_FALSE(parse({"a", "-o", "b", "-p", "call", "--low-shelf", "off"}).settings.low_shelf);
@@ -218,7 +223,7 @@ TEST(Options, RefusesNonsenseInOneLine) {
       {{"a.wav", "-o", "b.wav", "--max-input", "5Q"}, "not a size"},
       {{"a.wav", "-o", "b.wav", "--max-input", "16777216T"}, "not a size"},
       {{"a.wav", "-o", "b.wav", "--jobs", "0"}, "jobs"},
-      {{"a.wav", "-o", "b.wav", "--preset", "nonesuch"}, "plain, voice"},
+      {{"a.wav", "-o", "b.wav", "--preset", "nonesuch"}, "plain, recording"},
       {{""}, "MIC: empty"},
       {{"a.wav", "-o", ""}, "--output: empty"},
       {{"a.wav", "-o", "b.wav", "--ref", ""}, "--ref: empty"},

@@ -5,6 +5,7 @@ import unittest
 from support import RATE, some_network, voice
 
 import numpy as np
+import scipy.signal
 import torch
 
 from training import accelerate, metrics
@@ -139,6 +140,29 @@ class MetricsTest(unittest.TestCase):
         self.assertAlmostEqual(metrics.attenuation(clean / 2, clean)[125, 5000], 6.02, places=1)
         reached = metrics.reachable(clean, np.ones(SHAPE.bins, np.float32))
         np.testing.assert_allclose(reached, clean, atol=1e-5)
+
+    def test_missed_words(self):
+        rng = np.random.default_rng(6)
+        word = np.hanning(RATE * 3 // 10) * 0.2
+        at = [int(RATE * (0.3 + 0.5 * i)) for i in range(8)]  # with pauses of 200 ms
+        speech = np.zeros(RATE * 9 // 2, np.float32)
+        for start in at:
+            speech[start:start + len(word)] = scipy.signal.lfilter([1], [1, -0.9], rng.standard_normal(len(word))) * word
+        noise = rng.standard_normal(len(speech)).astype(np.float32) * np.float32(0.01)
+        without = lambda db, count: speech * np.concatenate(
+            [np.full(at[count] - RATE // 10, 10 ** (-db / 20)), np.ones(len(speech) - at[count] + RATE // 10)])
+        for output, lost, missed in ((speech, 0, 0), (without(10, 2), 0, 0), (without(14, 2), 2, 2),
+                                     (without(60, 3) + noise, 3, 3), (speech + noise, 0, 0),
+                                     (speech + 100 * noise, 0, 8), (without(10, 2) + 25 * noise, 0, 2)):
+            np.testing.assert_allclose(metrics.missed_words(output, speech), (lost / 8, missed / 8))
+        # A level and an equaliser that the processor has anyway.
+        coloured = lambda signal: 0.1 * scipy.signal.lfilter([1, -0.9], [1], signal)
+        gains = metrics.speech_gains(coloured(speech), speech)
+        self.assertGreater(gains.max() / gains.min(), 3)
+        for db, lost in ((0, 0), (14, 2)):
+            self.assertEqual(metrics.missed_words(coloured(without(db, 2)), speech, gains)[0], lost / 8)
+        self.assertEqual(metrics.missed_words(coloured(speech), speech)[0], 1)
+        self.assertTrue(np.isnan(metrics.missed_words(speech, 0 * speech)).all())
 
 
 if __name__ == "__main__":

@@ -135,6 +135,16 @@ class SceneTest(WithData):
 
 
 class ValidationTest(WithData):
+    def test_a_louder_preset_is_compared_at_the_level_of_speech(self):
+        mixer = scenes.Mixer(audio.Material(self.cache, "near"), RATE, 3)
+        scene = mixer.scene(3 * RATE, conditions.plan(noise="none", dry=True))
+        late = lambda scene, echo: 2 * np.pad(scene.microphones[1], (160, 0))[:-160]
+        for evened, level in ((True, 1), (False, 2)):
+            processor = processors.Processor("late", late, evened)
+            processor.measure(scene)
+            np.testing.assert_allclose(processor(scene), level * scene.microphones[1], atol=1e-5)
+            np.testing.assert_allclose(processor.speech_gains, level, rtol=1e-4)
+
     def test_far_and_near_scores(self):
         """Paired differences, rows that are kept, and a scene that does not depend on those before."""
         few = [validation.Case("noisy", "typing", conditions.plan(group="typing", snr=snr), i)
@@ -143,13 +153,13 @@ class ValidationTest(WithData):
                 for i in range(2)]
         line = {"half": ("half", processors.Processor("half", lambda s, echo: s.microphones[1] / 2)),
                 "unprocessed": ("unprocessed", processors.unprocessed())}
-        with unittest.mock.patch.object(validation, "cases", lambda quick: few):
+        with unittest.mock.patch.object(validation, "cases", lambda quick, times: few):
             rows = validation.table(self.cache, line, True, lambda text: None)
             broken = {k: (k, processors.Processor(k, None)) for k in line}
             for _, p in broken.values():
-                p.measure_delay = lambda scene: None
+                p.measure = lambda scene: None
             self.assertEqual(validation.table(self.cache, broken, True, lambda text: None), rows)
-        with unittest.mock.patch.object(validation, "cases", lambda quick: few[4:5]):
+        with unittest.mock.patch.object(validation, "cases", lambda quick, times: few[4:5]):
             again = validation.table(self.cache, line, True, lambda text: None)
         self.assertEqual(again[0], validation.pick(rows, side="far", number=1, snr=10.0)[0])
         far = {n: validation.pick(rows, processor=n, side="far") for n in line}

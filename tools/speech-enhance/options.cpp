@@ -43,10 +43,10 @@ Examples:
   speech-enhance noisy.wav -o clean.wav
   speech-enhance call.flac --ref loudspeaker.flac -o clean.wav --preset call
   speech-enhance noisy.wav -o clean.wav --stats --plot before-after.png
-  speech-enhance recordings/ -o cleaned/ --preset voice --jobs 4
+  speech-enhance recordings/ -o cleaned/ --jobs 4
   sox talk.mp3 -t wav - | speech-enhance - -o - | play -
   speech-enhance noisy.wav -o clean.wav --mode mix --residual 25 --peak 3000:3:2
-  speech-enhance --preset voice --limiter-gain 6 --print-preset > louder.json
+  speech-enhance --preset recognition --limiter-gain 6 --print-preset > louder.json
 
 Exit codes:
   0 done   2 wrong options or presets   3 an input that cannot be used

@@ -176,8 +176,9 @@ Settings parse_preset(const std::string& text, const std::string& source) {
 }
 
 Settings load_preset(const std::string& name_or_path) {
+  const std::string name = current_preset_name(name_or_path);
   for (const BuiltInPreset& preset : built_in_presets()) {
-    if (name_or_path == preset.name) return parse_preset(preset.json, preset.name);
+    if (name == preset.name) return parse_preset(preset.json, preset.name);
   }
   if (name_or_path.find_first_of("./") == std::string::npos) {
     fail("no preset is called \"" + name_or_path + "\": use one of " + built_in_names() +

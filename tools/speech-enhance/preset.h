@@ -31,7 +31,14 @@ struct BuiltInPreset {
 // In the order in which they are listed.
 const std::vector<BuiltInPreset>& built_in_presets();
 
-// Settings of the built-in preset or, if the argument contains a '/' or a '.', of the file.
+// The one that holds where none is asked for.
+extern const char* const kDefaultPreset;
+
+// The name that a preset has today, where `name` is what it was called before; else `name`.
+std::string current_preset_name(const std::string& name);
+
+// Settings of the built-in preset, under its name or an older one, or, if the argument contains a
+// '/' or a '.', of the file.
 Settings load_preset(const std::string& name_or_path);
 
 // `source` names the text in errors.

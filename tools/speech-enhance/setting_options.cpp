@@ -40,11 +40,12 @@ void add_setting_options(CLI::App& app, SettingOptions& given) {
   const char* group = "What to do with the sound";
   app.add_option("-p,--preset", given.preset,
                  "Built-in preset or preset file (JSON); the options\n"
-                 "below override it")
+                 "below override it (default: recording; plain has\n"
+                 "everything off; see --list-presets)")
       ->option_text("NAME|FILE")
       ->group(group);
   app.add_option("--mode", given.mode,
-                 "denoise: the denoised signal alone (default)\n"
+                 "denoise: the denoised signal alone\n"
                  "mix: with some of the unprocessed signal\n"
                  "suppress: that mix, then the classical suppressor")
       ->option_text("MODE")
@@ -61,7 +62,8 @@ void add_setting_options(CLI::App& app, SettingOptions& given) {
       ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast)
       ->group(group);
   app.add_option("--limiter-ceiling", given.limiter_ceiling,
-                 "Limit to this fraction of full scale (default 0.9)")
+                 "Limit to this fraction of full scale (default: the\n"
+                 "preset's; 0.9 if that has none)")
       ->option_text("LINEAR")
       ->group(group);
   app.add_option("--limiter-gain", given.limiter_gain_db, "Amplify by this much, then limit")
@@ -82,8 +84,7 @@ void add_setting_options(CLI::App& app, SettingOptions& given) {
 }
 
 Settings resolve_settings(const SettingOptions& given) {
-  Settings settings;
-  if (!given.preset.empty()) settings = load_preset(given.preset);
+  Settings settings = load_preset(given.preset.empty() ? kDefaultPreset : given.preset);
   if (!given.mode.empty()) {
     const std::optional<Mode> mode = find_mode(given.mode);
     if (!mode) usage_error("--mode: \"" + given.mode + "\" is not denoise, mix or suppress");

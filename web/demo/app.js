@@ -34,7 +34,7 @@ function settings() {
 
 async function fillPresets() {
   for (const { name, description } of await presets()) {
-    const option = new Option(name, name, name === 'voice', name === 'voice');
+    const option = new Option(name, name, name === 'recording', name === 'recording');
     option.dataset.description = description;
     $('preset').append(option);
   }

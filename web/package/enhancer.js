@@ -98,7 +98,7 @@ export class Enhancer {
   }
 
   constructor(module, options = {}, instance = new WebAssembly.Instance(module, imports)) {
-    const { rate = 16000, micChannels = 1, refChannels = 0, delay = 'auto', preset = 'plain', ...rest } = options;
+    const { rate = 16000, micChannels = 1, refChannels = 0, delay = 'auto', preset = 'recording', ...rest } = options;
     const m = this.#m = new Module(instance);
     this.#channels = [micChannels, refChannels];
     m.with(4, (at) => {

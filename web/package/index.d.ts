@@ -8,7 +8,7 @@ export type ModuleSource = string | URL | ArrayBuffer | ArrayBufferView | Respon
 export function load(source?: ModuleSource): Promise<WebAssembly.Module>;
 
 export interface Settings {
-  /** A built-in preset, "plain" by default; see presets(). */
+  /** A built-in preset, "recording" by default; see presets(). */
   preset?: string;
   /** 1: the enhanced sound (default); 0: the microphone as it came; between: both, mixed. */
   amount?: number;

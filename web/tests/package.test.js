@@ -34,10 +34,10 @@ const same = (a, b) => Buffer.compare(Buffer.from(a.buffer, a.byteOffset, a.byte
   Buffer.from(b.buffer, b.byteOffset, b.byteLength)) === 0;
 
 test('gives the bits of the tool, with and without vectors', async () => {
-  const expected = byTool('--preset', 'voice', '--ref', join(SCENE, 'ref.wav'));
+  const expected = byTool('--preset', 'recording', '--ref', join(SCENE, 'ref.wav'));
   for (const name of ['speechenhance.wasm', 'speechenhance-scalar.wasm']) {
     const progress = [];
-    const made = await api.enhance(mic, { reference: ref, preset: 'voice', module: wasm(name),
+    const made = await api.enhance(mic, { reference: ref, preset: 'recording', module: wasm(name),
       onProgress: (part) => progress.push(part) });
     assert.ok(same(made, expected), name);
     assert.equal(progress.at(-1), 1);
@@ -86,7 +86,7 @@ test('settings are those of the tool', async () => {
 
 test('a stream in blocks of any length is the same as one call, at any rate', async () => {
   for (const rate of [16000, 44100, 48000]) {
-    const options = { rate, micChannels: 2, refChannels: 1, preset: 'voice' };
+    const options = { rate, micChannels: 2, refChannels: 1, preset: 'recording' };
     const sound = mic.map((channel) => channel.subarray(0, 3 * 16000));
     const far = ref[0].subarray(0, 3 * 16000);
     const whole = await api.Enhancer.create(options);
@@ -131,7 +131,7 @@ test('mistakes are told', async () => {
 });
 
 test('nothing is printed, and memory does not grow with the sound', async () => {
-  const script = `import { Enhancer } from 'speechenhance'; const e = await Enhancer.create({ preset: 'voice' });
+  const script = `import { Enhancer } from 'speechenhance'; const e = await Enhancer.create({ preset: 'recording' });
     e.process(new Float32Array(16000)); const before = process.memoryUsage().arrayBuffers;
     const block = new Float32Array(480); for (let i = 0; i < 2000; ++i) e.process(block, null, block);
     if (process.memoryUsage().arrayBuffers > before + 1e6) process.exit(1);`;

@@ -61,7 +61,7 @@ function byTool(...options) {
 const repeatable = (figures) => figures.split('\n').slice(1).filter((line) => !line.includes('speed')).join('\n').trim();
 
 test('a dropped file: download and figures are those of the tool', async () => {
-  const expected = byTool('--preset', 'voice');
+  const expected = byTool('--preset', 'recording');
   await onPage({ colorScheme: 'light', viewport: { width: 1200, height: 900 } }, async (page) => {
     await shoot(page, 'empty-light');
     const bytes = readFileSync(join(SCENE, 'mic.wav')).toString('base64');
@@ -82,7 +82,7 @@ test('a dropped file: download and figures are those of the tool', async () => {
 });
 
 test('the example, with its reference; listening; a telephone in the dark', async () => {
-  const expected = byTool('--preset', 'voice', '--ref', join(SCENE, 'ref.wav'));
+  const expected = byTool('--preset', 'recording', '--ref', join(SCENE, 'ref.wav'));
   const phone = { colorScheme: 'dark', viewport: { width: 390, height: 844 }, deviceScaleFactor: 2, hasTouch: true };
   await onPage(phone, async (page) => {
     await shoot(page, 'empty-dark-phone');
@@ -164,7 +164,7 @@ test('a worklet gives what a stream gives', async () => {
       const { createEnhancerNode, Enhancer } = await import('/speechenhance/index.js');
       const rate = 48000, length = 3 * rate;
       const context = new OfflineAudioContext(1, length, rate);
-      const node = await createEnhancerNode(context, { preset: 'voice', reference: true, delay: 0 });
+      const node = await createEnhancerNode(context, { preset: 'recording', reference: true, delay: 0 });
       const noise = (level) => Float32Array.from({ length }, (_, i) => level * Math.sin(i * i * 1e-4) * Math.random());
       const sounds = [noise(0.3), noise(0.1)];
       sounds.forEach((samples, input) => {
@@ -176,7 +176,7 @@ test('a worklet gives what a stream gives', async () => {
       });
       node.connect(context.destination);
       const made = (await context.startRendering()).getChannelData(0);
-      const stream = await Enhancer.create({ rate, preset: 'voice', refChannels: 1, delay: 0 });
+      const stream = await Enhancer.create({ rate, preset: 'recording', refChannels: 1, delay: 0 });
       const expected = stream.process(sounds[0], sounds[1]);
       if (!expected.some((x) => x !== 0)) return 'silence';
       return expected.filter((x, i) => x !== made[i]).length;

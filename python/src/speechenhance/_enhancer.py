@@ -71,7 +71,7 @@ class Enhancer:
     """
 
     def __init__(self, rate: int, mic_channels: int = 1, reference_channels: int = 0,
-                 preset: Union[str, Settings] = "voice", delay: Delay = "auto") -> None:
+                 preset: Union[str, Settings] = "recording", delay: Delay = "auto") -> None:
         self._stream = ctypes.c_void_p()
         self._dtype: "np.dtype[Any]" = np.dtype(np.float32)
         self._mic_channels, self._reference_channels = mic_channels, reference_channels
@@ -158,7 +158,7 @@ class Enhancer:
             raise ValueError("the enhancer is closed; make a new one")
 
 
-def enhance(mic: Samples, rate: int, reference: Optional[Samples] = None, preset: Union[str, Settings] = "voice",
+def enhance(mic: Samples, rate: int, reference: Optional[Samples] = None, preset: Union[str, Settings] = "recording",
             delay: Delay = "auto") -> Samples:
     """Enhances a whole recording.
 

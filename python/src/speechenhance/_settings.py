@@ -38,7 +38,7 @@ class Limiter:
 class Settings:
     """All settings of a stream; start from a preset and replace what should differ:
 
-    >>> dataclasses.replace(Settings.preset("voice"), limiter=None)
+    >>> dataclasses.replace(Settings.preset("recording"), limiter=None)
     """
 
     mode: str = "denoise"  # "denoise", "mix" (unprocessed sound added), "suppress" (added, then suppressed)

@@ -40,7 +40,7 @@ Shards:
 
 Examples:
   speech-enhance batch --from-folder corpus/ corpus.jsonl
-  speech-enhance batch corpus.jsonl --out cleaned/ --format flac --preset voice
+  speech-enhance batch corpus.jsonl --out cleaned/ --format flac --preset recognition
   speech-enhance batch corpus.jsonl --out cleaned/ --skip-existing
   sbatch --array=1-100 speech-enhance.sbatch corpus.jsonl cleaned/
 

@@ -34,7 +34,7 @@ constexpr const char* kFooter = R"(Files in FOLDER:
   Sounds are 32-bit float WAV files of 16 kHz, so that nothing clips.
 
 Example:
-  speech-enhance inspect call.wav --ref loudspeaker.wav -o call-stages --preset voice)";
+  speech-enhance inspect call.wav --ref loudspeaker.wav -o call-stages --preset call)";
 
 }  // namespace
 

@@ -47,7 +47,7 @@ End:
 
 Examples:
   arecord -q -f S16_LE -r 16000 | speech-enhance live | aplay -q
-  arecord -q -f S16_LE -r 48000 -c 2 | speech-enhance live --preset voice > talk.wav
+  arecord -q -f S16_LE -r 48000 -c 2 | speech-enhance live --preset call > talk.wav
   arecord -q -D mic_and_loopback -f S16_LE -r 16000 -c 3 -t raw |
     speech-enhance live --format S16_LE --channels 3 --ref-channels 1 |
     aplay -q -f S16_LE -r 16000)";
