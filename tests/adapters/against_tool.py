@@ -19,7 +19,8 @@ SECONDS, ECHO, VOICE = 12.5, (3.5, 6.5), (7.5, 12)
 
 
 def skip_without(*programs):
-    if missing := [name for name in programs if shutil.which(name) is None]:
+    """Ends the test as skipped unless these are installed, and the voices of which the scene is made."""
+    if missing := [name for name in (*programs, "espeak-ng") if shutil.which(name) is None]:
         print(f"not installed: {' '.join(missing)}")
         raise SystemExit(77)
 
