@@ -4,7 +4,7 @@
     report.py RESULTS_FOLDER DOCUMENT.md
 
 Reads engine.json (Google Benchmark), kernels.txt (kernels_bench), counts.json, scale.json, jobs.json,
-sizes.json, tanh.json and machine.json; the plots go into a folder named like the document.
+overhead.json, sizes.json, tanh.json and machine.json; the plots go into a folder named like the document.
 """
 
 import json
@@ -71,6 +71,7 @@ class Results:
         self.counts = load("counts.json")
         self.scale = load("scale.json")
         self.jobs = load("jobs.json")
+        self.overhead = load("overhead.json")
         self.sizes = load("sizes.json")
         self.tanh = load("tanh.json")
         self.machine = load("machine.json")
@@ -133,6 +134,13 @@ def targets(r):
                      f"{gain:.2f}" if gain else "–", gain and gain >= least))
     rows.append((f"512-point real transform ({transform.split('/')[1]}) over FFTW3, time", "≤ 1.0",
                  f"{r.ratio(transform, 'fftw3f/debian'):.2f}", r.ratio(transform, "fftw3f/debian") <= 1.0))
+    for label, entry in r.overhead["sets"].items():
+        ratio = statistics.median(overheads(entry))
+        rows.append((f"CPU time of `batch` over engine and codecs, files of {label}", "≤ 1.15", f"{ratio:.2f}",
+                     ratio <= 1.15))
+    resident = r.overhead["hour"]["max_rss_bytes"]
+    rows.append(("memory of a process of `batch`, an hour of audio, bytes", "< 16,777,216", number(resident),
+                 resident < 1 << 24))
     rows.append(("stack of `se_process`, bytes", "≤ 24,576", number(stack), stack <= 24_576))
     rows.append(("output hashes over all variants and architectures", "1", len(hashes), len(hashes) == 1))
     return rows
@@ -361,6 +369,29 @@ def section_scale(r, folder):
     return lines + table(("", "wall, s", "real time", "CPU, s"), rows)
 
 
+def overheads(entry):
+    return [run["tool_cpu_s"] / run["alone_cpu_s"] for run in entry["rounds"]]
+
+
+def section_batch(r):
+    sets, hour = r.overhead["sets"], r.overhead["hour"]
+    lines = ["## Many recordings", "",
+             "`speech-enhance batch --jobs 1` over 16 kHz stereo WAV files, against a process that decodes, enhances and "
+             "encodes the same files and nothing else (`bench/files_alone`); both write the same samples. CPU time of "
+             f"pairs of runs, {len(next(iter(sets.values()))['rounds'])} of each, start of the processes included. Instructions "
+             "outside the kernel: Callgrind, whose CPU lacks the instructions for checksums.", ""]
+    rows = []
+    for label, entry in sets.items():
+        cpu = statistics.median(run["tool_cpu_s"] for run in entry["rounds"])
+        counted = entry.get("instructions")
+        rows.append((label, f"{entry['files'] / cpu:.1f}", f"{entry['audio_s'] / cpu:.0f}", Spread(overheads(entry)).text(2),
+                     f"{counted['tool'] / counted['alone']:.2f}" if counted else "–"))
+    lines += table(("files of", "files per second of a core", "hours of audio per core hour", "time / engine and codecs",
+                    "instructions / engine and codecs"), rows)
+    return lines + ["", f"A recording of an hour takes at most {number(hour['max_rss_bytes'])} bytes of resident memory in a "
+                    "process, those of shared libraries included."]
+
+
 def section_size(r):
     lines = ["## Size", "", "Bytes of the shared library and of one engine. The stack of `se_process` is measured by "
              "painting.", ""]
@@ -410,7 +441,7 @@ def main():
              f"cores, {m['l2']} second-level cache; {m['os']}; {m['compiler']}, the flags of "
              f"a release build. The machine was shared: look at ratios before times.", ""]
     for part in (section_targets(r), section_frame(r, folder), section_stages(r, folder), section_transform(r), section_kernels(r),
-                 section_limit(r), section_scale(r, folder), section_machines(r),
+                 section_limit(r), section_scale(r, folder), section_batch(r), section_machines(r),
                  section_size(r), section_same_bits(r)):
         lines += part + [""]
     document.write_text("\n".join(lines[:-1]) + "\n")

@@ -63,4 +63,5 @@ def main():
         {"audio_s": args.files * args.seconds, "files": args.files, "runs": runs}, indent=1) + "\n")
 
 
-main()
+if __name__ == "__main__":
+    main()

@@ -86,7 +86,7 @@ class AlignedEngine {
 
 // What the tool tells about a recording beside the recording itself.
 struct Observers {
-  Observers(const Task& task, std::uint64_t length) {
+  Observers(const Task& task, std::uint64_t length) : has_ref(!task.ref.empty()) {
     if (task.plot.empty()) return;
     spectrum_in.emplace(length);
     spectrum_out.emplace(length);
@@ -96,12 +96,13 @@ struct Observers {
   void add_block(const float* mic, const float* ref, const float* out, std::size_t count) {
     level_in.add_block(mic, count);
     level_out.add_block(out, count);
-    echo.add_block(mic, ref, out, count);
+    if (has_ref) echo.add_block(mic, ref, out, count);
     if (!spectrum_in) return;
     spectrum_in->add_block(mic, count);
     spectrum_out->add_block(out, count);
   }
 
+  bool has_ref;
   LevelMeter level_in, level_out;
   EchoMeter echo;
   std::optional<Spectrogram> spectrum_in, spectrum_out;

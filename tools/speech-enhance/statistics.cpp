@@ -12,10 +12,29 @@ namespace {
 constexpr int kEchoTailBlocks = 25;         // 250 ms
 constexpr double kLoudspeakerPlays = 1e-6;  // mean square, -60 dBFS
 
+constexpr std::size_t kLanes = 8;  // sums or maxima that do not wait for each other
+
 double energy_of(const float* samples, std::size_t count) {
+  std::array<double, kLanes> lanes = {};
+  std::size_t i = 0;
+  for (; i + kLanes <= count; i += kLanes) {
+    for (std::size_t k = 0; k < kLanes; ++k) {
+      lanes[k] += static_cast<double>(samples[i + k]) * samples[i + k];
+    }
+  }
+  for (; i < count; ++i) lanes[0] += static_cast<double>(samples[i]) * samples[i];
   double energy = 0;
-  for (std::size_t i = 0; i < count; ++i) energy += static_cast<double>(samples[i]) * samples[i];
+  for (const double lane : lanes) energy += lane;
   return energy;
+}
+
+float peak_of(const float* samples, std::size_t count) {
+  std::array<float, kLanes> lanes = {};
+  for (std::size_t i = 0; i < count; ++i) {
+    float& lane = lanes[i % kLanes];
+    lane = std::max(lane, std::abs(samples[i]));
+  }
+  return *std::max_element(lanes.begin(), lanes.end());
 }
 
 double power_db(double power) {
@@ -46,7 +65,7 @@ std::string change(double before, double after) {
 
 void LevelMeter::add_block(const float* samples, std::size_t count) {
   if (count == 0) return;
-  for (std::size_t i = 0; i < count; ++i) peak_ = std::max(peak_, std::abs(samples[i]));
+  peak_ = std::max(peak_, peak_of(samples, count));
   const double energy = energy_of(samples, count);
   energy_ += energy;
   samples_ += count;
