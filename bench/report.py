@@ -384,7 +384,7 @@ def section_batch(r):
     for label, entry in sets.items():
         cpu = statistics.median(run["tool_cpu_s"] for run in entry["rounds"])
         counted = entry.get("instructions")
-        rows.append((label, f"{entry['files'] / cpu:.1f}", f"{entry['audio_s'] / cpu:.0f}", Spread(overheads(entry)).text(2),
+        rows.append((label, f"{entry['files'] / cpu:.2f}", f"{entry['audio_s'] / cpu:.0f}", Spread(overheads(entry)).text(2),
                      f"{counted['tool'] / counted['alone']:.2f}" if counted else "–"))
     lines += table(("files of", "files per second of a core", "hours of audio per core hour", "time / engine and codecs",
                     "instructions / engine and codecs"), rows)
