@@ -2,6 +2,8 @@
 
 One wheel holds for every Python of a platform. For AArch64 from another machine:
 SPEECHENHANCE_TOOLCHAIN=cmake/aarch64.cmake python3 -m build --wheel --no-isolation
+
+With SPEECHENHANCE_WITHOUT_LIBRARY set, the package takes the system's library: for distributions.
 """
 
 import os
@@ -22,6 +24,7 @@ ENGINE_FILES = ["CMakeLists.txt", "cmake", "include", "models/denoiser.bin", "pa
                 "stream"]
 TOOLCHAIN = os.environ.get("SPEECHENHANCE_TOOLCHAIN")
 LIBRARY = "libspeechenhance-stream.so"
+WITHOUT_LIBRARY = bool(os.environ.get("SPEECHENHANCE_WITHOUT_LIBRARY"))
 
 
 def version() -> str:
@@ -34,6 +37,8 @@ def version() -> str:
 class BuildWithLibrary(build_py):
     def run(self) -> None:
         super().run()
+        if WITHOUT_LIBRARY:
+            return
         build = Path(self.get_finalized_command("build").build_temp).resolve() / "engine"
         configure = ["cmake", "-S", str(ENGINE), "-B", str(build), "-DCMAKE_BUILD_TYPE=Release",
                      "-DSE_BUILD_STREAM=ON", "-DSE_STREAM_STANDALONE=ON"]
@@ -59,7 +64,7 @@ class WheelOfAnyPython(bdist_wheel):
 
 class PlatformDistribution(Distribution):
     def has_ext_modules(self) -> bool:
-        return True
+        return not WITHOUT_LIBRARY
 
 
 class SourcesWithEngine(sdist):

@@ -12,6 +12,7 @@ packages_lint="clang-format clang-tidy shellcheck pyflakes3"
 packages_adapters="lv2-dev lilv-utils sordi ladspa-sdk sox alsa-utils libspa-0.2-dev pipewire pipewire-bin wireplumber dbus-daemon espeak-ng libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev gstreamer1.0-tools gstreamer1.0-plugins-base gstreamer1.0-plugins-good"
 packages_python="python3-build python3-venv python3-setuptools python3-wheel python3-pytest mypy python3-numpy python3-soundfile"
 packages_test="googletest zsh clang libclang-rt-14-dev binutils g++-arm-linux-gnueabihf g++-aarch64-linux-gnu qemu-user python3-numpy python3-scipy python3-soundfile python3-matplotlib python3-torch libopenblas0-pthread fonts-dejavu-core"
+packages_package="build-essential debhelper dh-python dpkg-dev fakeroot googletest help2man lintian pybuild-plugin-pyproject python3-all python3-setuptools python3-wheel"
 packages_cluster="slurm-wlm munge parallel"
 
 install_packages() {
