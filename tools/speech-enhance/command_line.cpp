@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <charconv>
 #include <memory>
+#include <stdexcept>
 
 #include "errors.h"
 
@@ -63,6 +64,8 @@ std::string parse_command_line(CLI::App& app, int argc, const char* const* argv)
     return std::string(version.what()) + "\n";
   } catch (const CLI::ParseError& error) {
     usage_error(first_line(error.what()) + " (see --help)");
+  } catch (const std::out_of_range&) {  // what CLI11 lets through of std::stoll
+    usage_error("a number behind a switch is too large (see --help)");
   }
   refuse_empty_texts(app);
   return "";
