@@ -22,6 +22,8 @@ DEVICES = 0.25  # recorded through a measured microphone
 TALKER_DISTANCES = 0.3, 4.0  # m
 NOISE_DISTANCES = 0.8, 5.0
 LOUDSPEAKER_DISTANCES = 0.1, 1.5
+ECHO_DELAY = 0.08  # s at most, before the way from the loudspeaker to the microphones
+STRONG_DRIVE = 1.5  # of a loudspeaker from which on its distortion counts as strong
 
 # What noise is made of, and how often: (with a talker, without). Voices that nobody is to hear are left
 # out where nobody else talks: nothing would tell them from a talker.
@@ -185,7 +187,7 @@ class Mixer:
         reference = np.zeros(n, np.float32)
         echo = np.zeros((2, n), np.float32)
         if plan.far_end:
-            reference, echo = self._loudspeaker(n, plan, room, f, size, spectrum)
+            reference, echo = self._loudspeaker(n, plan, room, f, size, spectrum, facts)
         elif rng.random() < 0.1:  # the noise floor of a line that plays nothing
             reference = rng.standard_normal(n, dtype=np.float32) * decibels_to_gain(
                 rng.uniform(-100, -75))
@@ -254,7 +256,7 @@ class Mixer:
             total = total + both * decibels_to_gain(rng.uniform(-6, 0))
         return total
 
-    def _loudspeaker(self, n, plan, room, f, size, spectrum):
+    def _loudspeaker(self, n, plan, room, f, size, spectrum, facts):
         """The reference and its echo at both microphones (at any level; the caller scales)."""
         rng = self.rng
         reference = self.loudspeaker_sound(n)
@@ -273,12 +275,13 @@ class Mixer:
         drive = np.float32(rng.uniform(0.3, 4.0) if rng.random() < 0.7 else 0.01)
         if plan.mild_loudspeaker:
             drive = np.float32(1.0)
+        facts["loudspeaker"] = "strongly distorted" if drive >= STRONG_DRIVE else "mildly distorted"
         peak = np.abs(reference).max() + 1e-9
         driven = reference / peak * drive
         played = (np.tanh(driven) + np.float32(rng.uniform(0, 0.05)) * driven ** 2) / drive * peak
         case = self.sources.device(f) if rng.random() < 0.5 else self.sources.equaliser(f, 4.0)
         case = case * (f / np.sqrt(f ** 2 + rng.uniform(80, 350) ** 2)) * (f < plan.bandwidth)
-        delay = int(rng.uniform(0, 0.06) * self.rate)
+        delay = int(rng.uniform(0, ECHO_DELAY) * self.rate)
         turn = np.exp(-2j * np.pi * delay / size * np.arange(len(f))).astype(np.complex64)
         source = spectrum(played) * (case * turn).astype(np.complex64)
         paths = 2 if plan.path_change else 1

@@ -68,7 +68,7 @@ def cases(quick: bool, times: int = 1) -> list[Case]:
                                   path_change=i % 4 == 3), i) for i in range(times * (6 if quick else 16))]
     double = [Case("double talk", "", plan(far_end=True, echo=float(e), mild_loudspeaker=False,
                                            path_change=i % 4 == 3), i)
-              for i in range(times * (2 if quick else 8)) for e in (-10, 0, 10)]
+              for i in range(times * (2 if quick else 16)) for e in (-10, 0, 10)]
     return noisy + voices + alone + clean + echo + double
 
 
@@ -171,7 +171,8 @@ def table(cache: Path, line: dict, quick: bool, progress, times: int = 1, sides=
                 kept.save()
             sound, facts = sound_key(scene), scene.facts
             about = {"side": side, "kind": case.kind, "group": case.group, "snr": case.plan.snr,
-                     "echo": case.plan.echo if np.isfinite(case.plan.echo) else None,
+                     "echo": case.plan.echo if np.isfinite(case.plan.echo) else "",
+                     "path": "changes" if case.plan.path_change else "stays",
                      "number": case.number, "sound": sound, **facts,
                      "sex": material.sex_of(facts.get("talker", "")),
                      "language": material.language_of(facts.get("collection", ""), facts.get("talker", ""))}
@@ -257,24 +258,34 @@ def against_first(rows: list[dict], names: list[str], side: str) -> list[str]:
     return markdown([f"{side}, against {names[0]}"] + names[1:], lines)
 
 
+# What scenes differ in: kind, key of a row, how it is said.
+AXES = (*(("noisy", key, key.removesuffix(" of")) for key in ("snr", "group", "distance of", "sex", "language")),
+        ("double talk", "echo", "echo over the talker in double talk"),
+        ("double talk", "path", "path of the echo in double talk"),
+        ("double talk", "loudspeaker", "loudspeaker in double talk"))
+# What is shown of them: key of a row, heading, digits.
+SHOWN = {"noisy": (("stoi", "STOI", 3), ("si-sdr hp", "SI-SDR", 1)),
+         "double talk": (("stoi", "STOI", 3), ("kept", "voice kept", 1))}
+
+
 def axes(rows: list[dict], names: list[str]) -> list[str]:
-    """STOI and SI-SDR, far and near, by what the scenes differ in."""
+    """Two measures, far and near, by what the scenes differ in."""
     for r in rows:
         r["distance of"] = next((f"{a} to {b} m" for a, b in DISTANCES if a <= r.get("distance", -1) < b), "")
     result = []
-    for axis in ("snr", "group", "distance of", "sex", "language"):
-        values = sorted({r[axis] for r in rows if r["kind"] == "noisy" and r[axis] != ""})
+    for kind, axis, title in AXES:
+        values = sorted({r[axis] for r in rows if r["kind"] == kind and r.get(axis, "") != ""})
         lines = []
         for value in values:
             for side in SIDES:
-                here = pick(rows, side=side, kind="noisy", **{axis: value})
+                here = pick(rows, side=side, kind=kind, **{axis: value})
                 count = len(pick(here, processor=names[0]))
                 if count > 1:
                     lines.append([f"{value}, {side} ({count})"] + [
                         " / ".join(said(*mean(pick(here, processor=n), key)[:2], digits)
-                                   for key, digits in (("stoi", 3), ("si-sdr hp", 1))) for n in names])
+                                   for key, _, digits in SHOWN[kind]) for n in names])
         if lines:
-            result += [f"STOI / SI-SDR by {axis.removesuffix(' of')}", ""] + markdown([""] + names, lines)
+            result += [f"{' / '.join(m[1] for m in SHOWN[kind])} by {title}", ""] + markdown([""] + names, lines)
     return result
 
 
@@ -322,7 +333,13 @@ def targets(rows: list[dict], name: str, old: str) -> list[str]:
               ("clean STOI: 0.995", of(name, "stoi", kind="clean") - 0.995, 4),
               ("clean segmental SNR: as it was",
                of(name, "segsnr hp", kind="clean") - of(old, "segsnr hp", kind="clean"), 1),
-              ("noise alone after 3 s: 30 dB down", of(name, "drop", kind="noise") - 30, 1)]
+              ("noise alone after 3 s: 30 dB down", of(name, "drop", kind="noise") - 30, 1),
+              ("near voice in double talk: within 2.5 dB", of(name, "kept", kind="double talk") + 2.5, 1),
+              ("echo alone after 3 s: 45 dB down", of(name, "drop", kind="echo") - 45, 1),
+              ("echo alone, whole scene: 25 dB down", of(name, "whole drop", kind="echo") - 25, 1)]
+    peer = of("SpeexDSP", "stoi", kind="double talk")
+    if not np.isnan(peer):
+        lines.append(("double talk STOI: ahead of SpeexDSP", of(name, "stoi", kind="double talk") - peer, 3))
     low = [gain for line in gains_by_cell(rows, name).values() for gain in line if gain < -0.005]
     lines.append(("cells below unprocessed by more than .005 in STOI: none", -len(low), 0))
     return markdown([f"far, {name} against {old}", "to spare", "reached"],
