@@ -73,8 +73,10 @@ class SourcesWithEngine(sdist):
         for name in ENGINE_FILES:
             target = Path(base_dir) / "engine" / name
             target.parent.mkdir(parents=True, exist_ok=True)
-            copy = shutil.copytree if (ENGINE / name).is_dir() else shutil.copyfile
-            copy(ENGINE / name, target)
+            if (ENGINE / name).is_dir():
+                shutil.copytree(ENGINE / name, target, ignore=shutil.ignore_patterns("tests"))
+            else:
+                shutil.copyfile(ENGINE / name, target)
 
 
 setup(version=version(), distclass=PlatformDistribution,

@@ -7,7 +7,7 @@
 
 #include "enhance.h"
 #include "preset.h"
-#include "stream/stream_support.h"
+#include "stream/tests/stream_support.h"
 #include "tool/test_files.h"
 
 namespace se_tool {

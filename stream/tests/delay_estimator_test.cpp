@@ -4,7 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "guarded_region.h"
-#include "stream/echo_scene.h"
+#include "stream/tests/echo_scene.h"
 
 namespace {
 

@@ -1,8 +1,8 @@
 // Echo that is left when the reference comes at the wrong time.
 #include <gtest/gtest.h>
 
-#include "stream/echo_scene.h"
-#include "stream/stream_support.h"
+#include "stream/tests/echo_scene.h"
+#include "stream/tests/stream_support.h"
 
 namespace {
 

@@ -8,7 +8,7 @@
 #include <thread>
 
 #include "random_signal.h"
-#include "stream/by_tool.h"
+#include "stream/tests/by_tool.h"
 
 namespace se_tool {
 namespace {

@@ -4,7 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "speechenhance/stream.h"
-#include "stream/echo_scene.h"
+#include "stream/tests/echo_scene.h"
 
 namespace {
 

@@ -9,8 +9,8 @@
 #include "enhance.h"
 #include "errors.h"
 #include "preset.h"
-#include "stream/by_tool.h"
-#include "stream/stream_support.h"
+#include "stream/tests/by_tool.h"
+#include "stream/tests/stream_support.h"
 #include "tool/test_files.h"
 
 namespace se_tool {

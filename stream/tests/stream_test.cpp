@@ -17,8 +17,8 @@
 #include "allocation_trap.h"
 #include "common/float_mode.h"
 #include "random_signal.h"
-#include "stream/stream_support.h"
-#include "stream/system_call_trap.h"
+#include "stream/tests/stream_support.h"
+#include "stream/tests/system_call_trap.h"
 
 namespace {
 
