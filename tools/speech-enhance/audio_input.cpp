@@ -2,18 +2,18 @@
 
 #include <fcntl.h>
 #include <samplerate.h>
-#include <sndfile.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cmath>
-#include <cstdio>
 #include <cstring>
+#include <sndfile.hh>
 #include <vector>
 
 #include "errors.h"
+#include "formatted.h"
 #include "signals.h"
 #include "speechenhance/speechenhance.h"
 #include "speechenhance/wav_io.h"
@@ -97,24 +97,19 @@ class WavSource : public FrameSource {
   std::size_t available_ = 0;         // frames of it in all
 };
 
-struct CloseSndfile {
-  void operator()(SNDFILE* file) const { sf_close(file); }
-};
-using SndfileHandle = std::unique_ptr<SNDFILE, CloseSndfile>;
-
 class SndfileSource : public FrameSource {
  public:
-  SndfileSource(SndfileHandle file, const SF_INFO& info)
-      : FrameSource({info.samplerate, info.channels, static_cast<std::uint64_t>(info.frames)}),
-        file_(std::move(file)) {}
+  explicit SndfileSource(const SndfileHandle& file)
+      : FrameSource(
+            {file.samplerate(), file.channels(), static_cast<std::uint64_t>(file.frames())}),
+        file_(file) {}
 
   std::size_t read(float* frames, std::size_t count) override {
-    return static_cast<std::size_t>(
-        sf_readf_float(file_.get(), frames, static_cast<sf_count_t>(count)));
+    return static_cast<std::size_t>(file_.readf(frames, static_cast<sf_count_t>(count)));
   }
 
   bool skip(std::uint64_t count) override {
-    return sf_seek(file_.get(), static_cast<sf_count_t>(count), SEEK_CUR) >= 0;
+    return file_.seek(static_cast<sf_count_t>(count), SEEK_CUR) >= 0;
   }
 
  private:
@@ -147,10 +142,8 @@ std::unique_ptr<FrameSource> cut(std::unique_ptr<FrameSource> source, const Segm
     return static_cast<std::uint64_t>(std::llround(seconds * format.rate));
   };
   const auto refuse = [&](const char* what, double seconds) {
-    char text[96];
-    std::snprintf(text, sizeof text, "%s at %.3f s, the recording at %.3f s", what, seconds,
-                  static_cast<double>(format.length) / format.rate);
-    throw Error(ExitCode::kInput, text);
+    throw Error(ExitCode::kInput, formatted("%s at %.3f s, the recording at %.3f s", what, seconds,
+                                            static_cast<double>(format.length) / format.rate));
   };
   const std::uint64_t start = frames(segment.offset_s);
   if (start >= format.length) refuse("the segment begins", segment.offset_s);
@@ -260,14 +253,13 @@ std::unique_ptr<FrameSource> open_wav(const std::string& path) {
 }
 
 std::unique_ptr<FrameSource> open_sndfile(const std::string& path) {
-  SF_INFO info = {};
-  SndfileHandle file(sf_open(path.c_str(), SFM_READ, &info));
-  if (!file) {
-    std::string reason = sf_strerror(nullptr);
+  SndfileHandle file(path);
+  if (file.rawHandle() == nullptr) {
+    std::string reason = file.strError();
     while (!reason.empty() && (reason.back() == '.' || reason.back() == '\n')) reason.pop_back();
     throw Error(ExitCode::kInput, "not readable as audio: " + reason);
   }
-  return std::make_unique<SndfileSource>(std::move(file), info);
+  return std::make_unique<SndfileSource>(file);
 }
 
 // Of the data chunk of a WAV file; 0 for every other file.
@@ -365,9 +357,9 @@ void AudioInput::read(float* frames, std::size_t count) {
 }
 
 void AudioInput::fail_at(std::uint64_t frame, const char* what) const {
-  char seconds[32];
-  std::snprintf(seconds, sizeof seconds, "%.3f", static_cast<double>(frame) / SE_SAMPLE_RATE);
-  throw Error(ExitCode::kInput, name_ + ": " + what + " at " + seconds + " s");
+  throw Error(
+      ExitCode::kInput,
+      name_ + ": " + what + formatted(" at %.3f s", static_cast<double>(frame) / SE_SAMPLE_RATE));
 }
 
 }  // namespace se_tool

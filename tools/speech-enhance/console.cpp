@@ -1,5 +1,7 @@
 #include "console.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <cstdio>
 
@@ -9,6 +11,26 @@ void print_line(std::string line) {
   const auto breaks_line = [](unsigned char c) { return c < ' ' || c == 0x7F; };
   std::replace_if(line.begin(), line.end(), breaks_line, '?');
   std::fputs(("speech-enhance: " + line + "\n").c_str(), stderr);
+}
+
+TerminalLine::TerminalLine(bool quiet) : shown_(!quiet && isatty(STDERR_FILENO) == 1) {}
+
+void TerminalLine::draw(const std::string& text) {
+  constexpr auto kRedraw = std::chrono::milliseconds(100);
+  const auto now = std::chrono::steady_clock::now();
+  if (!shown_ || now - last_ < kRedraw) return;
+  last_ = now;
+  drawn_ = true;
+  // Back to the start of the line, and clear what is longer from before.
+  std::fprintf(stderr, "\r%s\033[K", text.c_str());
+  std::fflush(stderr);
+}
+
+void TerminalLine::clear() {
+  if (!drawn_) return;
+  drawn_ = false;
+  std::fputs("\r\033[K", stderr);
+  std::fflush(stderr);
 }
 
 }  // namespace se_tool

@@ -1,11 +1,35 @@
 // What the tool tells on standard error.
 #pragma once
 
+#include <chrono>
 #include <string>
 
 namespace se_tool {
 
 // One line behind the tool's name, whatever the names of files in it hold.
 void print_line(std::string line);
+
+// A line that is redrawn in place where standard error is a terminal, and nothing elsewhere. Gone
+// with the object.
+class TerminalLine {
+ public:
+  explicit TerminalLine(bool quiet);  // quiet: nothing on terminals either
+  ~TerminalLine() { clear(); }
+  TerminalLine(const TerminalLine&) = delete;
+  TerminalLine& operator=(const TerminalLine&) = delete;
+
+  bool is_shown() const { return shown_; }
+
+  // Redraws a few times a second however often it is called.
+  void draw(const std::string& text);
+
+  // Makes room for a line of text.
+  void clear();
+
+ private:
+  bool shown_;
+  bool drawn_ = false;
+  std::chrono::steady_clock::time_point last_ = {};
+};
 
 }  // namespace se_tool

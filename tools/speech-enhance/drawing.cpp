@@ -2,11 +2,11 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstdio>
 #include <filesystem>
 
 #include "colour_map.h"
 #include "errors.h"
+#include "formatted.h"
 
 namespace se_tool {
 namespace {
@@ -30,9 +30,7 @@ double time_step(double duration_s, int ticks) {
 std::string time_label(double seconds, bool in_minutes) {
   if (!in_minutes) return plain(seconds);
   const long whole = std::lround(seconds);
-  char text[32];
-  std::snprintf(text, sizeof text, "%ld:%02ld", whole / 60, whole % 60);
-  return text;
+  return formatted("%ld:%02ld", whole / 60, whole % 60);
 }
 
 }  // namespace
@@ -113,9 +111,7 @@ std::string Page::png() const {
 }
 
 std::string plain(double value) {
-  char text[32];
-  std::snprintf(text, sizeof text, "%s%g", value < 0 ? "\u2212" : "", std::abs(value));
-  return text;
+  return formatted("%s%g", value < 0 ? "\u2212" : "", std::abs(value));
 }
 
 Range range_below(double highest, double step, double span) {

@@ -82,6 +82,30 @@ bool has_audio_suffix(const std::string& path) {
   return suffixes.count(suffix_of(path)) != 0;
 }
 
+std::vector<std::string> expand_folders(
+    const std::vector<std::string>& inputs,
+    std::vector<std::string> (*files_in)(const std::string& folder)) {
+  std::vector<std::string> files;
+  for (const std::string& input : inputs) {
+    if (!is_directory(input)) {
+      files.push_back(input);
+      continue;
+    }
+    const std::vector<std::string> found = files_in(input);
+    files.insert(files.end(), found.begin(), found.end());
+  }
+  return files;
+}
+
+void create_folder(const std::string& folder) {
+  std::error_code error;
+  fs::create_directories(folder, error);
+  if (error || !is_directory(folder)) {
+    throw Error(ExitCode::kOutput,
+                folder + ": the folder cannot be created" + (error ? ": " + error.message() : ""));
+  }
+}
+
 std::vector<std::string> follow_links(const std::string& path) {
   std::vector<std::string> chain = {path};
   std::error_code ignored;

@@ -30,6 +30,14 @@ std::string suffix_of(const std::string& path);
 // Whether the suffix is one of sound files that libsndfile reads.
 bool has_audio_suffix(const std::string& path);
 
+// The inputs, each folder among them replaced by what `files_in` finds in it.
+std::vector<std::string> expand_folders(
+    const std::vector<std::string>& inputs,
+    std::vector<std::string> (*files_in)(const std::string& folder));
+
+// Makes the folder, and those above it, unless it is there. Throws an Error (output).
+void create_folder(const std::string& folder);
+
 enum class Direction { kIn, kOut };
 
 // "-" for any name of this process's standard input or output, such as /dev/stdout; every other

@@ -2,12 +2,12 @@
 
 #include <CLI/CLI.hpp>
 #include <cstdlib>
-#include <thread>
 
 #include "command_line.h"
 #include "commands.h"
 #include "files.h"
 #include "preset.h"
+#include "processes.h"
 #include "setting_options.h"
 #include "speechenhance/stream.h"
 
@@ -109,7 +109,7 @@ Options parse_options(int argc, const char* const* argv) {
       ->option_text("OUT.png");
   app.add_option("-j,--jobs", jobs,
                  "Recordings worked on at a time (default: as many\n"
-                 "as there are processors)")
+                 "as there are processors for this process)")
       ->option_text("N")
       ->check(CLI::Range(1, 1024));
   app.add_option("--max-input", max_input,
@@ -150,7 +150,7 @@ Options parse_options(int argc, const char* const* argv) {
   options.plot = unify_stream_names(options.plot, Direction::kOut);
   if (options.inputs.empty()) usage_error("no recording given (see --help)");
   if (options.output.empty()) usage_error("no output given: -o OUT (see --help)");
-  options.jobs = jobs != 0 ? jobs : std::max(1u, std::thread::hardware_concurrency());
+  options.jobs = jobs != 0 ? jobs : usable_processors();
   return options;
 }
 

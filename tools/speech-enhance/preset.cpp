@@ -2,22 +2,20 @@
 
 #include <cmath>
 #include <fstream>
-#include <functional>
 #include <initializer_list>
 #include <limits>
 #include <nlohmann/json.hpp>
-#include <set>
 
 #include "errors.h"
+#include "strict_json.h"
 
 namespace se_tool {
 namespace {
 
-using nlohmann::json;
+using json = nlohmann::ordered_json;
 
 // Far above any preset, far below what would take time or memory to read.
 constexpr std::size_t kLongestText = 1 << 20;
-constexpr int kDeepestLevel = 16;
 
 [[noreturn]] void fail(const std::string& what) {
   throw Error(ExitCode::kUsage, what);
@@ -106,43 +104,6 @@ Settings parse_settings(const json& root) {
   return settings;
 }
 
-// The library that parses takes the last of several values under one key, and any depth.
-class StrictParse {
- public:
-  bool operator()(int level, json::parse_event_t event, const json& parsed) {
-    switch (event) {
-      case json::parse_event_t::object_start:
-        keys_.emplace_back();
-        [[fallthrough]];
-      case json::parse_event_t::array_start:
-        if (level >= kDeepestLevel) {
-          fail("nested deeper than " + std::to_string(kDeepestLevel) + " levels");
-        }
-        break;
-      case json::parse_event_t::object_end:
-        keys_.pop_back();
-        break;
-      case json::parse_event_t::key:
-        if (!keys_.back().insert(parsed.get<std::string>()).second) {
-          fail("the key " + parsed.dump() + " stands twice in one object");
-        }
-        break;
-      default:
-        break;
-    }
-    return true;
-  }
-
- private:
-  std::vector<std::set<std::string>> keys_;  // of the objects that are open
-};
-
-json parse_strictly(const std::string& text) {
-  if (text.size() > kLongestText) fail("longer than 1 MB, which no preset is");
-  StrictParse strict;
-  return json::parse(text, std::ref(strict));
-}
-
 std::string built_in_names() {
   std::string names;
   for (const BuiltInPreset& preset : built_in_presets()) {
@@ -166,10 +127,8 @@ Settings load_preset_file(const std::string& path) {
 
 Settings parse_preset(const std::string& text, const std::string& source) {
   try {
+    if (text.size() > kLongestText) fail("longer than 1 MB, which no preset is");
     return parse_settings(parse_strictly(text));
-  } catch (const json::exception& error) {
-    const std::string reason = error.what();  // behind a name in brackets
-    fail(source + ": not valid JSON: " + reason.substr(reason.find("] ") + 2));
   } catch (const Error& error) {
     fail(source + ": " + error.what());
   }
@@ -192,11 +151,10 @@ std::string preset_description(const BuiltInPreset& preset) {
 }
 
 std::string format_preset(const Settings& settings) {
-  using ordered = nlohmann::ordered_json;
   const auto shelf = [](const Shelf& band) {
-    return ordered{{"freq_hz", band.freq_hz}, {"atten_db", band.atten_db}};
+    return json{{"freq_hz", band.freq_hz}, {"atten_db", band.atten_db}};
   };
-  ordered root;
+  json root;
   root["mode"] = mode_name(settings.mode);
   root["residual_db"] = settings.residual_db;
   root["ns_residual_db"] = settings.ns_residual_db;
@@ -206,7 +164,7 @@ std::string format_preset(const Settings& settings) {
   }
   if (settings.low_shelf) root["low_shelf"] = shelf(*settings.low_shelf);
   if (settings.high_shelf) root["high_shelf"] = shelf(*settings.high_shelf);
-  if (!settings.peaks.empty()) root["peaks"] = ordered::array();
+  if (!settings.peaks.empty()) root["peaks"] = json::array();
   for (const Peak& peak : settings.peaks) {
     root["peaks"].push_back(
         {{"center_hz", peak.center_hz}, {"gain_db", peak.gain_db}, {"q", peak.q}});

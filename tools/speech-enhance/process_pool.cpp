@@ -3,7 +3,6 @@
 #include <poll.h>
 #include <signal.h>
 #include <sys/mman.h>
-#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -13,6 +12,7 @@
 
 #include "errors.h"
 #include "files.h"
+#include "processes.h"
 #include "signals.h"
 
 namespace se_tool {
@@ -67,13 +67,8 @@ Process start(const Work& work, std::size_t index, std::atomic<double>& fraction
   }
   Descriptor result(ends[0]);
   Descriptor sink(ends[1]);
-  const pid_t parent = getpid();
-  const pid_t id = fork();
-  if (id < 0) throw Error(ExitCode::kInternal, "no further process: " + system_message(errno));
-  if (id > 0) return {id, index, std::move(result)};
+  if (const pid_t id = fork_child(); id > 0) return {id, index, std::move(result)};
 
-  prctl(PR_SET_PDEATHSIG, SIGTERM);
-  if (getppid() != parent) _exit(static_cast<int>(ExitCode::kInternal));
   Outcome outcome = perform(work, index, [&](double part) { fraction = part; });
   try {
     write_all(sink.get(), outcome.text, "result");
@@ -93,9 +88,7 @@ bool collect(const Process& process, std::string& text) {
 }
 
 int wait_for(pid_t id, const std::string& name, std::string& text) {
-  int status = 0;
-  while (waitpid(id, &status, 0) < 0 && errno == EINTR) {
-  }
+  const int status = wait_for_end(id);
   if (WIFEXITED(status)) return WEXITSTATUS(status);
   text =
       name + ": the process that worked on it died of signal " + std::to_string(WTERMSIG(status));

@@ -38,49 +38,34 @@ std::vector<Peak> parse_peaks(const std::vector<std::string>& texts) {
 
 void add_setting_options(CLI::App& app, SettingOptions& given) {
   const char* group = "What to do with the sound";
-  app.add_option("-p,--preset", given.preset,
-                 "Built-in preset or preset file (JSON); the options\n"
-                 "below override it (default: recording; plain has\n"
-                 "everything off; see --list-presets)")
-      ->option_text("NAME|FILE")
-      ->group(group);
-  app.add_option("--mode", given.mode,
-                 "denoise: the denoised signal alone\n"
-                 "mix: with some of the unprocessed signal\n"
-                 "suppress: that mix, then the classical suppressor")
-      ->option_text("MODE")
-      ->group(group);
-  app.add_option("--residual", given.residual_db,
-                 "Attenuation of the unprocessed signal in --mode mix\n"
-                 "(default 30; see below)")
-      ->option_text("DB")
-      ->group(group);
-  app.add_option("--ns-residual", given.ns_residual_db, "The same in --mode suppress (default 40)")
-      ->option_text("DB")
-      ->group(group);
+  const auto add = [&](const char* names, auto& value, const char* form, const char* help) {
+    return app.add_option(names, value, help)->option_text(form)->group(group);
+  };
+  add("-p,--preset", given.preset, "NAME|FILE",
+      "Built-in preset or preset file (JSON); the options\n"
+      "below override it (default: recording; plain has\n"
+      "everything off; see --list-presets)");
+  add("--mode", given.mode, "MODE",
+      "denoise: the denoised signal alone\n"
+      "mix: with some of the unprocessed signal\n"
+      "suppress: that mix, then the classical suppressor");
+  add("--residual", given.residual_db, "DB",
+      "Attenuation of the unprocessed signal in --mode mix\n"
+      "(default 30; see below)");
+  add("--ns-residual", given.ns_residual_db, "DB", "The same in --mode suppress (default 40)");
   app.add_flag("--limiter,!--no-limiter", given.limiter, "Limit the peaks of the output")
       ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast)
       ->group(group);
-  app.add_option("--limiter-ceiling", given.limiter_ceiling,
-                 "Limit to this fraction of full scale (default: the\n"
-                 "preset's; 0.9 if that has none)")
-      ->option_text("LINEAR")
-      ->group(group);
-  app.add_option("--limiter-gain", given.limiter_gain_db, "Amplify by this much, then limit")
-      ->option_text("DB")
-      ->group(group);
-  app.add_option("--low-shelf", given.low_shelf, "Attenuate below HZ by DB (or: off)")
-      ->option_text("HZ:DB")
-      ->group(group);
-  app.add_option("--high-shelf", given.high_shelf, "Attenuate above HZ by DB (or: off)")
-      ->option_text("HZ:DB")
-      ->group(group);
-  app.add_option("--peak", given.peaks,
-                 "Change the level around HZ by DB, in a band HZ / Q\n"
-                 "wide; up to ten times (or: off)")
-      ->option_text("HZ:DB:Q")
-      ->allow_extra_args(false)
-      ->group(group);
+  add("--limiter-ceiling", given.limiter_ceiling, "LINEAR",
+      "Limit to this fraction of full scale (default: the\n"
+      "preset's; 0.9 if that has none)");
+  add("--limiter-gain", given.limiter_gain_db, "DB", "Amplify by this much, then limit");
+  add("--low-shelf", given.low_shelf, "HZ:DB", "Attenuate below HZ by DB (or: off)");
+  add("--high-shelf", given.high_shelf, "HZ:DB", "Attenuate above HZ by DB (or: off)");
+  add("--peak", given.peaks, "HZ:DB:Q",
+      "Change the level around HZ by DB, in a band HZ / Q\n"
+      "wide; up to ten times (or: off)")
+      ->allow_extra_args(false);
 }
 
 Settings resolve_settings(const SettingOptions& given) {

@@ -2,9 +2,10 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstdio>
 #include <limits>
 #include <nlohmann/json.hpp>
+
+#include "formatted.h"
 
 namespace se_tool {
 namespace {
@@ -45,16 +46,11 @@ double power_db(double power) {
 std::string decibels(double value, const char* unit) {
   if (std::isnan(value)) return "-";
   if (std::isinf(value)) return value < 0 ? "silence" : "to silence";
-  char text[32];
-  std::snprintf(text, sizeof text, "%.1f %s", value, unit);
-  return text;
+  return formatted("%.1f %s", value, unit);
 }
 
 std::string milliseconds(double value) {
-  if (std::isnan(value)) return "-";
-  char text[32];
-  std::snprintf(text, sizeof text, "%.0f ms", value);
-  return text;
+  return std::isnan(value) ? "-" : formatted("%.0f ms", value);
 }
 
 std::string change(double before, double after) {
@@ -110,15 +106,13 @@ double EchoMeter::reduction_db() const {
 }
 
 std::string format_text(const std::string& file, const Statistics& s) {
-  char first[128];
-  std::snprintf(first, sizeof first, "  %-17s %.2f s\n  %-17s %.1f times real time (factor %.4f)\n",
-                "duration", s.duration_s, "speed", 1 / s.real_time_factor, s.real_time_factor);
-  std::string text = file + "\n" + first;
+  std::string text = file + "\n";
   const auto add = [&text](const char* name, const std::string& value) {
-    char line[128];
-    std::snprintf(line, sizeof line, "  %-17s %s\n", name, value.c_str());
-    text += line;
+    text += formatted("  %-17s %s\n", name, value.c_str());
   };
+  add("duration", formatted("%.2f s", s.duration_s));
+  add("speed",
+      formatted("%.1f times real time (factor %.4f)", 1 / s.real_time_factor, s.real_time_factor));
   add("peak", change(s.peak_in_db, s.peak_out_db));
   add("level", change(s.level_in_db, s.level_out_db));
   add("background", change(s.background_in_db, s.background_out_db));

@@ -41,19 +41,6 @@ std::vector<std::string> audio_files_in(const std::string& folder) {
   return files;
 }
 
-std::vector<std::string> expand(const std::vector<std::string>& inputs) {
-  std::vector<std::string> files;
-  for (const std::string& input : inputs) {
-    if (!is_directory(input)) {
-      files.push_back(input);
-      continue;
-    }
-    const std::vector<std::string> found = audio_files_in(input);
-    files.insert(files.end(), found.begin(), found.end());
-  }
-  return files;
-}
-
 // Whether recordings go into a folder, each under its own name.
 bool goes_to_folder(const Options& options) {
   return options.inputs.size() > 1 || is_directory(options.inputs.front()) ||
@@ -114,19 +101,10 @@ void check_suffix(const std::string& output, const std::set<std::string>& suffix
        fs::path(output).replace_extension(*suffixes.begin()).string());
 }
 
-void create_folder(const std::string& folder) {
-  std::error_code error;
-  fs::create_directories(folder, error);
-  if (error || !is_directory(folder)) {
-    throw Error(ExitCode::kOutput,
-                folder + ": the folder cannot be created" + (error ? ": " + error.message() : ""));
-  }
-}
-
 }  // namespace
 
 std::vector<Task> plan_tasks(const Options& options) {
-  const std::vector<std::string> files = expand(options.inputs);
+  const std::vector<std::string> files = expand_folders(options.inputs, audio_files_in);
   const bool to_folder = goes_to_folder(options);
   if (to_folder) {
     for (const std::string& folder : {options.output, options.plot}) {

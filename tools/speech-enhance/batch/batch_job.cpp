@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <cinttypes>
 #include <cstdio>
 #include <filesystem>
 #include <nlohmann/json.hpp>
@@ -12,6 +13,7 @@
 #include "enhance.h"
 #include "errors.h"
 #include "files.h"
+#include "formatted.h"
 #include "preset.h"
 
 namespace se_tool {
@@ -22,6 +24,10 @@ using Json = nlohmann::ordered_json;
 
 bool starts_with(const std::string& text, const std::string& start) {
   return text.compare(0, start.size(), start) == 0;
+}
+
+std::string hash_id(const std::string& text) {
+  return formatted("%016" PRIx64, hash_text(text));
 }
 
 const char* format_name(SoundFormat format) {
@@ -65,10 +71,9 @@ Json without_results(Json fields) {
 }  // namespace
 
 std::string pack(const JobReply& reply) {
-  char head[96];
-  std::snprintf(head, sizeof head, "%c %d %.9g %.9g\n", static_cast<char>(reply.status), reply.code,
-                reply.audio_s, reply.stated_s);
-  return head + reply.line;
+  return formatted("%c %d %.9g %.9g\n", static_cast<char>(reply.status), reply.code, reply.audio_s,
+                   reply.stated_s) +
+         reply.line;
 }
 
 JobReply unpack_reply(const std::string& text) {
@@ -82,13 +87,8 @@ JobReply unpack_reply(const std::string& text) {
 
 BatchJobs::BatchJobs(const BatchOptions& options, const std::string& manifest_folder)
     : format_(options.format), settings_(options.settings), manifest_folder_(manifest_folder) {
-  std::error_code error;
-  fs::create_directories(options.out_folder, error);
-  if (!error) out_folder_ = fs::canonical(options.out_folder, error).string();
-  if (error || !is_directory(out_folder_)) {
-    throw Error(ExitCode::kOutput, options.out_folder + ": the folder cannot be created" +
-                                       (error ? ": " + error.message() : ""));
-  }
+  create_folder(options.out_folder);
+  out_folder_ = fs::canonical(options.out_folder).string();
   Json settings = Json::parse(format_preset(settings_));
   settings["format"] = format_name(format_);
   settings_json_ = settings.dump();
@@ -106,10 +106,7 @@ std::string BatchJobs::id_of(const Json& fields, const Entry& entry) const {
                          entry.out,
                          settings_json_,
                          SE_VERSION};
-  char text[17];
-  std::snprintf(text, sizeof text, "%016llx",
-                static_cast<unsigned long long>(hash_text(identity.dump())));
-  return text;
+  return hash_id(identity.dump());
 }
 
 std::string BatchJobs::target_of(const Entry& entry) const {
@@ -230,11 +227,8 @@ JobReply BatchJobs::failure(Json fields, const std::string& id, int code, const 
 }
 
 JobReply BatchJobs::refusal(const ManifestLine& line, const std::string& error) {
-  char id[17];
-  std::snprintf(
-      id, sizeof id, "%016llx",
-      static_cast<unsigned long long>(hash_text(std::to_string(line.number) + ":" + line.fields)));
-  return failure(Json::parse(line.fields), id, static_cast<int>(ExitCode::kInput), error, true);
+  return failure(Json::parse(line.fields), hash_id(std::to_string(line.number) + ":" + line.fields),
+                 static_cast<int>(ExitCode::kInput), error, true);
 }
 
 JobReply BatchJobs::death(const std::string& job, int signal) {

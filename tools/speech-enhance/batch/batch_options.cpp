@@ -1,12 +1,10 @@
 #include "batch/batch_options.h"
 
-#include <sched.h>
-
-#include <algorithm>
 #include <filesystem>
 
 #include "command_line.h"
 #include "files.h"
+#include "processes.h"
 #include "setting_options.h"
 
 namespace se_tool {
@@ -48,13 +46,6 @@ Exit codes:
   0 all is done   2 wrong options   3 some recordings cannot be used
   4 some results cannot be written   5 out of memory or processes
   130, 143 interrupted)";
-
-// The processors that this process may use: a cluster gives it only some.
-std::size_t usable_processors() {
-  cpu_set_t processors;
-  if (sched_getaffinity(0, sizeof processors, &processors) != 0) return 1;
-  return static_cast<std::size_t>(std::max(1, CPU_COUNT(&processors)));
-}
 
 std::string default_results(const BatchOptions& options) {
   const std::string count = std::to_string(options.shard.count);

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "batch/batch_job.h"
+#include "console.h"
 
 namespace se_tool {
 
@@ -30,10 +31,8 @@ std::string format_duration(double seconds);
 class BatchProgress {
  public:
   // Of a shard of `lines` lines and `total_s` seconds.
-  BatchProgress(std::uint64_t lines, double total_s, double report_s, bool quiet);
-  ~BatchProgress() { clear(); }
-  BatchProgress(const BatchProgress&) = delete;
-  BatchProgress& operator=(const BatchProgress&) = delete;
+  BatchProgress(std::uint64_t lines, double total_s, double report_s, bool quiet)
+      : lines_(lines), total_s_(total_s), report_s_(report_s), quiet_(quiet), line_(quiet) {}
 
   // Shows the counts if it is time.
   void update(const BatchCounts& counts);
@@ -41,17 +40,16 @@ class BatchProgress {
   double elapsed_s() const;
 
   // Makes room for a line of text.
-  void clear();
+  void clear() { line_.clear(); }
 
  private:
   using Clock = std::chrono::steady_clock;
 
   std::uint64_t lines_;
   double total_s_;
-  double interval_s_;
+  double report_s_;  // between lines where there is no terminal
   bool quiet_;
-  bool terminal_;
-  bool drawn_ = false;
+  TerminalLine line_;
   Clock::time_point start_ = Clock::now();
   Clock::time_point last_ = start_;
 };

@@ -11,6 +11,7 @@
 
 #include "command_line.h"
 #include "errors.h"
+#include "strict_json.h"
 
 namespace se_tool {
 namespace {
@@ -36,30 +37,10 @@ std::vector<std::string> split_at_tabs(const std::string& text) {
   return cells;
 }
 
-// An object without surprises: no key twice, where readers differ on which counts, and not so deep
-// that it takes a stack to walk.
 Json parse_object(const std::string& text) {
-  std::vector<std::set<std::string>> keys;
-  const auto check = [&](int depth, Json::parse_event_t event, Json& value) {
-    if (depth > ManifestReader::kDeepest) fail("is nested too deeply");
-    if (event == Json::parse_event_t::object_start) {
-      keys.emplace_back();
-    } else if (event == Json::parse_event_t::object_end) {
-      keys.pop_back();
-    } else if (event == Json::parse_event_t::key) {
-      const auto& key = value.get_ref<const std::string&>();
-      if (!keys.back().insert(key).second) fail("has the key \"" + key + "\" twice");
-    }
-    return true;
-  };
-  try {
-    Json object = Json::parse(text, check);
-    if (!object.is_object()) fail("is not a JSON object");
-    return object;
-  } catch (const Json::exception& error) {
-    const std::string reason = error.what();  // behind a name in brackets
-    fail("is not valid JSON: " + reason.substr(reason.find("] ") + 2));
-  }
+  Json object = parse_strictly(text);
+  if (!object.is_object()) fail("is not a JSON object");
+  return object;
 }
 
 Json parse_row(const std::string& text, const std::vector<std::string>& columns) {

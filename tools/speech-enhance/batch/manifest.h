@@ -32,7 +32,6 @@ struct ManifestLine {
 class ManifestReader {
  public:
   static constexpr std::size_t kLongestLine = 65536;
-  static constexpr int kDeepest = 16;  // levels of JSON
 
   // `path` may be "-" or a pipe, which is read to its end first. Throws an Error (input).
   explicit ManifestReader(const std::string& path);

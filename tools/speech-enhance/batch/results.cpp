@@ -18,17 +18,12 @@ namespace se_tool {
 namespace {
 
 namespace fs = std::filesystem;
-using Json = nlohmann::json;
+using Json = nlohmann::ordered_json;
 
 // An object, or null for a line that is not whole.
 Json parse_line(const std::string& line) {
   Json object = Json::parse(line, nullptr, false);
   return object.is_object() ? object : Json();
-}
-
-std::string text_of(const Json& object, const char* name) {
-  const auto field = object.find(name);
-  return field != object.end() && field->is_string() ? field->get<std::string>() : "";
 }
 
 }  // namespace
@@ -37,9 +32,9 @@ void FinishedJobs::add_file(const std::string& path, const ShardMap& shards) {
   std::ifstream file(path, std::ios::binary);
   for (std::string line; std::getline(file, line);) {
     const Json object = parse_line(line);
-    const std::string id = object.is_null() ? "" : text_of(object, "id");
-    if (id.empty() || !shards.contains(hash_text(text_of(object, "path")))) continue;
-    const Finished finished = {text_of(object, "sha256"), object.value("code", 0)};
+    const std::string id = object.is_null() ? "" : text_in(object, "id");
+    if (id.empty() || !shards.contains(hash_text(text_in(object, "path")))) continue;
+    const Finished finished = {text_in(object, "sha256"), object.value("code", 0)};
     Finished& known = by_id_[id];
     if (!finished.sha256.empty() || known.sha256.empty()) known = finished;
   }
@@ -133,11 +128,16 @@ void ResultsFile::tidy() const {
   tidied.commit();
 }
 
+std::string text_in(const Json& line, const char* field) {
+  const auto found = line.find(field);
+  return found != line.end() && found->is_string() ? found->get<std::string>() : "";
+}
+
 std::string results_key(const std::string& line) {
   const Json object = parse_line(line);
   if (object.is_null()) return "";
-  const std::string id = text_of(object, "id");
-  const std::string out = text_of(object, "out");
+  const std::string id = text_in(object, "id");
+  const std::string out = text_in(object, "out");
   return id.empty() || out.empty() || object.contains("refused") ? id : out;
 }
 

@@ -10,7 +10,7 @@
 #pragma once
 
 #include <cstdint>
-#include <functional>
+#include <nlohmann/json_fwd.hpp>
 #include <string>
 #include <unordered_map>
 
@@ -58,6 +58,9 @@ class ResultsFile {
   std::string path_;
   Descriptor file_;
 };
+
+// A field of a line that is a text; empty otherwise.
+std::string text_in(const nlohmann::ordered_json& line, const char* field);
 
 // What two lines share that speak of one result; empty for a line that is not whole.
 std::string results_key(const std::string& line);

@@ -3,7 +3,6 @@
 #include <malloc.h>
 #include <poll.h>
 #include <signal.h>
-#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -14,6 +13,7 @@
 #include <iterator>
 
 #include "errors.h"
+#include "processes.h"
 #include "signals.h"
 
 namespace se_tool {
@@ -72,8 +72,7 @@ WorkerPool::~WorkerPool() {
   for (Worker& worker : workers_) {
     if (worker.id < 0) continue;
     worker.socket.close();  // the end of its jobs
-    while (waitpid(worker.id, nullptr, 0) < 0 && errno == EINTR) {
-    }
+    wait_for_end(worker.id);
   }
 }
 
@@ -84,13 +83,8 @@ WorkerPool::Worker WorkerPool::start() const {
   }
   Descriptor ours(ends[0]);
   Descriptor theirs(ends[1]);
-  const pid_t parent = getpid();
-  const pid_t id = fork();
-  if (id < 0) throw Error(ExitCode::kInternal, "no further process: " + system_message(errno));
-  if (id > 0) return {id, std::move(ours), {}, {}};
+  if (const pid_t id = fork_child(); id > 0) return {id, std::move(ours), {}, {}};
 
-  prctl(PR_SET_PDEATHSIG, SIGTERM);
-  if (getppid() != parent) _exit(static_cast<int>(ExitCode::kInternal));
   ours.close();
   for (const Worker& sibling : workers_) ::close(sibling.socket.get());
   serve(theirs.get());
@@ -149,9 +143,7 @@ bool WorkerPool::receive(Worker& worker, const Parent& parent) {
 }
 
 void WorkerPool::bury(Worker& worker, const Parent& parent) {
-  int status = 0;
-  while (waitpid(worker.id, &status, 0) < 0 && errno == EINTR) {
-  }
+  const int status = wait_for_end(worker.id);
   std::deque<std::string> jobs = std::move(worker.jobs);
   worker = {-1, Descriptor(), {}, {}};
   if (pending_signal() != 0) return;

@@ -2,9 +2,9 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstdio>
 
 #include "engine/se_instance.h"
+#include "formatted.h"
 #include "nn/network.h"
 
 namespace se_tool {
@@ -16,12 +16,6 @@ constexpr double kLowestGain = 1e-4;
 
 // The middle of a frame lies 64 samples into the block before its newest one.
 constexpr int kMiddle = 2 * SE_BLOCK_LEN - se::kFrameLen / 2;
-
-std::string formatted(const char* format, double value) {
-  char text[32];
-  std::snprintf(text, sizeof text, format, value);
-  return text;
-}
 
 }  // namespace
 
@@ -43,7 +37,8 @@ void BandGains::add(const float* bands, bool far_end_active) {
   if (bands == nullptr || block < 0 || static_cast<std::uint64_t>(block) >= blocks_) return;
   text_ += formatted("%.3f", static_cast<double>(block * SE_BLOCK_LEN + kMiddle) / SE_SAMPLE_RATE);
   text_ += far_end_active ? ",1" : ",0";
-  for (int i = 0; i < se::nn::kBands; ++i) text_ += formatted(",%.4f", bands[i]);
+  for (int i = 0; i < se::nn::kBands; ++i)
+    text_ += formatted(",%.4f", static_cast<double>(bands[i]));
   text_ += '\n';
   if (text_.size() >= kWriteBytes) {
     table_.append(text_);

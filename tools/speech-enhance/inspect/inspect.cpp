@@ -169,21 +169,12 @@ class Inspector {
   bool far_end_ = false;
 };
 
-void make_folder(const std::string& folder) {
-  std::error_code error;
-  std::filesystem::create_directories(folder, error);
-  if (!std::filesystem::is_directory(folder)) {
-    throw Error(ExitCode::kOutput,
-                folder + ": cannot be made a folder" + (error ? ": " + error.message() : ""));
-  }
-}
-
 }  // namespace
 
 void inspect(const Task& task, const ProgressFunction& progress) {
   AlignedInputs inputs(task);
   const std::uint64_t length = inputs.length();
-  make_folder(task.output);
+  create_folder(task.output);
   const auto inspector = std::make_unique<Inspector>(task, length);
   const std::uint64_t blocks =
       (length + static_cast<std::uint64_t>(engine_delay(task.settings)) + kBlock - 1) / kBlock;

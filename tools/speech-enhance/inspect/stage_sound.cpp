@@ -1,9 +1,9 @@
 #include "inspect/stage_sound.h"
 
 #include <algorithm>
-#include <cstdio>
 
 #include "engine/se_instance.h"
+#include "formatted.h"
 
 namespace se_tool {
 namespace {
@@ -60,10 +60,7 @@ void StageSound::finish() {
   output_.finish();
   output_.sync();
   picture_ = spectrum_.finish();
-  char level[64];
-  std::snprintf(level, sizeof level, " (level %.1f dBFS, peak %.1f dBFS)", level_.level_db(),
-                level_.peak_db());
-  heading_ += level;
+  heading_ += formatted(" (level %.1f dBFS, peak %.1f dBFS)", level_.level_db(), level_.peak_db());
 }
 
 }  // namespace se_tool

@@ -1,10 +1,10 @@
 #include "summarise/excerpt.h"
 
-#include <sndfile.h>
-
 #include <algorithm>
 #include <cmath>
-#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <sndfile.hh>
 #include <vector>
 
 #include "audio_input.h"
@@ -36,53 +36,20 @@ std::vector<float> read_mono(const std::string& path, const Segment& segment) {
   return samples;
 }
 
-// A file in memory, for libsndfile.
-struct MemoryFile {
-  std::string bytes;
-  std::size_t position = 0;
-};
-
 std::string encode_flac(const std::vector<float>& samples) {
-  MemoryFile memory;
-  const auto file_of = [](void* user) { return static_cast<MemoryFile*>(user); };
-  static const auto get = file_of;
-  SF_VIRTUAL_IO io = {};
-  io.get_filelen = [](void* user) { return static_cast<sf_count_t>(get(user)->bytes.size()); };
-  io.tell = [](void* user) { return static_cast<sf_count_t>(get(user)->position); };
-  io.seek = [](sf_count_t offset, int whence, void* user) {
-    MemoryFile& file = *get(user);
-    const auto base = whence == SEEK_SET   ? sf_count_t{0}
-                      : whence == SEEK_CUR ? static_cast<sf_count_t>(file.position)
-                                           : static_cast<sf_count_t>(file.bytes.size());
-    file.position = static_cast<std::size_t>(std::max<sf_count_t>(0, base + offset));
-    return static_cast<sf_count_t>(file.position);
-  };
-  io.read = [](void* target, sf_count_t count, void* user) {
-    MemoryFile& file = *get(user);
-    const std::size_t there = file.bytes.size() - std::min(file.position, file.bytes.size());
-    const std::size_t taken = std::min(static_cast<std::size_t>(count), there);
-    std::memcpy(target, file.bytes.data() + file.position, taken);
-    file.position += taken;
-    return static_cast<sf_count_t>(taken);
-  };
-  io.write = [](const void* source, sf_count_t count, void* user) {
-    MemoryFile& file = *get(user);
-    const auto size = static_cast<std::size_t>(count);
-    file.bytes.resize(std::max(file.bytes.size(), file.position + size));
-    std::memcpy(file.bytes.data() + file.position, source, size);
-    file.position += size;
-    return count;
-  };
-  SF_INFO info = {};
-  info.samplerate = SE_SAMPLE_RATE;
-  info.channels = 1;
-  info.format = SF_FORMAT_FLAC | SF_FORMAT_PCM_16;
-  SNDFILE* file = sf_open_virtual(&io, SFM_WRITE, &info, &memory);
-  if (file == nullptr) throw Error(ExitCode::kInternal, sf_strerror(nullptr));
-  sf_command(file, SFC_SET_CLIPPING, nullptr, SF_TRUE);
-  sf_writef_float(file, samples.data(), static_cast<sf_count_t>(samples.size()));
-  sf_close(file);
-  return memory.bytes;
+  const TemporaryFile file;
+  const auto count = static_cast<sf_count_t>(samples.size());
+  {
+    SndfileHandle sound(file.path(), SFM_WRITE, SF_FORMAT_FLAC | SF_FORMAT_PCM_16, 1,
+                        SE_SAMPLE_RATE);
+    if (sound.rawHandle() == nullptr) throw Error(ExitCode::kInternal, sound.strError());
+    sound.command(SFC_SET_CLIPPING, nullptr, SF_TRUE);
+    if (sound.writef(samples.data(), count) != count) {
+      throw Error(ExitCode::kInternal, sound.strError());
+    }
+  }
+  std::ifstream bytes(file.path(), std::ios::binary);
+  return {std::istreambuf_iterator<char>(bytes), {}};
 }
 
 SpectrumPicture picture_of(const std::vector<float>& samples) {

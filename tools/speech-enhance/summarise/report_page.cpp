@@ -4,11 +4,11 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstdio>
 #include <set>
 
 #include "batch/batch_progress.h"
 #include "errors.h"
+#include "formatted.h"
 #include "summarise/excerpt.h"
 #include "summarise/page_style.h"
 
@@ -42,9 +42,7 @@ std::string escape(const std::string& text) {
 }
 
 std::string number(double value, int digits) {
-  char text[64];
-  std::snprintf(text, sizeof text, "%.*f", digits, value);
-  return text;
+  return formatted("%.*f", digits, value);
 }
 
 // With spaces between the thousands.

@@ -2,7 +2,6 @@
 
 #include <unistd.h>
 
-#include <filesystem>
 #include <nlohmann/json.hpp>
 
 #include "batch/results.h"
@@ -29,18 +28,10 @@ constexpr const char* kFooter = R"(Examples:
 The page is one file that needs nothing beside it, for a browser or a mail. With
 neither --html nor --json the figures go to standard output as JSON.)";
 
-std::vector<std::string> expand(const std::vector<std::string>& inputs) {
-  std::vector<std::string> files;
-  for (const std::string& input : inputs) {
-    if (!is_directory(input)) {
-      files.push_back(input);
-      continue;
-    }
-    const std::vector<std::string> found = results_in(input);
-    if (found.empty()) {
-      throw Error(ExitCode::kInput, input + ": holds no results of speech-enhance batch");
-    }
-    files.insert(files.end(), found.begin(), found.end());
+std::vector<std::string> results_of(const std::string& folder) {
+  const std::vector<std::string> files = results_in(folder);
+  if (files.empty()) {
+    throw Error(ExitCode::kInput, folder + ": holds no results of speech-enhance batch");
   }
   return files;
 }
@@ -85,7 +76,7 @@ int run_summarise(int argc, const char* const* argv) {
   watch_signals();
   claim_standard_output();
   if (html.empty() && json.empty()) json = kStream;
-  const Summary summary = summarise_results(expand(inputs), sample);
+  const Summary summary = summarise_results(expand_folders(inputs, results_of), sample);
   if (!json.empty()) {
     write_output(
         unify_stream_names(json, Direction::kOut),

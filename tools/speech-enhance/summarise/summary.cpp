@@ -46,11 +46,6 @@ double number_in(const Json& line, const std::string& field) {
   return found != line.end() && found->is_number() ? found->get<double>() : NAN;
 }
 
-std::string text_in(const Json& line, const char* field) {
-  const auto found = line.find(field);
-  return found != line.end() && found->is_string() ? found->get<std::string>() : "";
-}
-
 ResultRecord record_of(const Json& line, const fs::path& folder) {
   ResultRecord record;
   record.name = text_in(line, "out");
