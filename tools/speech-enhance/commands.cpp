@@ -1,10 +1,9 @@
 #include "commands.h"
 
 #include "batch/batch_command.h"
+#include "command_line.h"
 #include "inspect/inspect_command.h"
-#if SE_TOOL_HAS_LIVE
 #include "live/live_command.h"
-#endif
 #include "summarise/summarise_command.h"
 
 namespace se_tool {
@@ -14,13 +13,17 @@ namespace {
 constexpr Command kCommands[] = {
     {"batch", "Clean the recordings of a manifest: corpora, clusters", run_batch},
     {"summarise", "Make a report of the results of batch", run_summarise},
-#if SE_TOOL_HAS_LIVE
     {"live", "Clean sound on its way through a pipe: arecord, aplay", run_live},
-#endif
     {"inspect", "Write what every stage of the engine makes of a recording", run_inspect},
 };
 
 }  // namespace
+
+#if !SE_TOOL_HAS_LIVE
+int run_live(int, const char* const*) {
+  usage_error("live: not in this build, which lacks the streaming library (-DSE_BUILD_STREAM=ON)");
+}
+#endif
 
 const Command* find_command(int argc, const char* const* argv) {
   for (const Command& command : kCommands) {
