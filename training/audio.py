@@ -6,6 +6,7 @@ renders scenes), `clips.json` (where each clip lies, who speaks, on which side o
 """
 
 import concurrent.futures
+import contextlib
 import dataclasses
 import json
 import os
@@ -18,6 +19,7 @@ import numpy as np
 from training import material
 from training.errors import TrainingError
 from training.rooms import DIRECT_AT
+from training.whole_files import replacing
 
 AUDIO_SUFFIXES = {".opus", ".ogg", ".wav", ".flac"}
 SHORTEST = 0.2  # s
@@ -185,9 +187,9 @@ def build_cache(audio: Path, cache: Path, rate: int, leave_out=(), train_on_all:
             raise TrainingError(f"no audio files below {audio / kind}")
     cache.mkdir(parents=True, exist_ok=True)
     names = ("samples.s16", "clips.json", "responses.npz", "report.txt")
-    parts = {name: cache / f"part-{name}" for name in names}
     clips, responses, offset = [], {}, 0
-    try:
+    with contextlib.ExitStack() as whole:
+        parts = {name: whole.enter_context(replacing(cache / name)) for name in names}
         with open(parts["samples.s16"], "wb") as out, \
                 concurrent.futures.ProcessPoolExecutor(min(2, os.cpu_count() or 1)) as pool:
             jobs = ((s.path, s.kind, rate) for s in wanted)
@@ -212,11 +214,6 @@ def build_cache(audio: Path, cache: Path, rate: int, leave_out=(), train_on_all:
         np.savez(parts["responses.npz"], **responses)
         parts["clips.json"].write_text(json.dumps([dataclasses.asdict(c) for c in clips]))
         parts["report.txt"].write_text("\n".join(report) + "\n")
-        for name, part in parts.items():
-            os.replace(part, cache / name)
-    finally:
-        for part in parts.values():
-            part.unlink(missing_ok=True)
     for line in report:
         progress(line)
 

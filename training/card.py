@@ -6,6 +6,7 @@ from pathlib import Path
 
 from training import evaluate, plots
 from training.errors import TrainingError
+from training.whole_files import replacing
 
 TEXT = """# The denoiser's parameters
 
@@ -66,6 +67,5 @@ def draft(scores: Path, name: str, checkpoint: Path) -> str:
 
 
 def write(path: Path, text: str, checksum: int) -> None:
-    temporary = path.with_name(path.name + ".part")
-    temporary.write_text(text.replace("{checksum}", f"{checksum:08x}"))
-    temporary.replace(path)
+    with replacing(path) as part:
+        part.write_text(text.replace("{checksum}", f"{checksum:08x}"))

@@ -4,7 +4,6 @@ A file is written beside the old one and renamed over it, so that a broken run n
 checkpoint. Reading checks every name and shape against the network."""
 
 import json
-import os
 import zipfile
 from pathlib import Path
 
@@ -14,6 +13,7 @@ import torch
 from training.errors import TrainingError
 from training.library import SHAPE
 from training.network import Denoiser
+from training.whole_files import replacing
 
 UNREADABLE = (OSError, EOFError, KeyError, ValueError, zipfile.BadZipFile)
 FORMAT = "speechenhance denoiser checkpoint 1"
@@ -26,12 +26,8 @@ def save(path: Path, weights: dict, average: dict, counters: dict) -> None:
         if not np.isfinite(array).all():
             raise TrainingError(f"{name} is not finite; {path} is left as it was")
     path.parent.mkdir(parents=True, exist_ok=True)
-    temporary = path.with_suffix(".tmp.npz")
-    try:
-        np.savez(temporary, meta=json.dumps({"format": FORMAT, **counters}), **arrays)
-        os.replace(temporary, path)
-    finally:
-        temporary.unlink(missing_ok=True)
+    with replacing(path) as part, open(part, "wb") as file:
+        np.savez(file, meta=json.dumps({"format": FORMAT, **counters}), **arrays)
 
 
 def load(path: Path) -> tuple[dict, dict, dict]:

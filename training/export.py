@@ -5,7 +5,6 @@ vectors that the library's tests run, and with --scores the model card. Before a
 the library runs the new model and must agree with a plain computation from its tables."""
 
 import argparse
-import os
 import struct
 from pathlib import Path
 
@@ -15,6 +14,7 @@ from training import checkpoint, library, model_file, reference
 from training.errors import TrainingError, reported_briefly
 from training.library import SHAPE
 from training.model_tables import model_tables
+from training.whole_files import replacing
 
 ROOT = Path(__file__).parents[1]
 TOLERANCE = 1e-4  # of a gain, between the library and the plain computation
@@ -54,8 +54,7 @@ def check(model: Path, scene: np.ndarray) -> tuple[np.ndarray, float]:
 
 def export(network, model_path: Path, golden_path: Path | None, name: str) -> tuple[int, float]:
     """Writes model and golden vectors; returns the model's checksum and the largest difference."""
-    candidate = model_path.with_name(model_path.name + ".candidate")
-    try:
+    with replacing(model_path) as candidate:
         checksum = model_file.write_model(candidate, name, model_tables(network))
         _, difference = check(candidate, golden_scene(CHECK_FRAMES))
         if not difference <= TOLERANCE:
@@ -64,14 +63,10 @@ def export(network, model_path: Path, golden_path: Path | None, name: str) -> tu
         if golden_path:
             scene = golden_scene(GOLDEN_FRAMES)
             gains, _ = check(candidate, scene)
-            temporary = golden_path.with_name(golden_path.name + ".part")
-            temporary.write_bytes(
-                GOLDEN_HEADER.pack(b"SEGOLDEN", GOLDEN_FRAMES, checksum, SHAPE.lookahead) +
-                scene.tobytes() + gains.astype("<f4").tobytes())
-            os.replace(temporary, golden_path)
-        os.replace(candidate, model_path)
-    finally:
-        candidate.unlink(missing_ok=True)
+            with replacing(golden_path) as part:
+                part.write_bytes(
+                    GOLDEN_HEADER.pack(b"SEGOLDEN", GOLDEN_FRAMES, checksum, SHAPE.lookahead) +
+                    scene.tobytes() + gains.astype("<f4").tobytes())
     return checksum, difference
 
 

@@ -99,6 +99,12 @@ def active_frames(clean: np.ndarray) -> np.ndarray:
     return power > np.quantile(power, 0.95) * 10 ** -3.5
 
 
+def _active_magnitudes(enhanced: np.ndarray, clean: np.ndarray) -> list[np.ndarray]:
+    """Spectra of the active frames: of the clean signal, of the enhanced one."""
+    active, window = active_frames(clean), np.hanning(SHAPE.frame)
+    return [np.abs(np.fft.rfft(_frames(s)[active] * window)) for s in (clean, enhanced)]
+
+
 def segmental_snr(enhanced: np.ndarray, clean: np.ndarray) -> float:
     """Mean over active frames of the frame's SNR, limited to -10..35 dB (Hansen, Pellom 1998)."""
     active = active_frames(clean)
@@ -110,10 +116,8 @@ def segmental_snr(enhanced: np.ndarray, clean: np.ndarray) -> float:
 def weighted_segmental_snr(enhanced: np.ndarray, clean: np.ndarray) -> float:
     """Frequency-weighted segmental SNR in dB over Bark bands, weights the clean magnitude to the power of
     0.2, limited to -10..35 dB (Tribolet et al. 1978, Hu and Loizou 2008)."""
-    active = active_frames(clean)
-    window = np.hanning(SHAPE.frame)
     members = DISTURBANCE.members.numpy() > 0
-    c, e = (np.abs(np.fft.rfft(_frames(s)[active] * window)) @ members for s in (clean, enhanced))
+    c, e = (magnitudes @ members for magnitudes in _active_magnitudes(enhanced, clean))
     snr = 20 * np.log10((c + 1e-9) / (np.abs(c - e) + 1e-9))
     weights = c ** 0.2
     return float(((np.clip(snr, -10, 35) * weights).sum(1) / (weights.sum(1) + 1e-12)).mean())
@@ -131,9 +135,7 @@ def bark_disturbance(enhanced: np.ndarray, clean: np.ndarray) -> tuple[float, fl
 
 def log_spectral_distance(enhanced: np.ndarray, clean: np.ndarray) -> float:
     """Rms over bins, mean over active frames, of the level difference in dB; 50 dB range."""
-    active = active_frames(clean)
-    window = np.hanning(SHAPE.frame)
-    c, e = (np.abs(np.fft.rfft(_frames(s)[active] * window)) ** 2 for s in (clean, enhanced))
+    c, e = (magnitudes ** 2 for magnitudes in _active_magnitudes(enhanced, clean))
     floor = c.max() * 1e-5
     difference = 10 * np.log10((c + floor) / (e + floor))
     return float(np.sqrt(np.mean(difference ** 2, 1)).mean())
@@ -145,9 +147,7 @@ BANDS_HZ = ((125, 500), (500, 1000), (1000, 2000), (2000, 4000), (4000, 8000), (
 def attenuation(enhanced: np.ndarray, clean: np.ndarray) -> dict[tuple[int, int], float]:
     """How much quieter active speech became, in dB per band of BANDS_HZ: the ratio of the energies
     over all active frames."""
-    active = active_frames(clean)
-    window = np.hanning(SHAPE.frame)
-    c, e = (np.abs(np.fft.rfft(_frames(s)[active] * window)) ** 2 for s in (clean, enhanced))
+    c, e = (magnitudes ** 2 for magnitudes in _active_magnitudes(enhanced, clean))
     f = np.arange(c.shape[1]) * SHAPE.sample_rate / SHAPE.frame
     result = {}
     for low, high in BANDS_HZ:

@@ -5,7 +5,6 @@
 The tables, their types, shapes and places come from src/nn/model_tables.def, which the library
 compiles. A model is a dictionary from table names to numpy arrays of the listed shapes.
 """
-import os
 import re
 import struct
 import sys
@@ -16,6 +15,7 @@ from pathlib import Path
 import numpy as np
 
 from training.errors import TrainingError
+from training.whole_files import replacing
 
 MAGIC = b"SEDENOIS"
 VERSION = 1
@@ -87,13 +87,8 @@ def write_model(path, name, tables):
     checksum = zlib.crc32(data[HEADER.size:])
     data[:HEADER.size] = HEADER.pack(MAGIC, VERSION, len(data), checksum, label)
 
-    path = Path(path)
-    part = path.with_name(path.name + ".part")
-    try:
+    with replacing(Path(path)) as part:
         part.write_bytes(data)
-        os.replace(part, path)
-    finally:
-        part.unlink(missing_ok=True)
     return checksum
 
 

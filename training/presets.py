@@ -13,6 +13,7 @@ import torch
 
 from training import processors, validation
 from training.errors import TrainingError, reported_briefly
+from training.whole_files import replacing
 
 BEGIN, END = "<!-- scores -->\n", "<!-- /scores -->\n"
 SIDE = "far"
@@ -105,7 +106,8 @@ def main() -> None:
         tables = "\n".join(text) + "\n"
         if arguments.into:
             before, rest = page.split(BEGIN)
-            arguments.into.write_text(before + BEGIN + "\n" + tables + END + rest.split(END)[1])
+            with replacing(arguments.into) as part:
+                part.write_text(before + BEGIN + "\n" + tables + END + rest.split(END)[1])
         print(tables)
         print("\n".join(judgement(rows, [*others], "denoised alone") + judgement(rows, [*presets], "plain")))
 

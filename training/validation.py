@@ -6,7 +6,6 @@ kept in the cache, by the sound of the scene and by the processor: peers and old
 
 import dataclasses
 import json
-import os
 import tempfile
 import zlib
 from pathlib import Path
@@ -20,6 +19,7 @@ from training.errors import TrainingError
 from training.library import SHAPE
 from training.model_tables import model_tables
 from training.scenes import Mixer, Plan, Scene
+from training.whole_files import replacing
 
 SIDES = ("far", "near")
 SECONDS = 6
@@ -123,9 +123,8 @@ class Rows:
         return self.rows.setdefault(processor, {})
 
     def save(self) -> None:
-        temporary = self.path.with_suffix(f".{os.getpid()}")
-        temporary.write_text(json.dumps({"version": ROWS_VERSION, "rows": self.rows}))
-        temporary.replace(self.path)
+        with replacing(self.path) as part:
+            part.write_text(json.dumps({"version": ROWS_VERSION, "rows": self.rows}))
 
 
 def sound_key(scene: Scene) -> str:

@@ -21,21 +21,44 @@ using Index = std::ptrdiff_t;
 using Word = std::int32_t;
 
 #ifdef __AVX512BF16__
-
 constexpr int kLanes = 16;
 constexpr int kTileRows = 8;  // rows of a product's tile of two or three vectors
 using Floats = __m512;
 using Ints = __m512i;
+#else
+constexpr int kLanes = 8;
+constexpr int kTileRows = 4;
+using Floats = __m256;
+using Ints = __m256i;
+#endif
+using Bits = std::int32_t __attribute__((vector_size(4 * kLanes)));  // of floats
 
+// What the compiler's vectors do on both.
 inline Floats splat(float x) {
-  return _mm512_set1_ps(x);
+  return x - Floats{};
+}
+inline Ints repeat(Word x) {
+  return reinterpret_cast<Ints>(x - Bits{});
 }
 inline Floats load(const float* p) {
-  return _mm512_loadu_ps(p);
+  Floats x;
+  std::memcpy(&x, p, sizeof x);
+  return x;
 }
 inline void store(float* p, Floats x) {
-  _mm512_storeu_ps(p, x);
+  std::memcpy(p, &x, sizeof x);
 }
+inline Ints load_words(const Word* p) {
+  Ints x;
+  std::memcpy(&x, p, sizeof x);
+  return x;
+}
+inline Floats to_floats(Ints x) {
+  return __builtin_convertvector(reinterpret_cast<Bits>(x), Floats);
+}
+
+#ifdef __AVX512BF16__
+
 inline __mmask16 first(Index n) {
   return n >= 16 ? static_cast<__mmask16>(0xffff) : static_cast<__mmask16>((1 << n) - 1);
 }
@@ -45,12 +68,6 @@ inline Floats load_some(const float* p, Index n) {
 }
 inline void store_some(float* p, Floats x, Index n) {
   if (n > 0) _mm512_mask_storeu_ps(p, first(n), x);
-}
-inline Ints load_words(const Word* p) {
-  return _mm512_loadu_si512(p);
-}
-inline Ints repeat(Word x) {
-  return _mm512_set1_epi32(x);
 }
 inline Floats fma(Floats a, Floats b, Floats c) {
   return _mm512_fmadd_ps(a, b, c);
@@ -63,9 +80,6 @@ inline Floats min(Floats a, Floats b) {
 }
 inline Floats nearest(Floats x) {
   return _mm512_roundscale_ps(x, 0);
-}
-inline Floats to_floats(Ints x) {
-  return _mm512_cvtepi32_ps(x);
 }
 inline Floats gather(const float* p, Ints at) {
   return _mm512_i32gather_ps(at, p, 4);
@@ -114,20 +128,6 @@ struct Gradients {
 
 #else
 
-constexpr int kLanes = 8;
-constexpr int kTileRows = 4;
-using Floats = __m256;
-using Ints = __m256i;
-
-inline Floats splat(float x) {
-  return _mm256_set1_ps(x);
-}
-inline Floats load(const float* p) {
-  return _mm256_loadu_ps(p);
-}
-inline void store(float* p, Floats x) {
-  _mm256_storeu_ps(p, x);
-}
 inline Ints first(Index n) {
   return _mm256_cmpgt_epi32(_mm256_set1_epi32(static_cast<int>(n)),
                             _mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7));
@@ -141,12 +141,6 @@ inline void store_some(float* p, Floats x, Index n) {
   else if (n > 0)
     _mm256_maskstore_ps(p, first(n), x);
 }
-inline Ints load_words(const Word* p) {
-  return _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p));
-}
-inline Ints repeat(Word x) {
-  return _mm256_set1_epi32(x);
-}
 inline Floats fma(Floats a, Floats b, Floats c) {
   return _mm256_fmadd_ps(a, b, c);
 }
@@ -158,9 +152,6 @@ inline Floats min(Floats a, Floats b) {
 }
 inline Floats nearest(Floats x) {
   return _mm256_round_ps(x, _MM_FROUND_TO_NEAREST_INT | _MM_FROUND_NO_EXC);
-}
-inline Floats to_floats(Ints x) {
-  return _mm256_cvtepi32_ps(x);
 }
 inline Floats gather(const float* p, Ints at) {
   return _mm256_i32gather_ps(p, at, 4);
@@ -202,8 +193,6 @@ struct Gradients {
 };
 
 #endif
-
-using Bits = std::int32_t __attribute__((vector_size(4 * kLanes)));  // of floats
 
 inline float sum_of(Floats x) {
   float values[kLanes], sum = 0.0f;
