@@ -5,12 +5,19 @@
 #include <algorithm>
 #include <cstdio>
 
+#include "files.h"
+
 namespace se_tool {
 
 void print_line(std::string line) {
   const auto breaks_line = [](unsigned char c) { return c < ' ' || c == 0x7F; };
   std::replace_if(line.begin(), line.end(), breaks_line, '?');
   std::fputs(("speech-enhance: " + line + "\n").c_str(), stderr);
+}
+
+int print_text(const std::string& text) {
+  write_all(STDOUT_FILENO, text, "standard output");
+  return 0;
 }
 
 TerminalLine::TerminalLine(bool quiet) : shown_(!quiet && isatty(STDERR_FILENO) == 1) {}

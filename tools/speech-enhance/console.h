@@ -1,4 +1,4 @@
-// What the tool tells on standard error.
+// What the tool tells people.
 #pragma once
 
 #include <chrono>
@@ -6,8 +6,12 @@
 
 namespace se_tool {
 
-// One line behind the tool's name, whatever the names of files in it hold.
+// On standard error: one line behind the tool's name, whatever the names of files in it hold.
 void print_line(std::string line);
+
+// On standard output: a text that was asked for, as by --help. Returns the exit code 0, or throws
+// an Error (output).
+int print_text(const std::string& text);
 
 // A line that is redrawn in place where standard error is a terminal, and nothing elsewhere. Gone
 // with the object.

@@ -114,10 +114,7 @@ int report(const std::vector<Task>& tasks, const std::vector<Outcome>& outcomes,
 
 int run_enhance(int argc, const char* const* argv) {
   const Options options = parse_options(argc, argv);
-  if (!options.text_to_print.empty()) {
-    write_all(STDOUT_FILENO, options.text_to_print, "standard output");
-    return 0;
-  }
+  if (!options.text_to_print.empty()) return print_text(options.text_to_print);
   watch_signals();
   claim_standard_output();
   const std::vector<Task> tasks = plan_tasks(options);

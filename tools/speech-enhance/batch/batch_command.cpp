@@ -1,7 +1,5 @@
 #include "batch/batch_command.h"
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <nlohmann/json.hpp>
 
@@ -181,10 +179,7 @@ class BatchRun {
 
 int run_batch(int argc, const char* const* argv) {
   const BatchOptions options = parse_batch_options(argc, argv);
-  if (!options.text_to_print.empty()) {
-    write_all(STDOUT_FILENO, options.text_to_print, "standard output");
-    return 0;
-  }
+  if (!options.text_to_print.empty()) return print_text(options.text_to_print);
   watch_signals();
   claim_standard_output();
   if (!options.from_folder.empty()) {

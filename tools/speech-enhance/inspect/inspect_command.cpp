@@ -1,7 +1,6 @@
 #include "inspect/inspect_command.h"
 
-#include <unistd.h>
-
+#include "console.h"
 #include "files.h"
 #include "inspect/inspect.h"
 #include "options.h"
@@ -58,10 +57,7 @@ int run_inspect(int argc, const char* const* argv) {
   app.add_flag("-q,--quiet", quiet, "Show no progress; warnings and errors remain");
   add_setting_options(app, given);
   const std::string text = parse_command_line(app, argc, argv);
-  if (!text.empty()) {
-    write_all(STDOUT_FILENO, text, "standard output");
-    return 0;
-  }
+  if (!text.empty()) return print_text(text);
   task.mic = unify_stream_names(task.mic, Direction::kIn);
   task.ref = unify_stream_names(task.ref, Direction::kIn);
   task.delay_ms = parse_delay(delay);

@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "console.h"
 #include "errors.h"
-#include "files.h"
 #include "live/meter_line.h"
 #include "live/pcm_stream.h"
 #include "options.h"
@@ -191,10 +191,7 @@ class Enhancer {
 
 int run_live(int argc, const char* const* argv) {
   const LiveOptions options = parse_live_options(argc, argv);
-  if (!options.text_to_print.empty()) {
-    write_all(STDOUT_FILENO, options.text_to_print, "standard output");
-    return 0;
-  }
+  if (!options.text_to_print.empty()) return print_text(options.text_to_print);
   if (isatty(STDIN_FILENO) == 1 || isatty(STDOUT_FILENO) == 1) {
     usage_error("live works between pipes: arecord ... | speech-enhance live | aplay");
   }

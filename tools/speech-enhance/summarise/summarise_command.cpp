@@ -1,11 +1,10 @@
 #include "summarise/summarise_command.h"
 
-#include <unistd.h>
-
 #include <nlohmann/json.hpp>
 
 #include "batch/results.h"
 #include "command_line.h"
+#include "console.h"
 #include "errors.h"
 #include "files.h"
 #include "pending_file.h"
@@ -68,10 +67,7 @@ int run_summarise(int argc, const char* const* argv) {
       ->option_text("S")
       ->check(CLI::Range(1.0, 60.0));
   const std::string text = parse_command_line(app, argc, argv);
-  if (!text.empty()) {
-    write_all(STDOUT_FILENO, text, "standard output");
-    return 0;
-  }
+  if (!text.empty()) return print_text(text);
   if (inputs.empty()) usage_error("no results given (see --help)");
   watch_signals();
   claim_standard_output();
