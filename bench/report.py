@@ -376,8 +376,8 @@ def overheads(entry):
 def section_batch(r):
     sets, hour = r.overhead["sets"], r.overhead["hour"]
     lines = ["## Many recordings", "",
-             "`speech-enhance batch --jobs 1` over 16 kHz stereo WAV files, against a process that decodes, enhances and "
-             "encodes the same files and nothing else (`bench/files_alone`); both write the same samples. CPU time of "
+             "`speech-enhance batch --jobs 1 --preset plain` over 16 kHz stereo WAV files, against a process that "
+             "decodes, enhances and encodes the same files and nothing else (`bench/files_alone`); both write the same samples. CPU time of "
              f"pairs of runs, {len(next(iter(sets.values()))['rounds'])} of each, start of the processes included. Instructions "
              "outside the kernel: Callgrind, whose CPU lacks the instructions for checksums.", ""]
     rows = []

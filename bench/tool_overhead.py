@@ -3,9 +3,9 @@
 
     tool_overhead.py TOOL FILES_ALONE OUTPUT.json [--rounds N] [--instructions]
 
-Every round runs the tool with one worker and files_alone, which does nothing else with the same recordings, one
-after the other, over files of 1 s and over files of 10 min, and compares their CPU time, which other work on the
-machine touches less than the clock. Their outputs have to be equal. Instructions are those outside the kernel, of
+Every round runs the tool with one worker and the preset plain, and files_alone, which does nothing else with the same
+recordings, one after the other, over files of 1 s and over files of 10 min, and compares their CPU time, which other
+work on the machine touches less than the clock. Their outputs have to be equal. Instructions are those outside the kernel, of
 the parent and the worker, by Callgrind over files of 1 s. The memory is the biggest process of a batch of one
 recording of an hour.
 """
@@ -78,16 +78,17 @@ def write_set(folder, files, seconds):
 
 class Contenders:
     def __init__(self, tool, alone, folder, files):
-        self.tool, self.alone, self.folder, self.files, self.runs = tool, alone, folder, files, 0
+        self.tool, self.alone, self.folder, self.files = tool, alone, folder, files
         self.manifest = folder / "manifest.jsonl"
         self.manifest.write_text("".join(json.dumps({"path": str(p), "out": p.name}) + "\n" for p in files))
 
     def commands(self):
         """Into new folders: where many files were deleted lately, a file system takes longer to find room."""
-        self.runs += 1
-        tool_out, alone_out = (self.folder / f"{who}-{self.runs}" for who in ("tool", "alone"))
+        out = Path(tempfile.mkdtemp(dir=self.folder))
+        tool_out, alone_out = out / "tool", out / "alone"
         alone_out.mkdir()
-        return ([self.tool, "batch", self.manifest, "--out", tool_out, "--jobs", "1", "--quiet"],
+        return ([self.tool, "batch", self.manifest, "--out", tool_out, "--jobs", "1", "--quiet",
+                 "--preset", "plain"],
                 [self.alone, alone_out, "wav", *self.files], tool_out, alone_out)
 
 
@@ -131,7 +132,6 @@ def main():
                      "rounds": compare_times(Contenders(args.tool, args.alone, folder, paths), args.rounds)}
             if args.instructions and files >= COUNTED_FILES:
                 tool, alone, _, _ = Contenders(args.tool, args.alone, folder, paths[:COUNTED_FILES]).commands()
-                tool[4] = folder / "tool-counted"
                 entry["instructions"] = {"tool": count(tool, folder), "alone": count(alone, folder)}
             report["sets"][label] = entry
             shutil.rmtree(folder)
