@@ -22,11 +22,12 @@ int print_text(const std::string& text) {
 
 TerminalLine::TerminalLine(bool quiet) : shown_(!quiet && isatty(STDERR_FILENO) == 1) {}
 
+bool TerminalLine::is_due() const {
+  return shown_ && std::chrono::steady_clock::now() - last_ >= std::chrono::milliseconds(100);
+}
+
 void TerminalLine::draw(const std::string& text) {
-  constexpr auto kRedraw = std::chrono::milliseconds(100);
-  const auto now = std::chrono::steady_clock::now();
-  if (!shown_ || now - last_ < kRedraw) return;
-  last_ = now;
+  last_ = std::chrono::steady_clock::now();
   drawn_ = true;
   // Back to the start of the line, and clear what is longer from before.
   std::fprintf(stderr, "\r%s\033[K", text.c_str());

@@ -24,7 +24,8 @@ class TerminalLine {
 
   bool is_shown() const { return shown_; }
 
-  // Redraws a few times a second however often it is called.
+  // Whether it is time to draw it anew: a few times a second, where there is a terminal.
+  bool is_due() const;
   void draw(const std::string& text);
 
   // Makes room for a line of text.

@@ -26,6 +26,7 @@ std::string format_progress(const std::string& what, double fraction, double ela
 }
 
 void ProgressLine::update(double fraction) {
+  if (!line_.is_due()) return;
   const double elapsed_s = std::chrono::duration<double>(Clock::now() - start_).count();
   line_.draw(format_progress(what_, std::clamp(fraction, 0.0, 1.0), elapsed_s));
 }

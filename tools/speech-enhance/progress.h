@@ -13,7 +13,7 @@ class ProgressLine {
   // `what` is being done; quiet draws nothing.
   ProgressLine(std::string what, bool quiet) : what_(std::move(what)), line_(quiet) {}
 
-  // The part done, 0 to 1.
+  // The part done, 0 to 1. Call it as often as you like.
   void update(double fraction);
 
  private:

@@ -42,15 +42,15 @@ double BatchProgress::elapsed_s() const {
 }
 
 void BatchProgress::update(const BatchCounts& counts) {
-  const std::string text = format_batch_progress(counts, lines_, total_s_, elapsed_s());
-  line_.draw(text);
+  const auto text = [&] { return format_batch_progress(counts, lines_, total_s_, elapsed_s()); };
+  if (line_.is_due()) line_.draw(text());
   const Clock::time_point now = Clock::now();
   if (quiet_ || line_.is_shown() ||
       std::chrono::duration<double>(now - last_).count() < report_s_) {
     return;
   }
   last_ = now;
-  print_line(text);
+  print_line(text());
 }
 
 }  // namespace se_tool

@@ -31,6 +31,7 @@ std::string format_meters(const SEStreamStatus& status, bool has_reference) {
 }
 
 void MeterLine::update() {
+  if (!line_.is_due()) return;
   SEStreamStatus status;
   se_stream_get_status(stream_, &status);
   line_.draw(format_meters(status, has_reference_));

@@ -16,6 +16,7 @@ class MeterLine {
   MeterLine(const SEStream* stream, bool has_reference, bool quiet)
       : stream_(stream), has_reference_(has_reference), line_(quiet) {}
 
+  // Call it as often as you like.
   void update();
 
  private:
