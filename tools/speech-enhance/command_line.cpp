@@ -2,10 +2,12 @@
 
 #include <algorithm>
 #include <charconv>
+#include <cstdlib>
 #include <memory>
 #include <stdexcept>
 
 #include "errors.h"
+#include "speechenhance/stream.h"
 
 namespace se_tool {
 namespace {
@@ -69,6 +71,30 @@ std::string parse_command_line(CLI::App& app, int argc, const char* const* argv)
   }
   refuse_empty_texts(app);
   return "";
+}
+
+void add_jobs_option(CLI::App& app, std::size_t& jobs) {
+  app.add_option("-j,--jobs", jobs,
+                 "Recordings worked on at a time (default: as many\n"
+                 "as there are processors for this process)")
+      ->option_text("N")
+      ->check(CLI::Range(1, 1024));
+}
+
+void add_delay_option(CLI::App& app, std::string& delay) {
+  app.add_option("--delay", delay,
+                 "By how many ms the echo lags the reference (-500 to\n"
+                 "500; default auto: found in the sound, followed)")
+      ->option_text("MS");
+}
+
+std::optional<int> parse_delay(const std::string& delay) {
+  if (delay.empty() || delay == "auto") return std::nullopt;
+  const int ms = parse_whole_number(delay, "--delay");
+  if (std::abs(ms) > SE_STREAM_MAX_DELAY_MS) {
+    usage_error("--delay: " + delay + " ms is outside -500 to 500 ms");
+  }
+  return ms;
 }
 
 double parse_number(const std::string& text, const std::string& option) {

@@ -3,6 +3,7 @@
 
 #include <CLI/CLI.hpp>
 #include <cstdint>
+#include <optional>
 #include <string>
 
 namespace se_tool {
@@ -18,6 +19,14 @@ void prepare_command_line(CLI::App& app, const std::string& usage);
 // (usage) of one line, also for empty values: an empty text is a variable that was never set, and
 // taken as "not given" it would change the result without a word.
 std::string parse_command_line(CLI::App& app, int argc, const char* const* argv);
+
+// -j: recordings worked on at a time.
+void add_jobs_option(CLI::App& app, std::size_t& jobs);
+
+// --delay of the echo behind the reference, for parse_delay(): its value in ms; none for "auto" and
+// where it is not given. Throws an Error (usage).
+void add_delay_option(CLI::App& app, std::string& delay);
+std::optional<int> parse_delay(const std::string& delay);
 
 // Whole texts only; `option` names the text in the error.
 double parse_number(const std::string& text, const std::string& option);

@@ -7,9 +7,7 @@
 #include "commands.h"
 #include "files.h"
 #include "preset.h"
-#include "processes.h"
 #include "setting_options.h"
-#include "speechenhance/stream.h"
 
 namespace se_tool {
 namespace {
@@ -65,22 +63,12 @@ std::string list_presets() {
 
 }  // namespace
 
-std::optional<int> parse_delay(const std::string& text) {
-  if (text.empty() || text == "auto") return std::nullopt;
-  const int delay = parse_whole_number(text, "--delay");
-  if (std::abs(delay) > SE_STREAM_MAX_DELAY_MS) {
-    usage_error("--delay: " + text + " ms is outside -500 to 500 ms");
-  }
-  return delay;
-}
-
 Options parse_options(int argc, const char* const* argv) {
   Options options;
   SettingOptions given;
   std::string statistics;
   bool wants_list = false;
   bool wants_preset = false;
-  unsigned jobs = 0;
   std::string max_input;
   std::string delay;
 
@@ -95,10 +83,7 @@ Options parse_options(int argc, const char* const* argv) {
       ->option_text("OUT");
   app.add_option("-r,--ref", options.ref, "What the loudspeaker played, to cancel its echo")
       ->option_text("REF");
-  app.add_option("--delay", delay,
-                 "By how many ms the echo in MIC lags REF (-500 to\n"
-                 "500; default auto: found in the sound, followed)")
-      ->option_text("MS");
+  add_delay_option(app, delay);
   app.add_flag("--float", options.as_float,
                "Store 32-bit float samples, which do not clip,\n"
                "instead of 16-bit ones");
@@ -107,11 +92,7 @@ Options parse_options(int argc, const char* const* argv) {
                "recording), on standard error if OUT is -");
   app.add_option("--plot", options.plot, "Draw spectrograms and levels before and after")
       ->option_text("OUT.png");
-  app.add_option("-j,--jobs", jobs,
-                 "Recordings worked on at a time (default: as many\n"
-                 "as there are processors for this process)")
-      ->option_text("N")
-      ->check(CLI::Range(1, 1024));
+  add_jobs_option(app, options.jobs);
   app.add_option("--max-input", max_input,
                  "Read no more than this from standard input, a pipe\n"
                  "or a device (default 16G; K, M, G: powers of 1024)")
@@ -150,7 +131,6 @@ Options parse_options(int argc, const char* const* argv) {
   options.plot = unify_stream_names(options.plot, Direction::kOut);
   if (options.inputs.empty()) usage_error("no recording given (see --help)");
   if (options.output.empty()) usage_error("no output given: -o OUT (see --help)");
-  options.jobs = jobs != 0 ? jobs : usable_processors();
   return options;
 }
 

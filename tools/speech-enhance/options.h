@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "files.h"
+#include "processes.h"
 #include "settings.h"
 
 namespace se_tool {
@@ -22,16 +23,13 @@ struct Options {
   bool as_float = false;
   StatisticsFormat statistics = StatisticsFormat::kNone;
   std::uint64_t max_input = kMostInputBytes;  // of what is no regular file
-  std::size_t jobs = 1;
+  std::size_t jobs = usable_processors();
   bool quiet = false;
   Settings settings;
 
   // If not empty, all there is to do is to print this (help, lists).
   std::string text_to_print;
 };
-
-// The value of --delay in ms; none for "auto" and where it is not given. Throws an Error (usage).
-std::optional<int> parse_delay(const std::string& text);
 
 // Throws an Error (usage) of one line.
 Options parse_options(int argc, const char* const* argv);

@@ -4,7 +4,6 @@
 
 #include "command_line.h"
 #include "files.h"
-#include "processes.h"
 #include "setting_options.h"
 
 namespace se_tool {
@@ -75,7 +74,6 @@ BatchOptions parse_batch_options(int argc, const char* const* argv) {
   std::string format;
   std::string shard;
   bool as_float = false;
-  unsigned jobs = 0;
 
   CLI::App app(kDescription, "speech-enhance batch");
   prepare_command_line(app,
@@ -99,11 +97,7 @@ BatchOptions parse_batch_options(int argc, const char* const* argv) {
                "recordings that it found unusable");
   app.add_flag("--retry-failed", options.retry_failed, "The same, but try what failed again");
   app.add_flag("--overwrite", options.overwrite, "Begin anew where there are results already");
-  app.add_option("-j,--jobs", jobs,
-                 "Recordings worked on at a time (default: as many\n"
-                 "as there are processors for this process)")
-      ->option_text("N")
-      ->check(CLI::Range(1, 1024));
+  add_jobs_option(app, options.jobs);
   app.add_option("--report-every", options.report_s,
                  "Seconds between lines of progress (default 60);\n"
                  "a terminal shows it all the time")
@@ -130,7 +124,6 @@ BatchOptions parse_batch_options(int argc, const char* const* argv) {
   options.format = parse_format(format, as_float);
   options.shard = shard.empty() ? shard_from_environment() : parse_shard(shard);
   options.settings = resolve_settings(given);
-  options.jobs = jobs != 0 ? jobs : usable_processors();
   if (options.results.empty()) options.results = default_results(options);
   return options;
 }

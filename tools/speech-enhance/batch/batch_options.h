@@ -5,6 +5,7 @@
 
 #include "audio_output.h"
 #include "batch/shard.h"
+#include "processes.h"
 #include "settings.h"
 
 namespace se_tool {
@@ -19,7 +20,7 @@ struct BatchOptions {
   bool skip_existing = false;
   bool retry_failed = false;
   bool overwrite = false;
-  std::size_t jobs = 1;
+  std::size_t jobs = usable_processors();
   double report_s = 60;  // between lines of progress where there is no terminal
   bool quiet = false;
   Settings settings;

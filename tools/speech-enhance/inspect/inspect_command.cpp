@@ -1,9 +1,9 @@
 #include "inspect/inspect_command.h"
 
+#include "command_line.h"
 #include "console.h"
 #include "files.h"
 #include "inspect/inspect.h"
-#include "options.h"
 #include "progress.h"
 #include "setting_options.h"
 #include "signals.h"
@@ -47,10 +47,7 @@ int run_inspect(int argc, const char* const* argv) {
   app.footer(kFooter);
   app.add_option("MIC", task.mic, "The recording, or -")->option_text(" ")->required();
   app.add_option("-r,--ref", task.ref, "What the loudspeaker played")->option_text("REF");
-  app.add_option("--delay", delay,
-                 "By how many ms the echo in MIC lags REF (default\n"
-                 "auto: found in the sound, followed)")
-      ->option_text("MS");
+  add_delay_option(app, delay);
   app.add_option("-o,--output", task.output, "Where the files go; made if it is not there")
       ->option_text("FOLDER")
       ->required();

@@ -8,11 +8,11 @@
 #include <string>
 #include <vector>
 
+#include "command_line.h"
 #include "console.h"
 #include "errors.h"
 #include "live/meter_line.h"
 #include "live/pcm_stream.h"
-#include "options.h"
 #include "setting_options.h"
 #include "signals.h"
 #include "speechenhance/stream.h"
@@ -107,10 +107,7 @@ LiveOptions parse_live_options(int argc, const char* const* argv) {
                  "0 to 2 (default 0)")
       ->option_text("N")
       ->check(CLI::Range(0, kMostReferences));
-  app.add_option("--delay", delay,
-                 "By how many ms the echo lags the reference (-500 to\n"
-                 "500; default auto: found in the sound, followed)")
-      ->option_text("MS");
+  add_delay_option(app, delay);
   app.add_option("--amount", amount, "Share of the enhanced sound, 0 to 1 (default 1)")
       ->option_text("A")
       ->check(CLI::Range(0.0, 1.0));
