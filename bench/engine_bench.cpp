@@ -1,9 +1,11 @@
 // Times, on one core: the engine and its transform in every kernel variant, the peers on the same
-// sound, and the limit that streaming the weights sets. Google Benchmark runs the repetitions of
-// all of them in random order, so that a busy machine slows every contender alike; times are of
-// the thread's CPU. Every iteration hears the next frame of the scene.
+// sound, the limit that streaming the weights sets, and the denoiser's products alone. Google
+// Benchmark runs the repetitions of all of them in random order, so that a busy machine slows every
+// contender alike; times are of the thread's CPU. Every iteration hears the next frame of the
+// scene.
 #include <benchmark/benchmark.h>
 
+#include "bare_products.h"
 #include "contenders.h"
 #include "kernels/kernels.h"
 #include "nn/packed_model.h"
@@ -58,6 +60,33 @@ void add_streaming_limit(const StreamingPass& pass) {
   });
 }
 
+void add_bare_products(const BareProducts& products) {
+  const auto rounded = [](const ProductLayer& layer) {
+    return (layer.bytes + kProductStep - 1) / kProductStep * kProductStep;
+  };
+  const auto add_layers = [&](const char* kind, const std::vector<ProductLayer>& layers,
+                              auto* pass) {
+    const std::string name = std::string("products/") + kind + "_" + products.passes.variant;
+    benchmark::RegisterBenchmark(name.c_str(), [=](benchmark::State& state) {
+      struct alignas(64) Line {
+        std::int8_t weights[64];
+      };
+      std::int64_t bytes = 0;
+      for (const ProductLayer& layer : layers) bytes += rounded(layer);
+      const std::vector<Line> lines(static_cast<std::size_t>(bytes) / sizeof(Line), Line{{1, 2}});
+      for (auto _ : state) {
+        const std::int8_t* weights = lines.front().weights;
+        for (const ProductLayer& layer : layers) {
+          benchmark::DoNotOptimize(pass(weights, layer));
+          weights += rounded(layer);
+        }
+      }
+    });
+  };
+  add_layers("dense", products.dense, products.passes.dense);
+  add_layers("convolutions", products.convolutions, products.passes.convolution);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -66,6 +95,7 @@ int main(int argc, char** argv) {
   }
   for (const ContenderKind& kind : kPeers) add(kind, "debian");
   for (const StreamingPass& pass : streaming_passes()) add_streaming_limit(pass);
+  for (const BareProducts& products : bare_products()) add_bare_products(products);
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 2;
   benchmark::RunSpecifiedBenchmarks();

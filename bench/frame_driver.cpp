@@ -1,6 +1,7 @@
-// Runs one contender over the scene, for tools that count instructions.
+// Runs one contender over the scene, or several of a kind in turns, for tools that count
+// instructions or simulate caches.
 //
-//   frame_driver FRAMES CONTENDER
+//   frame_driver FRAMES CONTENDER [HOW_MANY]
 //   frame_driver variants            prints the names of the kernel variants that run here
 //
 // Everything but the frames costs the same whatever FRAMES is, so that two runs differ by the
@@ -44,7 +45,7 @@ int main(int argc, char** argv) {
   std::vector<char> output(CountedRun::kMostFrames * bytes);  // the same for any FRAMES
   for (int i = 0; i < run.frames(); ++i) {
     std::memcpy(output.data() + static_cast<std::size_t>(i) * bytes,
-                counted_frame(run.contender(), run.frame(i)), bytes);
+                counted_frame(run.contender(i), run.frame(i)), bytes);
   }
   std::printf("%s %016" PRIx64 "\n", se::kernels().name, hash(output));
   return 0;

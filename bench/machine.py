@@ -30,12 +30,14 @@ def main():
     collect(cpu)
     compiler = re.search(r"^CMAKE_CXX_COMPILER:\w+=(.*)$", Path(build, "CMakeCache.txt").read_text(), re.MULTILINE)[1]
     os_name = re.search(r'^PRETTY_NAME="(.*)"$', Path("/etc/os-release").read_text(), re.MULTILINE)[1]
-    caches = json.loads(output_of("lscpu", "--json", "--caches=NAME,ONE-SIZE"))["caches"]
+    caches = json.loads(output_of("lscpu", "--json", "--bytes", "--caches=NAME,ONE-SIZE"))["caches"]
+    caches = {cache["name"]: int(cache["one-size"]) for cache in caches}
     Path(output).write_text(json.dumps({
         "cpu": f"{fields['Model name']} (family {fields['CPU family']}, model {fields['Model']})",
         "kind": f"{fields['Vendor ID']} family {fields['CPU family']} model {fields['Model']}",
         "cores": fields["CPU(s)"],
-        "l2": next((c["one-size"] for c in caches if c["name"] == "L2"), "unknown"),
+        "l2": f"{caches['L2'] / 2**20:.3g} MiB" if "L2" in caches else "unknown",
+        "caches": caches,
         "os": os_name,
         "compiler": output_of(compiler, "--version").splitlines()[0],
         "options": options,

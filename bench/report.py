@@ -28,6 +28,8 @@ DENSE_PRODUCTS = 2 * 600 * (128 + 200) + 2 * 600 * (200 + 200) + 400 * 128
 # Instructions for 16 weights by 16-bit values: loads, widening, multiply-adds, sums. A widened weight of a
 # convolution is used again; AVX2 multiplies two parts of GRU activations as bytes.
 LEAST = {"avx2": (2.5, 2), "neon": (6.5, 4.5)}
+# Frame over streaming the weights, at most, by kind of multiply-add.
+STREAMING_TARGETS = (("int16", 1.8), ("bytes", 4.0))
 
 
 def real_transform_flops(n):
@@ -69,7 +71,10 @@ class Results:
                 name = line[: line.index(times[0][0] + " ")].strip()
                 self.kernels[name] = {variant: float(time) for variant, time in times}
         self.counts = load("counts.json")
-        self.scale = load("scale.json")
+        scale = load("scale.json")
+        self.scale = [entry for entry in scale if entry["frames_per_turn"] == 1]
+        self.turns = [entry for entry in scale if entry["threads"] == 1 and
+                      entry["engines"] == max(other["engines"] for other in scale)]
         self.jobs = load("jobs.json")
         self.overhead = load("overhead.json")
         self.sizes = load("sizes.json")
@@ -84,6 +89,11 @@ class Results:
 
     def instructions(self, architecture, variant, contender):
         return self.counts.get(architecture, {}).get(variant, {}).get("instructions", {}).get(contender)
+
+    def bare(self, variant):
+        """Products of the GRU layers and the head, and of the convolutions; None where they were not measured."""
+        names = [f"products/{kind}_{variant}" for kind in ("dense", "convolutions")]
+        return [self.times[name].median for name in names] if names[0] in self.times else None
 
     def ratio(self, a, b):
         return self.times[a].median / self.times[b].median
@@ -116,7 +126,7 @@ def targets(r):
             ratio = r.ratio(f"full/{variant}", f"{peer}/debian") if f"full/{variant}" in r.times else None
             rows.append((f"time ({variant}) over {LABELS[peer]}", f"≤ {limit:.2f}", f"{ratio:.2f}" if ratio else "–",
                          ratio and ratio <= limit))
-    for kind, most in (("int16", 1.8), ("bytes", 4.0)):
+    for kind, most in STREAMING_TARGETS:
         ratio = r.ratio(f"full/{best}", r.limits[kind])
         rows.append((f"time ({best}) over streaming the weights, {kind}", f"≤ {most}", f"{ratio:.2f}", ratio <= most))
     for architecture, variant, most in (("x86-64", "avx2", 370_000), ("armv7", "neon", 800_000),
@@ -264,7 +274,7 @@ def section_limit(r):
             ratios = [f"{r.times[f'full/{v}'].median / time.median:.2f}" for v in r.variants]
             rows.append((name.split("/")[1], time.text(2), f"{r.stream_bytes / time.median / 1000:.0f}", *ratios))
     lines += table(("multiply-add", "µs", "GB/s", *(f"{v} frame / limit" for v in r.variants)), rows)
-    rows = []
+    rows, product_kernels = [], {}
     for variant in r.variants:
         def time(kernel):
             return r.kernels[kernel][variant] / 1000
@@ -273,6 +283,7 @@ def section_limit(r):
                  8 * time("sigmoid 200") + 4 * time("tanh 200"),
                  2 * r.times[f"rfft512/{variant}"].median,
                  2 * sum(time(f"subtract_{band}") for band in ("8, 29 bins", "4, 96 bins", "2, 129 bins"))]
+        product_kernels[variant] = parts[0] + parts[1]
         frame = r.times[f"full/{variant}"].median
         rows.append((variant, *(f"{part:.1f}" for part in (*parts, frame - sum(parts), frame))))
     lines += ["", "What a frame takes, by the times of the kernels alone, in µs:", ""]
@@ -281,11 +292,42 @@ def section_limit(r):
     products = CONV_PRODUCTS + DENSE_PRODUCTS
     alone = products / r.stream_bytes * r.times[r.limits["int16"]].median
     per_weight = products / r.stream_bytes
-    return lines + ["", "`bytes` multiplies the weights as they lie, by 8-bit values: the plain limit. `int16` widens "
+    lines += ["", "`bytes` multiplies the weights as they lie, by 8-bit values: the plain limit. `int16` widens "
                     "them to 16 bits first. An exact product of an 8-bit weight and a 16-bit activation costs two "
                     "multiply-adds of bytes, or one of 16 bits at half the width. The convolutions use their weights at "
                     f"many positions, so that a frame takes {per_weight:.2f} products per weight: at the rate of `int16` "
                     f"{alone:.1f} µs for the products alone."]
+    return lines + bare_products(r, product_kernels)
+
+
+def bare_products(r, product_kernels):
+    """The denoiser's products alone, what they leave of a frame, and what the targets would leave."""
+    bare = {v: r.bare(v) for v in r.variants if r.bare(v)}
+    rows = []
+    for variant, parts in bare.items():
+        frame, least = r.times[f"full/{variant}"].median, sum(parts)
+        rows.append((variant, *(f"{part:.1f}" for part in (*parts, least, product_kernels[variant], frame - least)),
+                     f"{frame / least:.2f}"))
+    if not rows:
+        return []
+    lines = ["", "The least for these products: as many exact multiply-adds as the variant does, over as many bytes of "
+             "packed weights, with activations that stay in a register (`bench/bare_products*.cpp`), beside the times "
+             "of the kernels, which also split and load activations, add up, scale and store. In µs:", ""]
+    lines += table(("", "GRU and head, bare", "convolutions, bare", "together", "their kernels", "rest of the frame",
+                    "frame / bare"), rows)
+    best = r.variants[0]
+    if best not in bare:
+        return lines
+    frame, least = r.times[f"full/{best}"].median, sum(bare[best])
+    rows = []
+    for kind, most in STREAMING_TARGETS:
+        allowed = most * r.times[r.limits[kind]].median
+        rows.append((f"{most} × {kind}", f"{allowed:.1f}", f"{least:.1f}", f"{allowed - least:.1f}",
+                     f"{frame - least:.1f}", f"{least / r.times[r.limits[kind]].median:.2f}"))
+    return lines + ["", f"What the targets leave {best} for all that is not a product, in µs, and the ratio of a frame "
+                    "that were nothing but products:", "",
+                    *table(("target", "frame at most", "bare products", "left for the rest", "rest of the frame today",
+                            "products alone / streaming"), rows)]
 
 
 def streams_at_most(r):
@@ -316,19 +358,44 @@ def section_machines(r):
         **{f"avx2_{peer}": round(r.ratio("full/avx2", f"{peer}/debian"), 2) if has_avx2 else None
            for peer in ("speexdsp", "webrtc")},
         **{kind: round(r.ratio(f"full/{best}", name), 2) for kind, name in r.limits.items()},
+        "bare": round(r.times[f"full/{best}"].median / sum(r.bare(best)), 2) if r.bare(best) else None,
         "streams_per_core": streams_at_most(r)[0],
         "growth": round(growth({e["threads"]: e for e in r.scale if e["engines"] == most}), 2),
     }
     path.write_text(json.dumps(machines, indent=1) + "\n")
     rows = [(m["cpu"] + (f" ({m['note']})" if m["note"] else ""), m["best"], m["frame_us"],
              f"{m['speexdsp']} / {m['webrtc']}", f"{m['avx2_speexdsp']} / {m['avx2_webrtc']}",
-             f"{m['int16']} / {m['bytes']}", m["streams_per_core"], m["growth"]) for m in machines.values()]
+             f"{m['int16']} / {m['bytes']}", m.get("bare") or "–", m["streams_per_core"], m["growth"]) for m in machines.values()]
     return ["## Kinds of machine", "",
             "The last figures of every kind on which this ran: time of a frame with everything on, by the best variant "
-            "and by AVX2, over SpeexDSP and WebRTC; over streaming the weights as 16-bit values and as bytes; streams "
+            "and by AVX2, over SpeexDSP and WebRTC; over streaming the weights as 16-bit values and as bytes; over the "
+            "denoiser's products alone; streams "
             f"that one core holds with {most} engines in the process, and how many times as many all cores held.", "",
-            *table(("", "variant", "µs", "over peers", "AVX2 over peers", "over streaming", "streams per core", "growth"),
+            *table(("", "variant", "µs", "over peers", "AVX2 over peers", "over streaming", "over bare products",
+                    "streams per core", "growth"),
                    rows)]
+
+
+def cache_limit(r):
+    """Why many engines take longer: what a frame touches against the caches, and what fetching it costs."""
+    own = r.counts["bytes_of_an_engine"]
+    beside = [f"{int(max(0, size - r.stream_bytes) / own):,} beside the weights in {name} ({size / 2**20:.3g} MiB)"
+              for name, size in r.machine["caches"].items() if name in ("L2", "L3")]
+    quickest = min((e for e in r.scale if e["threads"] == 1), key=lambda e: e["cpu_us"]["median"])
+    most = r.turns[0]
+    slower = most["cpu_us"]["median"] - quickest["cpu_us"]["median"]
+    lines = ["", f"All engines read one copy of the weights, {r.stream_bytes:,} bytes a frame. Of its engine's own memory "
+             f"a frame touches {own:,.0f} bytes, in whole lines of 64 (counted with a simulated cache that keeps the "
+             f"weights and not the engines). Engines that fit: {', '.join(beside) or 'unknown'}."]
+    if slower > 0:
+        lines[-1] += (f" A frame takes {slower:.1f} µs longer with {most['engines']} engines than with "
+                      f"{quickest['engines']}: {own / slower / 1000:.1f} GB/s for what has to be fetched anew.")
+    lines += ["", f"Handed several frames at a turn, an engine is fetched once for all of them. {most['engines']} engines, "
+              "one thread, µs per frame:", ""]
+    rows = [(entry["frames_per_turn"], 10 * entry["frames_per_turn"], f"{entry['cpu_us']['median']:.1f} "
+             f"({entry['cpu_us']['q1']:.1f} – {entry['cpu_us']['q3']:.1f})", f"{FRAME_US / entry['cpu_us']['median']:,.0f}")
+            for entry in r.turns]
+    return lines + table(("frames at a turn", "ms of sound", "CPU", "streams per core"), rows)
 
 
 def section_scale(r, folder):
@@ -351,13 +418,15 @@ def section_scale(r, folder):
         cpu = [f"{e['cpu_us']['median']:.1f} ({e['cpu_us']['q1']:.1f} – {e['cpu_us']['q3']:.1f})"
                for e in (entries[1], entries[cores])]
         walls = [e["fastest_wall_us"] for e in (entries[1], entries[cores])]
+        touched = r.stream_bytes + engines * r.counts["bytes_of_an_engine"]
         rows.append((engines, *cpu, *(f"{wall:.1f}" for wall in walls), f"{growth(entries):.2f}",
-                     number(entries[1]["bytes_per_engine"])))
+                     number(entries[1]["bytes_per_engine"]), f"{touched / 2**20:.1f}"))
     lines += table(("engines", "CPU, one thread", "CPU, all cores", "wall, one thread", "wall, all cores", "growth",
-                    "bytes per engine"), rows)
+                    "bytes per engine", "MiB a round touches"), rows)
     one, everyone = streams_at_most(r)
     lines += ["", f"At the CPU time of {max(by_engines)} engines, one core that does nothing else holds {one:,} "
               f"streams in real time and all {cores} hold {everyone:,}."]
+    lines += cache_limit(r)
     audio = r.jobs["audio_s"]
     lines += ["", f"The tool over a folder of {r.jobs['files']} recordings, {audio:,} s in all, fastest of "
               f"{len(r.jobs['runs']['1'])} runs. The files are independent processes; where `--jobs 2` gains little, "

@@ -1,6 +1,6 @@
 // Many engines in one process, served round-robin one frame each, by one thread and by one for
 // every core: time of the CPU and of the wall clock per frame and bytes per engine, as their number
-// grows beyond the caches.
+// grows beyond the caches. The most engines are also served several frames at a turn.
 //
 //   scale ROUNDS OUTPUT.json
 #include <malloc.h>
@@ -23,6 +23,7 @@ using Clock = std::chrono::steady_clock;
 
 constexpr int kSceneFrames = 1500;
 constexpr int kMostEngines = 512;
+constexpr int kMostPerTurn = 8;
 constexpr int kMostFrames = 16384;  // per measurement, so that many engines do not take for ever
 
 std::size_t allocated_bytes() {
@@ -35,12 +36,14 @@ double quantile(std::vector<double> values, double q) {
   return values[static_cast<std::size_t>(q * static_cast<double>(values.size() - 1) + 0.5)];
 }
 
-// One round: every engine of the thread's share processes its next frame. Engines hear different
+// One round: every engine of the thread's share processes its next frames. Engines hear different
 // parts of the scene.
 void round_of(const std::vector<std::unique_ptr<Contender>>& engines, std::size_t first,
-              std::size_t step, std::size_t frame, const Scene& scene) {
+              std::size_t step, std::size_t frame, std::size_t per_turn, const Scene& scene) {
   for (std::size_t i = first; i < engines.size(); i += step) {
-    engines[i]->process(scene.frame(frame + 37 * i));
+    for (std::size_t f = 0; f < per_turn; ++f) {
+      engines[i]->process(scene.frame(frame * per_turn + f + 37 * i));
+    }
   }
 }
 
@@ -57,7 +60,7 @@ struct Timing {
 
 // Serves all engines `rounds` times on `threads` threads that start each round together.
 Timing time_rounds(const std::vector<std::unique_ptr<Contender>>& engines, std::size_t threads,
-                   int rounds, const Scene& scene) {
+                   std::size_t per_turn, int rounds, const Scene& scene) {
   std::mutex mutex;
   std::condition_variable changed;
   std::size_t running = 0;
@@ -70,7 +73,7 @@ Timing time_rounds(const std::vector<std::unique_ptr<Contender>>& engines, std::
         changed.wait(lock, [&] { return started >= round; });
       }
       const double before = thread_cpu_seconds();
-      round_of(engines, first, threads, static_cast<std::size_t>(round), scene);
+      round_of(engines, first, threads, static_cast<std::size_t>(round), per_turn, scene);
       const double used = thread_cpu_seconds() - before;
       const std::lock_guard<std::mutex> lock(mutex);
       cpu += used;
@@ -80,7 +83,7 @@ Timing time_rounds(const std::vector<std::unique_ptr<Contender>>& engines, std::
   std::vector<std::thread> pool;
   for (std::size_t t = 0; t < threads; ++t) pool.emplace_back(worker, t);
   Timing timing;
-  const double per_frame = 1e6 / static_cast<double>(engines.size());
+  const double per_frame = 1e6 / static_cast<double>(engines.size() * per_turn);
   for (int round = 1; round <= rounds; ++round) {
     std::unique_lock<std::mutex> lock(mutex);
     const auto start = Clock::now();
@@ -115,18 +118,23 @@ int main(int argc, char** argv) {
   for (int count = 1; count <= kMostEngines; count *= 2) {
     while (engines.size() < static_cast<std::size_t>(count)) engines.push_back(kind->make());
     const std::size_t bytes = (allocated_bytes() - bytes_before) / engines.size();
-    for (std::size_t f = 0; f < 8; ++f) round_of(engines, 0, 1, f, scene);
-    const int rounds = std::max(5, std::min(most_rounds, kMostFrames / count));
-    for (const std::size_t threads : {std::size_t{1}, cores}) {
-      const Timing timing = time_rounds(engines, threads, rounds, scene);
+    for (std::size_t f = 0; f < 8; ++f) round_of(engines, 0, 1, f, 1, scene);
+    const auto measure = [&](std::size_t threads, int per_turn) {
+      const int rounds = std::max(5, std::min(most_rounds, kMostFrames / (count * per_turn)));
+      const Timing timing =
+          time_rounds(engines, threads, static_cast<std::size_t>(per_turn), rounds, scene);
       std::fprintf(
           output,
-          "%s{\"engines\": %d, \"threads\": %zu, \"rounds\": %d, \"bytes_per_engine\": %zu, "
+          "%s{\"engines\": %d, \"threads\": %zu, \"frames_per_turn\": %d, \"rounds\": %d, "
+          "\"bytes_per_engine\": %zu, "
           "\"cpu_us\": {\"q1\": %.3f, \"median\": %.3f, \"q3\": %.3f}, \"fastest_wall_us\": %.3f}",
-          separator, count, threads, rounds, bytes, quantile(timing.cpu, 0.25),
+          separator, count, threads, per_turn, rounds, bytes, quantile(timing.cpu, 0.25),
           quantile(timing.cpu, 0.5), quantile(timing.cpu, 0.75), quantile(timing.wall, 0.0));
       separator = ",\n";
-    }
+    };
+    for (const std::size_t threads : {std::size_t{1}, cores}) measure(threads, 1);
+    if (count < kMostEngines) continue;
+    for (int per_turn = 2; per_turn <= kMostPerTurn; per_turn *= 2) measure(1, per_turn);
   }
   std::fprintf(output, "\n]\n");
   return std::fclose(output) == 0 ? 0 : 1;
