@@ -63,10 +63,12 @@ struct Data {
 
   // The matrix in an order, packed once.
   const se::PackedMatrix& packed(const se::Matrix& matrix, const se::PackShape& shape,
-                                 const se::PackOrder& order) {
+                                 const se::PackOrder& order,
+                                 const se::ShortSums& short_sums = {0, 0}) {
     struct Packed {
       std::vector<std::int8_t> weights;
       std::vector<std::int32_t> row_sums;
+      std::vector<std::uint32_t> fits;
       se::PackedMatrix matrix;
     };
     static std::map<std::tuple<const void*, int, int, int>, Packed> all;
@@ -74,13 +76,26 @@ struct Data {
     if (p.weights.empty()) {
       p.weights.resize(shape.bytes(order) + 63);
       p.row_sums.resize(static_cast<std::size_t>(shape.packed_rows(order)));
+      p.fits.resize(static_cast<std::size_t>(shape.panels(order)));
       void* start = p.weights.data();
       std::size_t space = p.weights.size();
       std::align(64, shape.bytes(order), start, space);
-      p.matrix =
-          se::pack(matrix, shape, order, static_cast<std::int8_t*>(start), p.row_sums.data());
+      p.matrix = se::pack(matrix, shape, order, short_sums,
+                          {static_cast<std::int8_t*>(start), p.row_sums.data(),
+                           short_sums.columns > 0 ? p.fits.data() : nullptr});
     }
     return p.matrix;
+  }
+
+  // The weights for pairs of positions, packed once.
+  const std::int16_t* pairs(const se::Matrix& matrix, int channels) {
+    static std::map<std::pair<int, int>, std::vector<std::int16_t>> all;
+    std::vector<std::int16_t>& packed = all[{matrix.rows, channels}];
+    if (packed.empty()) {
+      packed.resize(static_cast<std::size_t>(se::pair_weights(matrix.rows, 3, channels)));
+      se::pack_pairs(matrix, 3, channels, packed.data());
+    }
+    return packed.data();
   }
 };
 
@@ -104,6 +119,9 @@ std::vector<std::pair<std::string, Call>> calls() {
       const se::OutputScale out = {m.a.data(), 1.0f / 1024, m.b.data()};
       const se::PackOrder& order = k.nn->convolve_order;
       if (order.panel == 0) return k.nn->convolve(weights, in, out, m.c.data());
+      if (k.nn->paired_convolve && window == 3 * step) {
+        return k.nn->paired_convolve(m.pairs(weights, step), weights, in, out, m.c.data());
+      }
       const se::PackedMatrix& packed = m.packed(weights, {rows, 3, window}, order);
       k.nn->packed_convolve(packed, weights, in, out, m.c.data());
     };
@@ -116,7 +134,8 @@ std::vector<std::pair<std::string, Call>> calls() {
       const se::Matrix weights = {m.w.data() + layer * 600 * 400, rows, cols};
       const se::PackOrder& order = k.nn->product_order;
       if (order.panel == 0) return k.nn->product(weights, q, m.sums.data());
-      k.nn->packed_product(m.packed(weights, {rows, 1, cols}, order), weights, q, m.sums.data());
+      k.nn->packed_product(m.packed(weights, {rows, 1, cols}, order, k.nn->short_sums), weights, q,
+                           m.sums.data());
     };
   };
   const se::GruGate gate = {m.sums.data(), m.sums.data() + 200, m.a.data(), m.b.data()};

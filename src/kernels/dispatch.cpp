@@ -2,6 +2,7 @@
 // is set, where the library does that, the tables of the variants are filled and one is chosen.
 #include <cstdlib>
 #include <cstring>
+#include <type_traits>
 
 #include "common/float_mode.h"
 #include "kernels/kernels.h"
@@ -26,6 +27,10 @@ struct Rooms {
   NoiseKernels noise;
   SampleKernels sample;
 };
+
+// The tables are filled when the library is loaded; an initialisation of their own could come
+// later.
+static_assert(std::is_trivially_default_constructible_v<Rooms>);
 
 struct Variant {
   const char* name;

@@ -254,9 +254,11 @@ void sigmoid(float* x, int n) {
 void use_avx512(NnKernels& k) {
   g_base = k;
   k.product_order = kProductOrder;
+  k.short_sums = {};
   k.packed_product = packed_product;
   k.convolve_order = kConvolveOrder;
   k.packed_convolve = packed_convolve;
+  k.paired_convolve = nullptr;
   k.tanh = tanh;
   k.sigmoid = sigmoid;
 }

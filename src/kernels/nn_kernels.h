@@ -39,10 +39,19 @@ struct PackOrder {
   int panel, lanes, group;
 };
 
-// A matrix in that order, on a boundary of 64 bytes, and the sums of its rows, as many as lanes.
+// Sums that a variant would like to form in 16 bits: of the products of every other pair of weights
+// in `columns` columns with parts of activations from 0 to `largest`. 0 columns: it forms none.
+struct ShortSums {
+  int columns, largest;
+};
+
+// A matrix in that order, on a boundary of 64 bytes; the sums of its rows, as many as lanes; and
+// for every panel of a variant with short sums a set of bits: bit c tells that those over columns
+// c * columns to (c + 1) * columns - 1 fit 16 bits in all rows, on the way and at the end.
 struct PackedMatrix {
   const std::int8_t* weights;
   const std::int32_t* row_sums;
+  const std::uint32_t* fits;
   int rows;
   int cols;
 };
@@ -100,6 +109,7 @@ struct NnKernels {
   // The same with the matrix packed, of at most kMostPackedCols columns. Writes up to kSpareSums
   // more. A variant may take the plain matrix where that is better; the same goes for convolutions.
   PackOrder product_order;
+  ShortSums short_sums;
   void (*packed_product)(const PackedMatrix& packed, const Matrix& m, const std::int16_t* q,
                          std::int32_t* sums);
 
@@ -114,6 +124,11 @@ struct NnKernels {
   // The same with packed weights, every frame's part of a row filled up to whole groups by itself.
   PackOrder convolve_order;
   void (*packed_convolve)(const PackedMatrix& packed, const Matrix& m, const ConvInput& in,
+                          const OutputScale& out, float* y);
+
+  // The same for windows of three steps, two positions at a time, with the weights as pack_pairs()
+  // (kernels/packing.h) leaves them. Null: the variant has no such way.
+  void (*paired_convolve)(const std::int16_t* pairs, const Matrix& m, const ConvInput& in,
                           const OutputScale& out, float* y);
 
   // y[i] = fused(x[i] * mul[i] + add[i]) clamped to 0..6; NaN gives 0.

@@ -2,11 +2,13 @@
 // to add across lanes.
 //
 // The activations of a GRU's state and of what follows it lie within +-1, -2048 to 2048 in their
-// fixed point. Such values split into six low bits and a high part from 0 to 64 (32 stands for 0):
-// the byte product of both with weights, four of them added up, fits 16 bits, so that vpmaddubsw
-// cannot saturate. A step takes eight columns of eight rows with four byte products. For any other
-// activations the weights widen, as in the products of plain rows.
+// fixed point. Such values split into six low bits and a high part from 0 to 64 (32 stands for 0).
+// The byte product of a part with two weights fits 16 bits, so that vpmaddubsw cannot saturate, and
+// so does the sum over twenty columns nearly everywhere; packing finds out where. A step takes
+// twenty columns of eight rows with ten byte products; where the sums might not fit, eight columns
+// with four. For any other activations the weights widen, as in the products of plain rows.
 #include <cstring>
+#include <type_traits>
 
 #include "kernels/avx2.h"
 #include "kernels/packing.h"
@@ -50,19 +52,44 @@ __m256i broadcast64(const std::int16_t* from) {
 // The sum stays in its register: the compiler would rather add up all products of a step first, for
 // which there are not enough.
 void add(Sums& sum, __m256i products) {
-  sum += reinterpret_cast<Sums>(products);
-  __asm__("" : "+x"(sum));
+  __asm__("vpaddd %1, %0, %0" : "+x"(sum) : "x"(products));
+}
+
+// Adds the products of bytes to 16-bit sums, likewise.
+void add_bytes(__m256i& sums, __m256i x, const __m256i& weights) {
+  const __m256i products = _mm256_maddubs_epi16(x, weights);
+  __asm__("vpaddw %1, %0, %0" : "+x"(sums) : "x"(products));
+}
+
+// The same number in all lanes.
+struct alignas(32) Unit {
+  std::int16_t lanes[16];
+};
+
+constexpr Unit unit(int value) {
+  Unit u = {};
+  for (std::int16_t& lane : u.lanes) lane = static_cast<std::int16_t>(value);
+  return u;
+}
+
+// Adds up pairs of 16-bit sums times `unit`, which is taken from memory: registers are short.
+__m256i widened(__m256i sums, const Unit& unit) {
+  __asm__("vpmaddwd %1, %0, %0" : "+x"(sums) : "m"(unit));
+  return sums;
 }
 
 // ---- Matrix products ----------------------------------------------------------------------------
 
-constexpr int kGroup = 4;
-constexpr PackOrder kProductOrder = {8 * kLanes, kLanes, kGroup};
-constexpr int kPanelBlocks = kProductOrder.panel / kLanes;
-constexpr int kBlockBytes = kLanes * kGroup;  // of a group's columns of eight rows
 constexpr int kLowBits = 6;
 constexpr int kSmallest = -2048;   // that splits
 constexpr int kSplitRange = 4160;  // as many values do
+constexpr int kGroup = 4;
+constexpr int kChunkGroups = 5;  // whose products are added up in 16 bits
+constexpr int kChunk = kChunkGroups * kGroup;
+constexpr PackOrder kProductOrder = {8 * kLanes, kLanes, kGroup};
+constexpr ShortSums kShortSums = {kChunk, (kSplitRange - 1) >> kLowBits};
+constexpr int kPanelBlocks = kProductOrder.panel / kLanes;
+constexpr int kBlockBytes = kLanes * kGroup;  // of a group's columns of eight rows
 
 // Activations in two parts of bytes, zeros behind them.
 struct SplitVector {
@@ -94,36 +121,53 @@ struct SplitVector {
   }
 };
 
-// Adds to kBlocks sums of eight rows the products of one part of eight columns, times `unit`.
-template <int kBlocks>
+// Adds to kBlocks sums of eight rows the products of one part of kGroups groups of columns, times
+// `unit`. The 16-bit sums over the groups have to fit.
+template <int kGroups, int kBlocks>
 __attribute__((always_inline)) inline void add_part(const std::uint8_t* part, const std::int8_t* w,
-                                                    __m256i unit, Sums (&sum)[kBlocks]) {
-  const __m256i first = broadcast32(part), second = broadcast32(part + kGroup);
+                                                    const Unit& unit, Sums (&sum)[kBlocks]) {
+  __m256i x[kGroups];
+  unrolled<kGroups>([&](int g) SE_INLINE { x[g] = broadcast32(part + g * kGroup); });
   unrolled<kBlocks>([&](int b) SE_INLINE {
     const auto* const block = reinterpret_cast<const __m256i*>(w + b * kBlockBytes);
-    const __m256i fours = _mm256_add_epi16(_mm256_maddubs_epi16(first, block[0]),
-                                           _mm256_maddubs_epi16(second, block[kBlocks]));
-    add(sum[b], _mm256_madd_epi16(fours, unit));
+    __m256i added = _mm256_maddubs_epi16(x[0], block[0]);
+    unrolled<kGroups - 1>([&](int g)
+                              SE_INLINE { add_bytes(added, x[g + 1], block[(g + 1) * kBlocks]); });
+    add(sum[b], widened(added, unit));
   });
   // The weights of the other part come from memory again, as operands, not from registers that are
   // loaded first.
   __asm__ volatile("" ::: "memory");
 }
 
-// The sums of kBlocks * 8 rows. `cols` is a multiple of eight.
+// The sums of kBlocks * 8 rows. `cols` is a multiple of four. `fits`: see PackedMatrix.
 template <int kBlocks>
 __attribute__((noinline)) void split_panel(const std::int8_t* w, const std::int32_t* row_sums,
-                                           const SplitVector& q, int cols, std::int32_t* sums) {
-  const __m256i one = _mm256_set1_epi16(1), high_unit = _mm256_set1_epi16(1 << kLowBits);
+                                           std::uint32_t fits, const SplitVector& q,
+                                           std::ptrdiff_t cols, std::int32_t* sums) {
+  static constexpr Unit kLowUnit = unit(1), kHighUnit = unit(1 << kLowBits);
   Sums sum[kBlocks];
   unrolled<kBlocks>([&](int b) SE_INLINE {
     const __m256i row_sum =
         _mm256_loadu_si256(reinterpret_cast<const __m256i*>(row_sums + b * kLanes));
     sum[b] = reinterpret_cast<Sums>(row_sum) * static_cast<unsigned>(kSmallest);
   });
-  for (int i = 0; i < cols; i += 2 * kGroup, w += 2 * kBlocks * kBlockBytes) {
-    add_part(q.low + i, w, one, sum);
-    add_part(q.high + i, w, high_unit, sum);
+  constexpr int kGroupBytes = kBlocks * kBlockBytes;
+  std::ptrdiff_t i = 0;
+  const auto add_groups = [&](auto groups) SE_INLINE {
+    add_part<groups.value>(q.low + i, w, kLowUnit, sum);
+    add_part<groups.value>(q.high + i, w, kHighUnit, sum);
+    i += groups.value * kGroup;
+    w += groups.value * kGroupBytes;
+  };
+  for (; i < cols; fits >>= 1) {
+    if ((fits & 1) != 0) {
+      add_groups(std::integral_constant<int, kChunkGroups>());
+      continue;
+    }
+    const std::ptrdiff_t end = i + kChunk < cols ? i + kChunk : cols;
+    while (i + 2 * kGroup <= end) add_groups(std::integral_constant<int, 2>());  // always fit
+    if (i < end) add_groups(std::integral_constant<int, 1>());
   }
   unrolled<kBlocks>([&](int b) SE_INLINE { store_sums(sums + b * kLanes, as_integers(sum[b])); });
 }
@@ -131,10 +175,10 @@ __attribute__((noinline)) void split_panel(const std::int8_t* w, const std::int3
 // The function for a panel of so many blocks.
 template <int kBlocks = kPanelBlocks>
 void any_split_panel(int blocks, const std::int8_t* w, const std::int32_t* row_sums,
-                     const SplitVector& q, int cols, std::int32_t* sums) {
+                     std::uint32_t fits, const SplitVector& q, int cols, std::int32_t* sums) {
   if constexpr (kBlocks > 0) {
-    if (blocks == kBlocks) return split_panel<kBlocks>(w, row_sums, q, cols, sums);
-    any_split_panel<kBlocks - 1>(blocks, w, row_sums, q, cols, sums);
+    if (blocks == kBlocks) return split_panel<kBlocks>(w, row_sums, fits, q, cols, sums);
+    any_split_panel<kBlocks - 1>(blocks, w, row_sums, fits, q, cols, sums);
   }
 }
 
@@ -175,7 +219,7 @@ void wide_panel(int first, int panel, const std::int8_t* w, const std::int16_t* 
 void packed_product(const PackedMatrix& m, const Matrix& /*plain*/, const std::int16_t* q,
                     std::int32_t* sums) {
   SplitVector split;
-  const bool splits = m.cols % (2 * kGroup) == 0 && split.set(q, m.cols);
+  const bool splits = m.cols % kGroup == 0 && split.set(q, m.cols);
   const int cols = round_up(m.cols, kGroup);
   std::int16_t filled[kMostPackedCols];
   if (cols != m.cols) {
@@ -186,10 +230,11 @@ void packed_product(const PackedMatrix& m, const Matrix& /*plain*/, const std::i
   const NonZeroFours fours(q, splits ? 0 : cols);
   const std::int8_t* w = m.weights;
   const std::int32_t* row_sums = m.row_sums;
+  const std::uint32_t* fits = m.fits;
   for (int left = round_up(m.rows, kLanes) / kLanes; left > 0; left -= kPanelBlocks) {
     const int blocks = left < kPanelBlocks ? left : kPanelBlocks;
     if (splits) {
-      any_split_panel(blocks, w, row_sums, split, cols, sums);
+      any_split_panel(blocks, w, row_sums, *fits++, split, cols, sums);
     } else {
       wide_panel(0, blocks, w, q, fours, sums);
     }
@@ -218,6 +263,7 @@ void convolve_tile(const PackedMatrix& m, const ConvInput& in, const OutputScale
       [&](int b) SE_INLINE { unrolled<kPositions>([&](int p) SE_INLINE { sum[b][p] = Sums{}; }); });
   for (int t = 0; t < in.frame_count; ++t) {
     const std::int16_t* x = in.frames[t] + position * step;
+#pragma GCC unroll 4
     for (int i = 0; i < window; i += 2, x += 2, w += 2 * kLanes) {
       forget(x);
       __m256i weights[kBlocks];
@@ -273,6 +319,7 @@ void packed_convolve(const PackedMatrix& packed, const Matrix& m, const ConvInpu
 void use_avx2_packed(NnKernels& k) {
   g_plain = k;
   k.product_order = kProductOrder;
+  k.short_sums = kShortSums;
   k.packed_product = packed_product;
   k.convolve_order = kConvolveOrder;
   k.packed_convolve = packed_convolve;

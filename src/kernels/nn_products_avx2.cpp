@@ -7,6 +7,7 @@
 // they are neighbouring positions of one row, which share the widened weights.
 #include "kernels/avx2.h"
 #include "kernels/nn_kernels.h"
+#include "kernels/packing.h"
 #include "kernels/variants.h"
 
 namespace se {
@@ -114,7 +115,7 @@ void product(const Matrix& m, const std::int16_t* q, std::int32_t* sums) {
 constexpr int kMaxPadded = 128;
 
 int round_up_16(int n) {
-  return (n + 15) & ~15;
+  return round_up(n, 16);
 }
 
 // Eight rows of weights as they lie in the model.
@@ -257,11 +258,132 @@ void convolve(const Matrix& m, const ConvInput& in, const OutputScale& out, floa
   convolve_rows<Shape<0, 0>, PlainRows>(m, in, out, y);
 }
 
+// ---- Two positions at a time --------------------------------------------------------------------
+
+constexpr int kPairs = 8;          // at once
+constexpr int kMostPairRow = 192;  // activations per pair
+constexpr int kMostPairRows = 64;
+constexpr int kLargestPaired = 8192;  // activations from here on could leave 16 or 32 bits
+
+bool fit_pairs(const ConvInput& in, int len) {
+  __m256i largest = _mm256_setzero_si256();
+  for (int t = 0; t < in.frame_count; ++t) {
+#pragma GCC unroll 4
+    for (int i = 0; i < len; i += 16) {
+      const __m256i above =
+          _mm256_add_epi16(load16(in.frames[t] + i), _mm256_set1_epi16(kLargestPaired));
+      largest = _mm256_max_epu16(largest, above);
+    }
+  }
+  const __m256i limit = _mm256_set1_epi16(2 * kLargestPaired - 1);
+  return _mm256_movemask_epi8(_mm256_cmpeq_epi16(_mm256_max_epu16(largest, limit), limit)) == -1;
+}
+
+// What a product takes of the activations, `left` and `sign` times `right`, and how often it counts
+// in the two outputs.
+struct PairProduct {
+  int left, right, sign;
+  int in_first, in_second;
+};
+constexpr PairProduct kPairTable[kPairProducts] = {
+    {0, 2, -1, 1, 0}, {1, 2, 1, 1, 1}, {2, 1, -1, 1, -1}, {1, 3, -1, 0, -1}};
+
+// The activations of a product, pair after pair, frame after frame.
+template <int kStep>
+void combine_activations(const ConvInput& in, const PairProduct& product, std::int16_t* to) {
+  const std::ptrdiff_t step = Known<kStep>::or_else(in.step);
+  const __m256i sign = _mm256_set1_epi16(static_cast<std::int16_t>(product.sign));
+  for (int p = 0; p < kPairs; ++p) {
+    for (int t = 0; t < in.frame_count; ++t) {
+      const std::int16_t* const d = in.frames[t] + 2 * p * step;
+      const std::int16_t* const left = d + product.left * step;
+      const std::int16_t* const right = d + product.right * step;
+#pragma GCC unroll 4
+      for (int c = 0; c < step; c += 16, to += 16) {
+        const __m256i v =
+            _mm256_add_epi16(load16(left + c), _mm256_sign_epi16(load16(right + c), sign));
+        _mm256_store_si256(reinterpret_cast<__m256i*>(to), v);
+      }
+    }
+  }
+}
+
+// One product of a row of weights with eight pairs.
+template <int kLength>
+__attribute__((always_inline)) inline __m256i eight_pairs(const std::int16_t* w,
+                                                          const std::int16_t* x, int any_length) {
+  const int length = Known<kLength>::or_else(any_length);
+  Sums s0 = {}, s1 = s0, s2 = s0, s3 = s0, s4 = s0, s5 = s0, s6 = s0, s7 = s0;
+#pragma GCC unroll 12
+  for (int i = 0; i < length; i += 16) {
+    const __m256i v = load16(w + i);
+    add_product(s0, v, load16(x + i));
+    add_product(s1, v, load16(x + i + length));
+    add_product(s2, v, load16(x + i + 2 * length));
+    add_product(s3, v, load16(x + i + 3 * length));
+    add_product(s4, v, load16(x + i + 4 * length));
+    add_product(s5, v, load16(x + i + 5 * length));
+    add_product(s6, v, load16(x + i + 6 * length));
+    add_product(s7, v, load16(x + i + 7 * length));
+    keep_order(s0, s1, s2, s3, s4, s5, s6, s7);
+  }
+  return lane_sums(s0, s1, s2, s3, s4, s5, s6, s7);
+}
+
+// Twice the sums of a row at the first and at the second position of every pair.
+struct PairSums {
+  __m256i first, second;
+};
+
+template <int kFrames, int kStep>
+void convolve_pairs(const std::int16_t* pairs, const Matrix& m, const ConvInput& in,
+                    const OutputScale& out, float* y) {
+  const int length = in.frame_count * in.step;
+  alignas(32) std::int16_t x[kPairs * kMostPairRow];
+  PairSums twice[kMostPairRows];
+  for (int r = 0; r < m.rows; ++r) twice[r].first = twice[r].second = _mm256_setzero_si256();
+  for (int product = 0; product < kPairProducts; ++product) {
+    combine_activations<kStep>(in, kPairTable[product], x);
+    const __m256i in_first = _mm256_set1_epi32(kPairTable[product].in_first);
+    const __m256i in_second = _mm256_set1_epi32(kPairTable[product].in_second);
+    for (int r = 0; r < m.rows; ++r) {
+      const __m256i sums =
+          eight_pairs<kFrames * kStep>(pairs + (r * kPairProducts + product) * length, x, length);
+      PairSums& row = twice[r];
+      row.first = _mm256_add_epi32(row.first, _mm256_sign_epi32(sums, in_first));
+      row.second = _mm256_add_epi32(row.second, _mm256_sign_epi32(sums, in_second));
+    }
+  }
+  for (int first = 0; first < m.rows; first += 8) {
+    convolve_eight_rows(m, in, out, first, y, [&](int row, int position) {
+      const PairSums& sums = twice[first + row];
+      const __m256i a = _mm256_srai_epi32(sums.first, 1), b = _mm256_srai_epi32(sums.second, 1);
+      const __m256i low = _mm256_unpacklo_epi32(a, b), high = _mm256_unpackhi_epi32(a, b);
+      return position == 0 ? _mm256_permute2x128_si256(low, high, 0x20)
+                           : _mm256_permute2x128_si256(low, high, 0x31);
+    });
+  }
+}
+
+void paired_convolve(const std::int16_t* pairs, const Matrix& m, const ConvInput& in,
+                     const OutputScale& out, float* y) {
+  const int length = in.frame_count * in.step, span = (in.positions - 1) * in.step + in.window;
+  const bool fits = m.rows % 8 == 0 && m.rows <= kMostPairRows && in.positions == 2 * kPairs &&
+                    in.window == 3 * in.step && in.step % 16 == 0 && length <= kMostPairRow &&
+                    span % 16 == 0 && fit_pairs(in, span);
+  if (!fits) return convolve(m, in, out, y);
+  const auto is = [&](int frames, int step) { return in.frame_count == frames && in.step == step; };
+  if (is(3, 32)) return convolve_pairs<3, 32>(pairs, m, in, out, y);
+  if (is(3, 64)) return convolve_pairs<3, 64>(pairs, m, in, out, y);
+  convolve_pairs<0, 0>(pairs, m, in, out, y);
+}
+
 }  // namespace
 
 void use_avx2_products(NnKernels& k) {
   k.product = product;
   k.convolve = convolve;
+  k.paired_convolve = paired_convolve;
 }
 
 }  // namespace se

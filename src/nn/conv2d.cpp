@@ -137,9 +137,12 @@ int conv2d_process(Conv2D* state, float* out, const float* in) {
                            state->freq_stride * state->in_channels,
                            state->out_width};
   const OutputScale scale = {layer.kernel_scale, 1.0f / kQ10, layer.bias};
-  if (const PackedMatrix* packed =
-          packed_conv(&layer, weights.rows, input.frame_count, input.window)) {
-    k.packed_convolve(*packed, weights, input, scale, out);
+  const PackedConv* const packed =
+      packed_conv(&layer, weights.rows, input.frame_count, input.window);
+  if (packed && packed->pairs && input.window == 3 * input.step) {
+    k.paired_convolve(packed->pairs, weights, input, scale, out);
+  } else if (packed && !packed->pairs) {
+    k.packed_convolve(packed->matrix, weights, input, scale, out);
   } else {
     k.convolve(weights, input, scale, out);
   }

@@ -17,16 +17,36 @@ constexpr PackShape conv_shape(const ConvShape& s) {
   return {s.out_channels, kKernelTime, s.kernel_freq * s.in_channels};
 }
 
+// Whether two positions can be computed at a time.
+constexpr bool has_pairs(const ConvShape& s) {
+  return s.kernel_freq == 3 && s.freq_stride == 1;
+}
+
+constexpr std::size_t pair_bytes(const ConvShape& s) {
+  return static_cast<std::size_t>(pair_weights(s.out_channels, kKernelTime, s.in_channels)) *
+         sizeof(std::int16_t);
+}
+
+constexpr std::size_t round_to_boundary(std::size_t bytes) {
+  return (bytes + kBoundary - 1) / kBoundary * kBoundary;
+}
+
 constexpr std::size_t slot(const PackShape& shape) {
-  constexpr std::size_t kSumBytes = sizeof(std::int32_t);
-  const std::size_t bytes =
-      shape.bytes(kWidest) + static_cast<std::size_t>(shape.packed_rows(kWidest)) * kSumBytes;
-  return (bytes + 2 * kBoundary - 1) / kBoundary * kBoundary;
+  const auto entries = static_cast<std::size_t>(shape.packed_rows(kWidest));
+  return round_to_boundary(shape.bytes(kWidest)) +
+         round_to_boundary(entries * sizeof(std::int32_t)) +
+         round_to_boundary(entries * sizeof(std::uint32_t));
+}
+
+constexpr std::size_t conv_slot(const ConvShape& s) {
+  const std::size_t plain = slot(conv_shape(s));
+  const std::size_t pairs = has_pairs(s) ? round_to_boundary(pair_bytes(s)) : 0;
+  return plain > pairs ? plain : pairs;
 }
 
 constexpr std::size_t packed_model_bytes() {
   std::size_t sum = slot(kHeadShape);
-  for (const ConvShape& s : kConv) sum += slot(conv_shape(s));
+  for (const ConvShape& s : kConv) sum += conv_slot(s);
   for (const int input : kGruInput) {
     sum += slot({kGates * kGruHidden, 1, input}) + slot({kGates * kGruHidden, 1, kGruHidden});
   }
@@ -34,7 +54,7 @@ constexpr std::size_t packed_model_bytes() {
 }
 
 alignas(kBoundary) std::int8_t g_storage[packed_model_bytes()];
-PackedMatrix g_conv[kConvLayers];
+PackedConv g_conv[kConvLayers];
 PackedGru g_gru[kGruLayers];
 PackedMatrix g_head;
 
@@ -50,17 +70,29 @@ bool ready() {
 // Places one table after the other.
 class Packer {
  public:
-  PackedMatrix add(const Matrix& m, const PackShape& shape, const PackOrder& order) {
-    std::int8_t* const weights = next_;
-    next_ += round_to_boundary(shape.bytes(order));
-    auto* const sums = reinterpret_cast<std::int32_t*>(next_);
-    next_ += round_to_boundary(static_cast<std::size_t>(shape.packed_rows(order)) * sizeof *sums);
-    return pack(m, shape, order, weights, sums);
+  PackedMatrix add(const Matrix& m, const PackShape& shape, const PackOrder& order,
+                   const ShortSums& short_sums) {
+    PackSpace space = {take<std::int8_t>(shape.bytes(order)),
+                       take<std::int32_t>(static_cast<std::size_t>(shape.packed_rows(order))),
+                       nullptr};
+    if (short_sums.columns > 0) {
+      space.fits = take<std::uint32_t>(static_cast<std::size_t>(shape.panels(order)));
+    }
+    return pack(m, shape, order, short_sums, space);
+  }
+
+  const std::int16_t* add_pairs(const Matrix& m, const ConvShape& shape) {
+    auto* const pairs = take<std::int16_t>(pair_bytes(shape) / sizeof(std::int16_t));
+    pack_pairs(m, kKernelTime, shape.in_channels, pairs);
+    return pairs;
   }
 
  private:
-  static std::size_t round_to_boundary(std::size_t bytes) {
-    return (bytes + kBoundary - 1) / kBoundary * kBoundary;
+  template <class T>
+  T* take(std::size_t count) {
+    auto* const table = reinterpret_cast<T*>(next_);
+    next_ += round_to_boundary(count * sizeof(T));
+    return table;
   }
 
   std::int8_t* next_ = g_storage;
@@ -78,24 +110,31 @@ const GRULayer* gru_layer(int i) {
   return layers[i];
 }
 
-void pack_convolutions(Packer& packer, const PackOrder& order) {
+void pack_convolutions(Packer& packer, const NnKernels& k) {
   for (int i = 0; i < kConvLayers; ++i) {
     const PackShape shape = conv_shape(kConv[i]);
     const int row_len = round_up(shape.parts * shape.part, 8);
-    g_conv[i] = packer.add({conv_layer(i)->kernel, kConv[i].out_channels, row_len}, shape, order);
+    const Matrix m = {conv_layer(i)->kernel, kConv[i].out_channels, row_len};
+    g_conv[i] = {};
+    if (k.paired_convolve && has_pairs(kConv[i])) {
+      g_conv[i].pairs = packer.add_pairs(m, kConv[i]);
+    } else {
+      g_conv[i].matrix = packer.add(m, shape, k.convolve_order, {0, 0});
+    }
   }
 }
 
-void pack_products(Packer& packer, const PackOrder& order) {
+void pack_products(Packer& packer, const NnKernels& k) {
   for (int i = 0; i < kGruLayers; ++i) {
     const GRULayer& layer = *gru_layer(i);
     const auto side = [&](const std::int8_t* weights, int cols) {
       constexpr int kRows = kGates * kGruHidden;
-      return packer.add({weights, kRows, cols}, {kRows, 1, cols}, order);
+      return packer.add({weights, kRows, cols}, {kRows, 1, cols}, k.product_order, k.short_sums);
     };
     g_gru[i] = {side(layer.weight_ih, kGruInput[i]), side(layer.weight_hh, kGruHidden)};
   }
-  g_head = packer.add({nn_denoise_model.fc2->weight, kBands, kHeadInput}, kHeadShape, order);
+  g_head = packer.add({nn_denoise_model.fc2->weight, kBands, kHeadInput}, kHeadShape,
+                      k.product_order, k.short_sums);
 }
 
 }  // namespace
@@ -106,14 +145,14 @@ void pack_model() {
   if (!ready()) {
     __atomic_store_n(&g_packed_for, nullptr, __ATOMIC_RELEASE);
     Packer packer;
-    if (k.convolve_order.panel > 0) pack_convolutions(packer, k.convolve_order);
-    if (k.product_order.panel > 0) pack_products(packer, k.product_order);
+    if (k.convolve_order.panel > 0) pack_convolutions(packer, k);
+    if (k.product_order.panel > 0) pack_products(packer, k);
     __atomic_store_n(&g_packed_for, &k, __ATOMIC_RELEASE);
   }
   __atomic_clear(&g_packing, __ATOMIC_RELEASE);
 }
 
-const PackedMatrix* packed_conv(const Conv2DLayer* layer, int rows, int frames, int window) {
+const PackedConv* packed_conv(const Conv2DLayer* layer, int rows, int frames, int window) {
   if (!ready() || kernels().nn->convolve_order.panel == 0) return nullptr;
   for (int i = 0; i < kConvLayers; ++i) {
     if (layer != conv_layer(i)) continue;

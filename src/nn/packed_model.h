@@ -19,12 +19,18 @@ struct PackedGru {
   PackedMatrix in, state;
 };
 
+// A convolution: the weights of pairs of positions, or null, and then those of single ones.
+struct PackedConv {
+  const std::int16_t* pairs;
+  PackedMatrix matrix;
+};
+
 // Packs the compiled-in model for the kernels in use, where that has not been done.
 void pack_model();
 
 // The packed weights behind a record; null where there are none for the kernels in use, or where
 // the layer was given other sizes than the model's.
-const PackedMatrix* packed_conv(const Conv2DLayer* layer, int rows, int frames, int window);
+const PackedConv* packed_conv(const Conv2DLayer* layer, int rows, int frames, int window);
 const PackedGru* packed_gru(const GRULayer* layer, int hidden, int input);
 const PackedMatrix* packed_head(const FCLayer* layer);
 

@@ -331,20 +331,23 @@ TEST(Kernels, EchoSubtraction) {
 class Packed {
  public:
   Packed(const std::vector<std::int8_t>& w, int row_len, const se::PackShape& shape,
-         const se::PackOrder& order)
+         const se::PackOrder& order, const se::ShortSums& short_sums = {0, 0})
       : bytes_(shape.bytes(order) + 63),
-        row_sums_(static_cast<std::size_t>(shape.packed_rows(order))) {
+        row_sums_(static_cast<std::size_t>(shape.packed_rows(order))),
+        fits_(static_cast<std::size_t>(shape.panels(order))) {
     void* start = bytes_.data();
     std::size_t space = bytes_.size();
     std::align(64, shape.bytes(order), start, space);
-    matrix_ = se::pack({w.data(), shape.rows, row_len}, shape, order,
-                       static_cast<std::int8_t*>(start), row_sums_.data());
+    matrix_ = se::pack({w.data(), shape.rows, row_len}, shape, order, short_sums,
+                       {static_cast<std::int8_t*>(start), row_sums_.data(),
+                        short_sums.columns > 0 ? fits_.data() : nullptr});
   }
   const se::PackedMatrix& matrix() const { return matrix_; }
 
  private:
   std::vector<std::int8_t> bytes_;
   std::vector<std::int32_t> row_sums_;
+  std::vector<std::uint32_t> fits_;
   se::PackedMatrix matrix_;
 };
 
@@ -355,8 +358,9 @@ TEST(Kernels, MatrixProducts) {
   for (const int rows : {1, 2, 7, 8, 9, 16, 21, 200, 600}) {
     for (const int cols : {1, 3, 8, 15, 16, 17, 24, 31, 32, 33, 48, 100, 128, 200, 400, 511}) {
       if (rows >= 200 && cols != 128 && cols != 200) continue;  // large ones as in the denoiser
-      for (const int divisor : {0, 1, 2, 16}) {
-        const auto w = values.integers<std::int8_t>(rows * cols);
+      for (const auto& [divisor, of_weights] :
+           {std::pair(0, 1), {1, 1}, {2, 1}, {16, 1}, {16, 2}}) {
+        const auto w = values.integers<std::int8_t>(rows * cols, of_weights);
         auto q = values.integers<std::int16_t>(cols, divisor == 0 ? 1 : divisor);
         for (std::size_t i = 0; divisor == 0 && i < q.size(); ++i) {
           if (q[i] < 0 || i % 16 < 7) q[i] = 0;
@@ -371,7 +375,7 @@ TEST(Kernels, MatrixProducts) {
               k.nn->product(weights, activations, sums);
               const se::PackOrder& order = k.nn->product_order;
               if (order.panel == 0) return;
-              const Packed packed(w, cols, {rows, 1, cols}, order);
+              const Packed packed(w, cols, {rows, 1, cols}, order, k.nn->short_sums);
               std::vector<std::int32_t> same(static_cast<std::size_t>(rows + se::kSpareSums + 1));
               same.back() = 12345;
               k.nn->packed_product(packed.matrix(), weights, activations, same.data());
@@ -379,6 +383,26 @@ TEST(Kernels, MatrixProducts) {
               EXPECT_EQ(0, std::memcmp(sums, same.data(), sizeof *sums * w.size() / q.size()))
                   << k.name << ": packed, rows " << rows << ", cols " << cols << " / " << divisor;
             });
+      }
+    }
+  }
+}
+
+// Weights and activations of one value each: sums in fewer bits would overflow first, and must not
+// be formed just above where they fit.
+TEST(Kernels, PackedProductsAtTheLimitsOfShortSums) {
+  constexpr int kRows = 72, kCols = 200;
+  for (const int weight : {-128, -52, -51, 51, 52, 127}) {
+    for (const int activation : {-2048, -2047, 2047, 2048}) {
+      const std::vector<std::int8_t> w(kRows * kCols, static_cast<std::int8_t>(weight));
+      const std::vector<std::int16_t> q(kCols, static_cast<std::int16_t>(activation));
+      for (int i = 0; const Kernels* k = se::available_kernels(i); ++i) {
+        if (k->nn->product_order.panel == 0) continue;
+        const Packed packed(w, kCols, {kRows, 1, kCols}, k->nn->product_order, k->nn->short_sums);
+        std::vector<std::int32_t> sums(kRows + se::kSpareSums);
+        k->nn->packed_product(packed.matrix(), {w.data(), kRows, kCols}, q.data(), sums.data());
+        sums.resize(kRows);
+        EXPECT_EQ(std::vector<std::int32_t>(kRows, kCols * weight * activation), sums) << k->name;
       }
     }
   }
@@ -411,9 +435,9 @@ TEST(Kernels, Convolutions) {
       {3, 17, 5, 16, 8, 1, 20},  {3, 32, 16, 7, 8, 0, 40},   {2, 48, 16, 8, 12, 0, 0},
       {3, 64, 7, 24, 24, 3, 1},  {3, 47, 1, 8, 16, 0, 5}};
   Values values(5);
-  for (int i = 0; i < 2 * static_cast<int>(std::size(shapes)); ++i) {
-    const Shape& s = shapes[i / 2];
-    const int divisor = 1 + i % 2;
+  for (int i = 0; i < 3 * static_cast<int>(std::size(shapes)); ++i) {
+    const Shape& s = shapes[i / 3];
+    const int divisor = 1 << i % 3;
     const int row_len = s.frames * s.window + s.padding;
     const int frame_len = (s.positions - 1) * s.step + s.window + s.margin;
     const auto w = values.integers<std::int8_t>(s.rows * row_len);
@@ -441,6 +465,14 @@ TEST(Kernels, Convolutions) {
           } else {
             const Packed packed(w, row_len, {s.rows, s.frames, s.window}, order);
             k.nn->packed_convolve(packed.matrix(), weights, in, out, arrays.place(y));
+          }
+          if (k.nn->paired_convolve && s.window == 3 * s.step) {
+            std::vector<std::int16_t> pairs(
+                static_cast<std::size_t>(se::pair_weights(s.rows, s.frames, s.step)));
+            se::pack_pairs(weights, s.frames, s.step, pairs.data());
+            k.nn->paired_convolve(pairs.data(), weights, in, out, arrays.place(y));
+          } else {
+            k.nn->convolve(weights, in, out, arrays.place(y));
           }
         });
   }
