@@ -160,8 +160,10 @@ __attribute__((noinline)) void split_panel(const std::int8_t* w, const std::int3
     i += groups.value * kGroup;
     w += groups.value * kGroupBytes;
   };
-  for (; i < cols; fits >>= 1) {
-    if ((fits & 1) != 0) {
+  while (i < cols) {
+    const bool all_fit = (fits & 1) != 0;
+    fits >>= 1;
+    if (all_fit) {
       add_groups(std::integral_constant<int, kChunkGroups>());
       continue;
     }
