@@ -358,9 +358,9 @@ TEST(Kernels, MatrixProducts) {
   for (const int rows : {1, 2, 7, 8, 9, 16, 21, 200, 600}) {
     for (const int cols : {1, 3, 8, 15, 16, 17, 24, 31, 32, 33, 48, 100, 128, 200, 400, 511}) {
       if (rows >= 200 && cols != 128 && cols != 200) continue;  // large ones as in the denoiser
-      for (const auto& [divisor, of_weights] :
-           {std::pair(0, 1), {1, 1}, {2, 1}, {16, 1}, {16, 2}}) {
-        const auto w = values.integers<std::int8_t>(rows * cols, of_weights);
+      for (const auto& divisors : {std::pair(0, 1), {1, 1}, {2, 1}, {16, 1}, {16, 2}}) {
+        const int divisor = divisors.first;
+        const auto w = values.integers<std::int8_t>(rows * cols, divisors.second);
         auto q = values.integers<std::int16_t>(cols, divisor == 0 ? 1 : divisor);
         for (std::size_t i = 0; divisor == 0 && i < q.size(); ++i) {
           if (q[i] < 0 || i % 16 < 7) q[i] = 0;
