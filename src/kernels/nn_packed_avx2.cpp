@@ -153,23 +153,24 @@ __attribute__((noinline)) void split_panel(const std::int8_t* w, const std::int3
     sum[b] = reinterpret_cast<Sums>(row_sum) * static_cast<unsigned>(kSmallest);
   });
   constexpr int kGroupBytes = kBlocks * kBlockBytes;
-  std::ptrdiff_t i = 0;
-  const auto add_groups = [&](auto groups) SE_INLINE {
-    add_part<groups.value>(q.low + i, w, kLowUnit, sum);
-    add_part<groups.value>(q.high + i, w, kHighUnit, sum);
-    i += groups.value * kGroup;
+  // Returns the column behind the last of the groups.
+  const auto add_groups = [&](auto groups, std::ptrdiff_t first) SE_INLINE {
+    add_part<groups.value>(q.low + first, w, kLowUnit, sum);
+    add_part<groups.value>(q.high + first, w, kHighUnit, sum);
     w += groups.value * kGroupBytes;
+    return first + groups.value * kGroup;
   };
-  while (i < cols) {
+  for (std::ptrdiff_t i = 0; i < cols;) {
     const bool all_fit = (fits & 1) != 0;
     fits >>= 1;
     if (all_fit) {
-      add_groups(std::integral_constant<int, kChunkGroups>());
+      i = add_groups(std::integral_constant<int, kChunkGroups>(), i);
       continue;
     }
     const std::ptrdiff_t end = i + kChunk < cols ? i + kChunk : cols;
-    while (i + 2 * kGroup <= end) add_groups(std::integral_constant<int, 2>());  // always fit
-    if (i < end) add_groups(std::integral_constant<int, 1>());
+    while (i + 2 * kGroup <= end)
+      i = add_groups(std::integral_constant<int, 2>(), i);  // always fit
+    if (i < end) i = add_groups(std::integral_constant<int, 1>(), i);
   }
   unrolled<kBlocks>([&](int b) SE_INLINE { store_sums(sums + b * kLanes, as_integers(sum[b])); });
 }
