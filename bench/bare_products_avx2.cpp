@@ -3,6 +3,7 @@
 
 #include "bare_products.h"
 #include "kernels/unrolled.h"
+#include "lane_total.h"
 
 namespace se_bench {
 namespace {
@@ -15,12 +16,6 @@ using Sums = int __attribute__((vector_size(32)));
 void add(Sums& sum, __m256i products) {
   sum += reinterpret_cast<Sums>(products);
   __asm__("" : "+x"(sum));
-}
-
-std::int32_t total(Sums sum) {
-  std::int32_t all = 0;
-  for (int lane = 0; lane < 8; ++lane) all += sum[lane];
-  return all;
 }
 
 __m256i pair_of_products(__m256i pattern, const __m256i* w) {
@@ -43,7 +38,7 @@ std::int32_t dense(const std::int8_t* weights, const ProductLayer& layer) {
   }
   Sums all = {};
   unrolled<kPairs>([&](int v) SE_INLINE { all += sum[v]; });
-  return total(all);
+  return lane_total(all);
 }
 
 // Weights widen once for eight positions.
@@ -64,7 +59,7 @@ std::int32_t convolution(const std::int8_t* weights, const ProductLayer& layer) 
   }
   Sums all = {};
   unrolled<kPositions>([&](int s) SE_INLINE { all += sum[s]; });
-  return total(all);
+  return lane_total(all);
 }
 
 }  // namespace

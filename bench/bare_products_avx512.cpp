@@ -3,6 +3,7 @@
 
 #include "bare_products.h"
 #include "kernels/unrolled.h"
+#include "lane_total.h"
 
 namespace se_bench {
 namespace {
@@ -14,12 +15,6 @@ using Sums = int __attribute__((vector_size(64)));
 
 void keep(Sums& sum) {
   __asm__("" : "+v"(sum));
-}
-
-std::int32_t total(Sums sum) {
-  std::int32_t all = 0;
-  for (int lane = 0; lane < 16; ++lane) all += sum[lane];
-  return all;
 }
 
 __m512i as_integers(Sums s) {
@@ -41,7 +36,7 @@ std::int32_t dense(const std::int8_t* weights, const ProductLayer& layer) {
   }
   Sums all = {};
   unrolled<kVectors>([&](int v) SE_INLINE { all += lows[v] + highs[v]; });
-  return total(all);
+  return lane_total(all);
 }
 
 // Weights widen once for sixteen positions.
@@ -62,7 +57,7 @@ std::int32_t convolution(const std::int8_t* weights, const ProductLayer& layer) 
   }
   Sums all = {};
   unrolled<kPositions>([&](int s) SE_INLINE { all += sum[s]; });
-  return total(all);
+  return lane_total(all);
 }
 
 }  // namespace

@@ -11,14 +11,13 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
-#include <iterator>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "files.h"
+#include "nn/quiet_history.h"
 #include "settings.h"
-#include "speechenhance/denoiser.h"
 #include "speechenhance/speechenhance.h"
 #include "speechenhance/wav_io.h"
 
@@ -159,9 +158,7 @@ void clean(const std::string& path, const std::string& target, bool flac) {
   Encoder encoder(target, flac);
   Engine engine(se_create());
   require(engine != nullptr, path);
-  // The denoiser's history of quiet frames outlives engines: as at the start of the process.
-  noise_flag = noise_flag_sum = noise_flag_index = 0;
-  std::fill(std::begin(noise_buf), std::end(noise_buf), 0);
+  se::nn::forget_quiet_frames();
   set_nn_process_config(engine.get(), se_tool::engine_config(settings));
 
   std::vector<float> frames(kChunkFrames * 2);

@@ -1,5 +1,6 @@
 #include "streaming_limit.h"
 
+#include "lane_total.h"
 #include "speechenhance/denoiser.h"
 
 #if defined(__x86_64__)
@@ -13,11 +14,6 @@ namespace {
 
 // Every pass keeps several sums, enough to hide the latency of the additions, and leaves out what a
 // table has beyond whole steps (less than 0.1 % of the weights).
-std::int32_t sum_of(const std::int32_t* lanes, int count) {
-  std::int32_t sum = 0;
-  for (int i = 0; i < count; ++i) sum += lanes[i];
-  return sum;
-}
 
 #if defined(__x86_64__)
 
@@ -34,10 +30,7 @@ SE_AVX512 std::int32_t bytes_avx512(const WeightTable& table) {
     s2 = _mm512_dpbusd_epi32(s2, pattern, _mm512_loadu_si512(p + 128));
     s3 = _mm512_dpbusd_epi32(s3, pattern, _mm512_loadu_si512(p + 192));
   }
-  const __m512i sums = _mm512_add_epi32(_mm512_add_epi32(s0, s1), _mm512_add_epi32(s2, s3));
-  std::int32_t lanes[16];
-  _mm512_storeu_si512(lanes, sums);
-  return sum_of(lanes, 16);
+  return lane_total(_mm512_add_epi32(_mm512_add_epi32(s0, s1), _mm512_add_epi32(s2, s3)));
 }
 
 SE_AVX512 inline __m512i widened_512(const std::int8_t* p) {
@@ -54,11 +47,9 @@ SE_AVX512 std::int32_t int16_avx512(const WeightTable& table) {
     s2 = _mm512_dpwssd_epi32(s2, pattern, widened_512(p + 64));
     s3 = _mm512_dpwssd_epi32(s3, pattern, widened_512(p + 96));
   }
-  const __m512i sums = _mm512_add_epi32(_mm512_add_epi32(s0, s1), _mm512_add_epi32(s2, s3));
-  std::int32_t lanes[16];
-  _mm512_storeu_si512(lanes, sums);
-  return sum_of(lanes, 16);
+  return lane_total(_mm512_add_epi32(_mm512_add_epi32(s0, s1), _mm512_add_epi32(s2, s3)));
 }
+
 SE_AVX2 inline __m256i byte_products(__m256i pattern, const std::int8_t* p) {
   const __m256i weights = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p));
   return _mm256_madd_epi16(_mm256_maddubs_epi16(pattern, weights), _mm256_set1_epi16(1));
@@ -76,9 +67,7 @@ SE_AVX2 std::int32_t bytes_avx2(const WeightTable& table) {
     s0 = _mm256_add_epi32(s0, byte_products(pattern, table.data + i));
     s1 = _mm256_add_epi32(s1, byte_products(pattern, table.data + i + 32));
   }
-  std::int32_t lanes[8];
-  _mm256_storeu_si256(reinterpret_cast<__m256i*>(lanes), _mm256_add_epi32(s0, s1));
-  return sum_of(lanes, 8);
+  return lane_total(_mm256_add_epi32(s0, s1));
 }
 
 SE_AVX2 std::int32_t int16_avx2(const WeightTable& table) {
@@ -88,9 +77,7 @@ SE_AVX2 std::int32_t int16_avx2(const WeightTable& table) {
     s0 = _mm256_add_epi32(s0, int16_products(pattern, table.data + i));
     s1 = _mm256_add_epi32(s1, int16_products(pattern, table.data + i + 16));
   }
-  std::int32_t lanes[8];
-  _mm256_storeu_si256(reinterpret_cast<__m256i*>(lanes), _mm256_add_epi32(s0, s1));
-  return sum_of(lanes, 8);
+  return lane_total(_mm256_add_epi32(s0, s1));
 }
 #elif defined(__ARM_NEON)
 
@@ -105,9 +92,7 @@ std::int32_t int16_neon(const WeightTable& table) {
     s2 = vmlal_s16(s2, vget_low_s16(high), pattern);
     s3 = vmlal_s16(s3, vget_high_s16(high), pattern);
   }
-  std::int32_t lanes[4];
-  vst1q_s32(lanes, vaddq_s32(vaddq_s32(s0, s1), vaddq_s32(s2, s3)));
-  return sum_of(lanes, 4);
+  return lane_total(vaddq_s32(vaddq_s32(s0, s1), vaddq_s32(s2, s3)));
 }
 
 #endif

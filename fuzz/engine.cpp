@@ -11,9 +11,9 @@
 
 #include <algorithm>
 #include <cmath>
-#include <memory>
 #include <vector>
 
+#include "engine/owned_engine.h"
 #include "fuzz_target.h"
 #include "kernels/kernels.h"
 #include "random_signal.h"
@@ -25,10 +25,6 @@ constexpr std::size_t kBlock = SE_BLOCK_LEN;
 constexpr int kMostFrames = 32, kOrdinaryFrames = 6, kFramesToForget = 4;
 
 enum Sound { kSilence, kConstant, kNoise, kClick };
-
-struct Destroy {
-  void operator()(SEInstance* engine) const { se_destroy(engine); }
-};
 
 void choose_kernels(int wanted) {
   int count = 0;
@@ -99,7 +95,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   se_fuzz::Input input(data, size);
   const auto how = input.take<std::uint8_t>();
   choose_kernels(how >> 3);
-  const std::unique_ptr<SEInstance, Destroy> engine(se_create());
+  const se::OwnedEngine engine(se_create());
   set_nn_process_config(engine.get(), input.take<NnProcessConfig>());
 
   RandomSignal random(1);

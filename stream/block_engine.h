@@ -1,8 +1,7 @@
 // The engine of a stream, 10 ms at 16 kHz at a time, with its latency made constant.
 #pragma once
 
-#include <memory>
-
+#include "engine/owned_engine.h"
 #include "engine/se_instance.h"
 #include "process_wide.h"
 #include "reference_alignment.h"
@@ -12,9 +11,9 @@ namespace se::stream {
 
 class BlockEngine {
  public:
-  // Blocks come out this many samples after the microphones' that they belong to: transform and
-  // look-ahead of the engine, and the limiter's delay, which they have with and without it.
-  static constexpr int kDelay = 352 + 800 + kLimiterDelay;
+  // Blocks come out this many samples after the microphones' that they belong to: with the
+  // limiter's delay, which they have with and without it.
+  static constexpr int kDelay = kDenoiserDelay + kLimiterDelay;
 
   // False where memory is short.
   bool create();
@@ -29,13 +28,9 @@ class BlockEngine {
  private:
   static constexpr int kBlock = SE_BLOCK_LEN;
 
-  struct DestroyEngine {
-    void operator()(SEInstance* engine) const { se_destroy(engine); }
-  };
-
   void limit(float* samples);
 
-  std::unique_ptr<SEInstance, DestroyEngine> engine_;
+  OwnedEngine engine_;
   SEStreamSettings settings_ = {};
 
   // The limiter runs beside the engine and always: it can be switched without a jump, and without a

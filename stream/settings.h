@@ -21,7 +21,4 @@ extern const Preset kPresets[];
 extern const Preset& kDefaultPreset;
 extern const OldPreset kOldPresets[];
 
-// By how much the limiter delays what it limits, samples.
-constexpr int kLimiterDelay = 16;
-
 }  // namespace se::stream

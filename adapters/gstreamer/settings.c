@@ -1,6 +1,6 @@
 #include "settings.h"
 
-#include <stdio.h>
+#include <stddef.h>
 #include <string.h>
 
 enum {
@@ -11,22 +11,41 @@ enum {
   kHighestShelfHz = 7718
 };
 
-enum {
-  kPreset,
-  kMode,
-  kAmount,
-  kResidual,
-  kNsResidual,
-  kLimiter,
-  kLimiterCeiling,
-  kLimiterGain,
-  kLowShelfHz,
-  kLowShelfDb,
-  kHighShelfHz,
-  kHighShelfDb,
-  kPeakList,
-  kCount
+// A number of the settings that is its property's value.
+typedef struct {
+  const char *name, *nick, *blurb;
+  GType type;  // of the field: int, float, or boolean in an int
+  double low, high;
+  gsize field;  // where it lies in SEStreamSettings
+} Number;
+
+#define FIELD(name) offsetof(SEStreamSettings, name)
+static const Number kNumbers[] = {
+    {"amount", "Amount", "1: enhanced; 0: as it came in, with the same latency; between: mixed",
+     G_TYPE_FLOAT, 0, 1, FIELD(amount)},
+    {"residual", "Residual", "Attenuation of the unprocessed signal with mode mix, dB", G_TYPE_INT,
+     0, 120, FIELD(engine.residual_db)},
+    {"ns-residual", "Residual for the suppressor",
+     "Attenuation of the unprocessed signal with mode suppress, dB", G_TYPE_INT, 10, 130,
+     FIELD(engine.ns_residual_db)},
+    {"limiter", "Limiter", "Limit the peaks of the output", G_TYPE_BOOLEAN, 0, 1,
+     FIELD(engine.limiter_enable)},
+    {"limiter-ceiling", "Limiter's ceiling", "Limit to this fraction of full scale", G_TYPE_FLOAT,
+     0.01f, 1, FIELD(engine.limiter_max_gain)},
+    {"limiter-gain", "Limiter's gain", "Amplify by this much ahead of the limiter, dB",
+     G_TYPE_FLOAT, 0, 60, FIELD(engine.limiter_level_db)},
+    {"low-shelf-frequency", "Low shelf's frequency", "Attenuate below this, Hz", G_TYPE_FLOAT,
+     kLowestShelfHz, 8000, FIELD(engine.low_shelf.freq_hz)},
+    {"low-shelf-attenuation", "Low shelf's attenuation", "Attenuate by this much, dB (0: off)",
+     G_TYPE_FLOAT, 0, 120, FIELD(engine.low_shelf.atten_db)},
+    {"high-shelf-frequency", "High shelf's frequency", "Attenuate above this, Hz", G_TYPE_FLOAT, 0,
+     kHighestShelfHz, FIELD(engine.high_shelf.freq_hz)},
+    {"high-shelf-attenuation", "High shelf's attenuation", "Attenuate by this much, dB (0: off)",
+     G_TYPE_FLOAT, 0, 120, FIELD(engine.high_shelf.atten_db)},
 };
+
+// Identities, from `first_id` on: of numbers one after another, of the others by name.
+enum { kPreset, kMode, kNumber, kPeakList = kNumber + G_N_ELEMENTS(kNumbers), kCount };
 
 static guint first_id;
 
@@ -76,8 +95,8 @@ static void take_preset(SeSettings* settings, gint preset) {
   se_stream_get_preset(se_stream_preset_name(preset), &settings->stream);
   NnProcessConfig* engine = &settings->stream.engine;
   // What properties show of what is off.
-  if (!engine->low_shelf.enable) engine->low_shelf.freq_hz = kLowestShelfHz;
-  if (!engine->high_shelf.enable) engine->high_shelf.freq_hz = kHighestShelfHz;
+  if (!engine->low_shelf.enable) engine->low_shelf = (ShelfBand){0, kLowestShelfHz, 0};
+  if (!engine->high_shelf.enable) engine->high_shelf = (ShelfBand){0, kHighestShelfHz, 0};
   if (!engine->limiter_enable) engine->limiter_max_gain = 0.9f;
 }
 
@@ -98,64 +117,50 @@ static gchar* peaks_text(const PeakBand peaks[kPeaks]) {
   return g_string_free(text, FALSE);
 }
 
+static GParamSpec* number_spec(const Number* number, const SEStreamSettings* defaults,
+                               GParamFlags flags) {
+  const void* field = (const char*)defaults + number->field;
+  switch (number->type) {
+    case G_TYPE_INT:
+      return g_param_spec_int(number->name, number->nick, number->blurb, (gint)number->low,
+                              (gint)number->high, *(const gint*)field, flags);
+    case G_TYPE_BOOLEAN:
+      return g_param_spec_boolean(number->name, number->nick, number->blurb, *(const gint*)field,
+                                  flags);
+    default:
+      return g_param_spec_float(number->name, number->nick, number->blurb, (float)number->low,
+                                (float)number->high, *(const float*)field, flags);
+  }
+}
+
 guint se_settings_install(GObjectClass* klass, guint first) {
   const GParamFlags flags =
       (GParamFlags)(G_PARAM_READWRITE | G_PARAM_STATIC_STRINGS | GST_PARAM_MUTABLE_PLAYING);
   first_id = first;
   SeSettings defaults;
   se_settings_init(&defaults);
-  const NnProcessConfig* engine = &defaults.stream.engine;
-  gchar* peaks = peaks_text(engine->peak);
-  GParamSpec* const properties[kCount] = {
-      [kPreset] =
-          g_param_spec_enum("preset", "Preset",
-                            "Sets all of the other settings of the sound, from amount to residual",
-                            preset_type(), defaults.preset, flags),
-      [kMode] = g_param_spec_enum("mode", "Mode", "What is done to the sound", mode_type(),
-                                  defaults.stream.mode, flags),
-      [kAmount] = g_param_spec_float(
-          "amount", "Amount",
-          "1: enhanced; 0: as it came in, with the same latency; between: mixed", 0, 1, 1, flags),
-      [kResidual] = g_param_spec_int("residual", "Residual",
-                                     "Attenuation of the unprocessed signal with mode mix, dB", 0,
-                                     120, engine->residual_db, flags),
-      [kNsResidual] =
-          g_param_spec_int("ns-residual", "Residual for the suppressor",
-                           "Attenuation of the unprocessed signal with mode suppress, dB", 10, 130,
-                           engine->ns_residual_db, flags),
-      [kLimiter] = g_param_spec_boolean("limiter", "Limiter", "Limit the peaks of the output",
-                                        engine->limiter_enable, flags),
-      [kLimiterCeiling] = g_param_spec_float("limiter-ceiling", "Limiter's ceiling",
-                                             "Limit to this fraction of full scale", 0.01f, 1,
-                                             engine->limiter_max_gain, flags),
-      [kLimiterGain] = g_param_spec_float("limiter-gain", "Limiter's gain",
-                                          "Amplify by this much ahead of the limiter, dB", 0, 60,
-                                          engine->limiter_level_db, flags),
-      [kLowShelfHz] = g_param_spec_float("low-shelf-frequency", "Low shelf's frequency",
-                                         "Attenuate below this, Hz", kLowestShelfHz, 8000,
-                                         kLowestShelfHz, flags),
-      [kLowShelfDb] = g_param_spec_float("low-shelf-attenuation", "Low shelf's attenuation",
-                                         "Attenuate by this much, dB (0: off)", 0, 120, 0, flags),
-      [kHighShelfHz] = g_param_spec_float("high-shelf-frequency", "High shelf's frequency",
-                                          "Attenuate above this, Hz", 0, kHighestShelfHz,
-                                          kHighestShelfHz, flags),
-      [kHighShelfDb] = g_param_spec_float("high-shelf-attenuation", "High shelf's attenuation",
-                                          "Attenuate by this much, dB (0: off)", 0, 120, 0, flags),
-      [kPeakList] = g_param_spec_string("peaks", "Peaks",
-                                        "Up to ten bands HZ:DB:Q with commas between them: the "
-                                        "level around HZ is changed by DB in a "
-                                        "band HZ / Q wide",
-                                        peaks, flags),
-  };
-  for (guint i = 0; i < kCount; ++i)
-    g_object_class_install_property(klass, first + i, properties[i]);
+  g_object_class_install_property(
+      klass, first + kPreset,
+      g_param_spec_enum("preset", "Preset",
+                        "Sets all of the other settings of the sound, from amount to residual",
+                        preset_type(), defaults.preset, flags));
+  g_object_class_install_property(klass, first + kMode,
+                                  g_param_spec_enum("mode", "Mode", "What is done to the sound",
+                                                    mode_type(), defaults.stream.mode, flags));
+  for (guint i = 0; i < G_N_ELEMENTS(kNumbers); ++i) {
+    g_object_class_install_property(klass, first + kNumber + i,
+                                    number_spec(&kNumbers[i], &defaults.stream, flags));
+  }
+  gchar* peaks = peaks_text(defaults.stream.engine.peak);
+  g_object_class_install_property(
+      klass, first + kPeakList,
+      g_param_spec_string("peaks", "Peaks",
+                          "Up to ten bands HZ:DB:Q with commas between them: the "
+                          "level around HZ is changed by DB in a "
+                          "band HZ / Q wide",
+                          peaks, flags));
   g_free(peaks);
   return first + kCount;
-}
-
-static void set_shelf_db(ShelfBand* shelf, const GValue* value) {
-  shelf->atten_db = g_value_get_float(value);
-  shelf->enable = shelf->atten_db > 0;
 }
 
 static const char* set_peaks(PeakBand peaks[kPeaks], const char* text) {
@@ -183,100 +188,59 @@ static const char* set_peaks(PeakBand peaks[kPeaks], const char* text) {
   return wrong;
 }
 
+static void set_number(SEStreamSettings* stream, const Number* number, const GValue* value) {
+  void* field = (char*)stream + number->field;
+  if (number->type == G_TYPE_FLOAT) *(float*)field = g_value_get_float(value);
+  if (number->type == G_TYPE_INT) *(gint*)field = g_value_get_int(value);
+  if (number->type == G_TYPE_BOOLEAN) *(gint*)field = g_value_get_boolean(value);
+  NnProcessConfig* engine = &stream->engine;
+  engine->low_shelf.enable = engine->low_shelf.atten_db > 0;
+  engine->high_shelf.enable = engine->high_shelf.atten_db > 0;
+}
+
 const char* se_settings_set(SeSettings* settings, guint property, const GValue* value) {
   SeSettings changed = *settings;
-  SEStreamSettings* stream = &changed.stream;
-  NnProcessConfig* engine = &stream->engine;
   const char* wrong = NULL;
   switch (property - first_id) {
     case kPreset:
       take_preset(&changed, g_value_get_enum(value));
       break;
     case kMode:
-      stream->mode = g_value_get_enum(value);
+      changed.stream.mode = g_value_get_enum(value);
       break;
-    case kAmount:
-      stream->amount = g_value_get_float(value);
-      break;
-    case kResidual:
-      engine->residual_db = g_value_get_int(value);
-      break;
-    case kNsResidual:
-      engine->ns_residual_db = g_value_get_int(value);
-      break;
-    case kLimiter:
-      engine->limiter_enable = g_value_get_boolean(value);
-      break;
-    case kLimiterCeiling:
-      engine->limiter_max_gain = g_value_get_float(value);
-      break;
-    case kLimiterGain:
-      engine->limiter_level_db = g_value_get_float(value);
-      break;
-    case kLowShelfHz:
-      engine->low_shelf.freq_hz = g_value_get_float(value);
-      break;
-    case kLowShelfDb:
-      set_shelf_db(&engine->low_shelf, value);
-      break;
-    case kHighShelfHz:
-      engine->high_shelf.freq_hz = g_value_get_float(value);
-      break;
-    case kHighShelfDb:
-      set_shelf_db(&engine->high_shelf, value);
+    case kPeakList:
+      wrong = set_peaks(changed.stream.engine.peak, g_value_get_string(value));
       break;
     default:
-      wrong = set_peaks(engine->peak, g_value_get_string(value));
+      set_number(&changed.stream, &kNumbers[property - first_id - kNumber], value);
       break;
   }
-  const int32_t result = se_stream_check_settings(stream);
+  const int32_t result = se_stream_check_settings(&changed.stream);
   if (!wrong && result != SE_STREAM_OK) wrong = se_stream_error_text(result);
   if (!wrong) *settings = changed;
   return wrong;
 }
 
+static void get_number(const SEStreamSettings* stream, const Number* number, GValue* value) {
+  const void* field = (const char*)stream + number->field;
+  if (number->type == G_TYPE_FLOAT) g_value_set_float(value, *(const float*)field);
+  if (number->type == G_TYPE_INT) g_value_set_int(value, *(const gint*)field);
+  if (number->type == G_TYPE_BOOLEAN) g_value_set_boolean(value, *(const gint*)field != 0);
+}
+
 void se_settings_get(const SeSettings* settings, guint property, GValue* value) {
-  const SEStreamSettings* stream = &settings->stream;
-  const NnProcessConfig* engine = &stream->engine;
   switch (property - first_id) {
     case kPreset:
       g_value_set_enum(value, settings->preset);
       break;
     case kMode:
-      g_value_set_enum(value, stream->mode);
+      g_value_set_enum(value, settings->stream.mode);
       break;
-    case kAmount:
-      g_value_set_float(value, stream->amount);
-      break;
-    case kResidual:
-      g_value_set_int(value, engine->residual_db);
-      break;
-    case kNsResidual:
-      g_value_set_int(value, engine->ns_residual_db);
-      break;
-    case kLimiter:
-      g_value_set_boolean(value, engine->limiter_enable != 0);
-      break;
-    case kLimiterCeiling:
-      g_value_set_float(value, engine->limiter_max_gain);
-      break;
-    case kLimiterGain:
-      g_value_set_float(value, engine->limiter_level_db);
-      break;
-    case kLowShelfHz:
-      g_value_set_float(value, engine->low_shelf.freq_hz);
-      break;
-    case kLowShelfDb:
-      g_value_set_float(value, engine->low_shelf.enable ? engine->low_shelf.atten_db : 0);
-      break;
-    case kHighShelfHz:
-      g_value_set_float(value, engine->high_shelf.freq_hz);
-      break;
-    case kHighShelfDb:
-      g_value_set_float(value, engine->high_shelf.enable ? engine->high_shelf.atten_db : 0);
+    case kPeakList:
+      g_value_take_string(value, peaks_text(settings->stream.engine.peak));
       break;
     default:
-      g_value_take_string(value, peaks_text(engine->peak));
+      get_number(&settings->stream, &kNumbers[property - first_id - kNumber], value);
       break;
   }
 }

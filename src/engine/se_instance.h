@@ -5,6 +5,7 @@
 
 #include "common/geometry.h"
 #include "common/module_memory.h"
+#include "engine/delays.h"
 #include "engine/equaliser.h"
 #include "speechenhance/aec.h"
 #include "speechenhance/denoiser.h"
@@ -15,7 +16,6 @@
 
 namespace se {
 
-constexpr int kLookAhead = 5;  // frames the denoiser sees beyond the one it shapes
 constexpr int kHistoryLen = kLookAhead + 1;
 
 }  // namespace se

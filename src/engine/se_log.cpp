@@ -32,21 +32,8 @@ int32_t se_log_default(SELogLevel level, const char* format, ...) {
     text[length] = '\n';
     text[length + 1] = '\0';
   }
-  switch (level) {
-    case SE_LOG_DEBUG:
-      std::fprintf(stdout, "[D] %s", text);
-      break;
-    case SE_LOG_INFO:
-      std::fprintf(stdout, "[I] %s", text);
-      break;
-    case SE_LOG_WARN:
-      std::fprintf(stdout, "[W] %s", text);
-      break;
-    case SE_LOG_ERROR:
-      std::fprintf(stderr, "[E] %s", text);
-      break;
-    default:
-      break;
+  if (level >= SE_LOG_DEBUG && level <= SE_LOG_ERROR) {
+    std::fprintf(level == SE_LOG_ERROR ? stderr : stdout, "[%c] %s", "DIWE"[level], text);
   }
   return static_cast<int32_t>(length);
 }

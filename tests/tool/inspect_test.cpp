@@ -8,7 +8,7 @@
 #include <sstream>
 
 #include "errors.h"
-#include "speechenhance/denoiser.h"
+#include "nn/quiet_history.h"
 #include "test_files.h"
 
 namespace se_tool {
@@ -17,12 +17,6 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr std::size_t kLength = 2 * 16000 + 37;  // not a whole number of blocks
-
-// Every run as in a process of its own.
-void forget_quiet_frames() {
-  std::fill_n(noise_buf, 1000, 0);
-  noise_flag = noise_flag_sum = noise_flag_index = 0;
-}
 
 void no_progress(std::uint64_t, std::uint64_t) {}
 
@@ -52,7 +46,7 @@ struct Scene {
   }
 
   void inspect() const {
-    forget_quiet_frames();
+    se::nn::forget_quiet_frames();
     se_tool::inspect(task, no_progress);
   }
 
@@ -79,7 +73,7 @@ TEST(Inspect, TheLastStageIsTheOutputOfTheToolInEveryMode) {
     Task plain = scene.task;
     plain.output = scene.folder / "plain.wav";
     plain.format = SoundFormat::kWavFloat;
-    forget_quiet_frames();
+    se::nn::forget_quiet_frames();
     enhance(plain, no_progress);
     const std::vector<float> expected = read_sound(plain.output).samples;
     EXPECT_EQ(scene.stage("9-limited.wav"), expected) << mode_name(mode);

@@ -3,36 +3,25 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
-#include <iterator>
 #include <memory>
 #include <optional>
 #include <vector>
 
 #include "aligned_inputs.h"
 #include "audio_output.h"
+#include "engine/owned_engine.h"
 #include "errors.h"
 #include "growing_queue.h"
+#include "nn/quiet_history.h"
 #include "plot.h"
 #include "signals.h"
 #include "spectrogram.h"
-#include "speechenhance/denoiser.h"
 
 namespace se_tool {
 namespace {
 
 constexpr std::size_t kBlock = SE_BLOCK_LEN;
 constexpr int kBlocksPerProgress = 50;
-
-struct DestroyEngine {
-  void operator()(SEInstance* engine) const { se_destroy(engine); }
-};
-using EngineHandle = std::unique_ptr<SEInstance, DestroyEngine>;
-
-// The denoiser's history of quiet frames outlives engines: as at the start of the process.
-void forget_quiet_frames() {
-  noise_flag = noise_flag_sum = noise_flag_index = 0;
-  std::fill(std::begin(noise_buf), std::end(noise_buf), 0);
-}
 
 // The engine between inputs and outputs that belong to the same samples: what comes out is held
 // against the input of `delay` samples earlier.
@@ -44,7 +33,7 @@ class AlignedEngine {
         suppress_(settings.mode == Mode::kSuppress),
         to_drop_(static_cast<std::size_t>(engine_delay(settings))) {
     if (!engine_) throw Error(ExitCode::kInternal, "not enough memory for the engine");
-    forget_quiet_frames();
+    se::nn::forget_quiet_frames();
     set_nn_process_config(engine_.get(), engine_config(settings));
   }
 
@@ -76,7 +65,7 @@ class AlignedEngine {
   double seconds() const { return seconds_; }
 
  private:
-  EngineHandle engine_;
+  se::OwnedEngine engine_;
   bool denoised_alone_;
   bool suppress_;
   std::size_t to_drop_;  // samples that come out before the first one belongs to the input

@@ -3,16 +3,12 @@
 #include <cmath>
 #include <sstream>
 
+#include "engine/delays.h"
 #include "engine/setting_ranges.h"
 #include "errors.h"
 
 namespace se_tool {
 namespace {
-
-// Analysis and synthesis, then five blocks of the denoiser's look-ahead.
-constexpr int kTransformDelay = 352;
-constexpr int kLookAhead = 5 * SE_BLOCK_LEN;
-constexpr int kLimiterDelay = 16;
 
 template <class T>
 void check_range(const char* what, double value, const se::SettingRange<T>& range,
@@ -109,7 +105,7 @@ NnProcessConfig engine_config(const Settings& settings) {
 }
 
 int engine_delay(const Settings& settings) {
-  return kTransformDelay + kLookAhead + (settings.limiter ? kLimiterDelay : 0);
+  return se::kDenoiserDelay + (settings.limiter ? se::kLimiterDelay : 0);
 }
 
 }  // namespace se_tool

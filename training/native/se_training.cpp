@@ -3,9 +3,7 @@
 #include <algorithm>
 #include <cstring>
 #include <initializer_list>
-#include <iterator>
 #include <limits>
-#include <memory>
 #include <new>
 #include <sstream>
 #include <string>
@@ -14,11 +12,13 @@
 
 #include "engine/front_end.h"
 #include "engine/gain_rule.h"
+#include "engine/owned_engine.h"
 #include "engine/se_instance.h"
 #include "kernels/kernels.h"
 #include "nn/denoiser.h"
 #include "nn/model_file.h"
 #include "nn/network.h"
+#include "nn/quiet_history.h"
 #include "speechenhance/denoiser.h"
 #include "speechenhance/speechenhance.h"
 #include "speechenhance/zel_stft.h"
@@ -32,10 +32,6 @@ constexpr int kHop = kSampleRate / 1000 * se::kFrameMs;
 constexpr int kMics = 2;
 
 using Memory = std::vector<unsigned char>;
-
-struct Destroy {
-  void operator()(SEInstance* engine) const { se_destroy(engine); }
-};
 
 // One engine over whole scenes: two microphones and the reference, a frame at a time.
 class Engine {
@@ -51,7 +47,7 @@ class Engine {
   }
 
  private:
-  std::unique_ptr<SEInstance, Destroy> engine_;
+  se::OwnedEngine engine_;
 };
 
 // Samples of frame `t` of both microphones, one block after the other.
@@ -84,12 +80,6 @@ class Model {
   const DenoiseModel* model_ = &nn_denoise_model;
   const char* error_ = nullptr;
 };
-
-// Every scene starts with an empty quiet-frame history, as a process of its own would.
-void forget_quiet_frames() {
-  std::fill(std::begin(noise_buf), std::end(noise_buf), 0);
-  noise_flag = noise_flag_sum = noise_flag_index = 0;
-}
 
 using Fields = std::initializer_list<std::pair<const char*, double>>;
 
@@ -182,7 +172,7 @@ const char* se_training_network(const unsigned char* model_file, long size, cons
                                 int frames, float* gains) {
   const Model model(model_file, size);
   if (model.error()) return model.error();
-  forget_quiet_frames();
+  nn::forget_quiet_frames();
   const Engine engine(model.get());
   for (int t = 0; t < frames; ++t) {
     const float* bands = nn::run_network(engine.denoiser(), features + t * nn::kFeatures);
@@ -200,7 +190,7 @@ const char* se_training_engine(const unsigned char* model_file, long size, const
                                int use_ns, const NnProcessConfig* config, float* out) {
   const Model model(model_file, size);
   if (model.error()) return model.error();
-  forget_quiet_frames();
+  nn::forget_quiet_frames();
   const Engine engine(model.get());
   if (config) set_nn_process_config(engine.get(), *config);
   for (int t = 0; t < frames; ++t) {

@@ -9,6 +9,7 @@
 #include <random>
 
 #include "aligned_inputs.h"
+#include "engine/owned_engine.h"
 #include "engine/pipeline.h"
 #include "errors.h"
 #include "inspect/band_gains.h"
@@ -21,8 +22,8 @@ namespace se_tool {
 namespace {
 
 constexpr std::size_t kBlock = SE_BLOCK_LEN;
-constexpr int kTransformDelay = se::kFrameLen - SE_BLOCK_LEN;
-constexpr int kDenoiserDelay = kTransformDelay + se::kLookAhead * SE_BLOCK_LEN;
+using se::kDenoiserDelay;
+using se::kTransformDelay;
 constexpr std::uint64_t kBlocksPerProgress = 50;
 
 // Turns power spectra into noise of that power: frames of random phase. They add up by power, not
@@ -46,10 +47,6 @@ class NoiseOfPower {
  private:
   std::mt19937 random_;  // the same sound on every run
   std::array<zel_lcomplex, se::kNumBins> spectrum_ = {};
-};
-
-struct DestroyEngine {
-  void operator()(SEInstance* engine) const { se_destroy(engine); }
 };
 
 // The engine, and the watch on its stages.
@@ -160,7 +157,7 @@ class Inspector {
   }
 
   Mode mode_;
-  std::unique_ptr<SEInstance, DestroyEngine> engine_;
+  se::OwnedEngine engine_;
   StageSound microphone_, reference_, echo_reduced_;
   BandGains gains_;
   StageSound denoised_, noise_, suppressed_, equalised_, limited_;
