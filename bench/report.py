@@ -3,22 +3,19 @@
 
     report.py RESULTS_FOLDER DOCUMENT.md
 
-Reads engine.json (Google Benchmark), kernels.txt (kernels_bench), counts.json, scale.json, jobs.json,
-overhead.json, sizes.json, tanh.json and machine.json; the plots go into a folder named like the document.
+The plots go into a folder named like the document.
 """
 
 import json
-import re
 import statistics
 import sys
 from pathlib import Path
 
 import plots
+from results import FRAME_US, Results, Spread, growth, overheads, streams_at_most
+from targets import LABELS, STREAMING_TARGETS, number, quotient, targets
 
-FRAME_US = 10_000
 MARKS = {True: "met", False: "**missed**", None: "not measured"}
-LABELS = {"denoise": "denoised path only", "full": "everything on", "speexdsp": "SpeexDSP",
-          "webrtc": "WebRTC audio processing", "fftw3f": "FFTW3"}
 
 # Products of one frame: for every layer the multiply-adds, and whether its weights serve once (GRU, head)
 # or at every position along frequency (convolutions).
@@ -28,8 +25,6 @@ DENSE_PRODUCTS = 2 * 600 * (128 + 200) + 2 * 600 * (200 + 200) + 400 * 128
 # Instructions for 16 weights by 16-bit values: loads, widening, multiply-adds, sums. A widened weight of a
 # convolution is used again; AVX2 multiplies two parts of GRU activations as bytes.
 LEAST = {"avx2": (2.5, 2), "neon": (6.5, 4.5)}
-# Frame over streaming the weights, at most, by kind of multiply-add.
-STREAMING_TARGETS = (("int16", 1.8), ("bytes", 4.0))
 
 
 def real_transform_flops(n):
@@ -38,122 +33,9 @@ def real_transform_flops(n):
     return 2 * n * (n.bit_length() - 1) - 4 * n + 6
 
 
-class Spread:
-    """Median and quartiles of repeated measurements."""
-
-    def __init__(self, values):
-        self.median = statistics.median(values)
-        self.low, _, self.high = statistics.quantiles(values, n=4, method="inclusive")
-
-    def text(self, digits=1):
-        return f"{self.median:.{digits}f} ({self.low:.{digits}f} – {self.high:.{digits}f})"
-
-
-class Results:
-    def __init__(self, folder):
-        def load(name):
-            return json.loads((folder / name).read_text())
-
-        self.times = {}  # microseconds, by "contender/variant"
-        repetitions = {}
-        self.stream_bytes = 0
-        for run in load("engine.json")["benchmarks"]:
-            if run["run_type"] == "iteration":
-                repetitions.setdefault(run["run_name"], []).append(run["cpu_time"] / 1000)
-                self.stream_bytes = int(run.get("bytes", self.stream_bytes))
-        for name, values in repetitions.items():
-            self.times[name] = Spread(values)
-        self.repetitions = max(map(len, repetitions.values()))
-        self.kernels = {}  # nanoseconds by kernel and variant
-        for line in (folder / "kernels.txt").read_text().splitlines():
-            times = re.findall(r"(\w+) +([\d.]+) ns", line)
-            if times:
-                name = line[: line.index(times[0][0] + " ")].strip()
-                self.kernels[name] = {variant: float(time) for variant, time in times}
-        self.counts = load("counts.json")
-        scale = load("scale.json")
-        self.scale = [entry for entry in scale if entry["frames_per_turn"] == 1]
-        self.turns = [entry for entry in scale if entry["threads"] == 1 and
-                      entry["engines"] == max(other["engines"] for other in scale)]
-        self.jobs = load("jobs.json")
-        self.overhead = load("overhead.json")
-        self.sizes = load("sizes.json")
-        self.tanh = load("tanh.json")
-        self.machine = load("machine.json")
-        # Best first, as the library lists them.
-        self.variants = [v for v in reversed(self.counts["x86-64"]) if f"full/{v}" in self.times]
-        streams = [name for name in self.times if name.startswith("stream/")]
-        # By kind of multiply-add ("bytes", "int16"), the fastest pass.
-        self.limits = {kind: min((n for n in streams if n.startswith(f"stream/{kind}_")),
-                                 key=lambda name: self.times[name].median) for kind in ("bytes", "int16")}
-
-    def instructions(self, architecture, variant, contender):
-        return self.counts.get(architecture, {}).get(variant, {}).get("instructions", {}).get(contender)
-
-    def bare(self, variant):
-        """Products of the GRU layers and the head, and of the convolutions; None where they were not measured."""
-        names = [f"products/{kind}_{variant}" for kind in ("dense", "convolutions")]
-        return [self.times[name].median for name in names] if names[0] in self.times else None
-
-    def ratio(self, a, b):
-        return self.times[a].median / self.times[b].median
-
-
 def table(header, rows):
     lines = ["| " + " | ".join(header) + " |", "|" + "|".join(["---"] + ["---:"] * (len(header) - 1)) + "|"]
     return lines + ["| " + " | ".join(str(cell) for cell in row) + " |" for row in rows]
-
-
-def number(value):
-    return "–" if value is None else f"{value:,.0f}"
-
-
-def quotient(a, b):
-    return a / b if a and b else None
-
-
-def targets(r):
-    """(what, target, measured, met); not measured is None."""
-    best = r.variants[0]
-    peers = ("speexdsp", "webrtc")
-    transform = min((f"rfft512/{v}" for v in r.variants), key=lambda name: r.times[name].median)
-    stack = max(s["memory"]["stack"]["full"] for s in r.sizes.values())
-    hashes = {entry["hash"]["full"] for architecture in ("x86-64", "armv7", "aarch64")
-              for entry in r.counts.get(architecture, {}).values() if "hash" in entry}
-    rows = []
-    for variant, limits in (("avx512", (0.75, 0.90)), ("avx2", (1.00, 1.20))):
-        for peer, limit in zip(peers, limits):
-            ratio = r.ratio(f"full/{variant}", f"{peer}/debian") if f"full/{variant}" in r.times else None
-            rows.append((f"time ({variant}) over {LABELS[peer]}", f"≤ {limit:.2f}", f"{ratio:.2f}" if ratio else "–",
-                         ratio and ratio <= limit))
-    for kind, most in STREAMING_TARGETS:
-        ratio = r.ratio(f"full/{best}", r.limits[kind])
-        rows.append((f"time ({best}) over streaming the weights, {kind}", f"≤ {most}", f"{ratio:.2f}", ratio <= most))
-    for architecture, variant, most in (("x86-64", "avx2", 370_000), ("armv7", "neon", 800_000),
-                                        ("aarch64", "neon", 760_000), ("aarch64", "dotprod", 500_000)):
-        count = r.instructions(architecture, variant, "full")
-        rows.append((f"instructions per frame, {architecture} {variant}", f"≤ {most:,}", number(count),
-                     count and count <= most))
-    for peer in peers:
-        ratio = quotient(r.instructions("x86-64", "avx2", "full"), r.instructions("x86-64", "peers", peer))
-        rows.append((f"instructions (avx2) over {LABELS[peer]}", "< 1", f"{ratio:.2f}" if ratio else "–",
-                     ratio and ratio < 1))
-    for architecture, variant, least in (("x86-64", "avx2", 5), ("armv7", "neon", 3)):
-        gain = quotient(r.instructions(architecture, "scalar", "full"), r.instructions(architecture, variant, "full"))
-        rows.append((f"scalar instructions over {variant.upper()}, {architecture}", f"≥ {least}",
-                     f"{gain:.2f}" if gain else "–", gain and gain >= least))
-    rows.append((f"512-point real transform ({transform.split('/')[1]}) over FFTW3, time", "≤ 1.0",
-                 f"{r.ratio(transform, 'fftw3f/debian'):.2f}", r.ratio(transform, "fftw3f/debian") <= 1.0))
-    for label, entry in r.overhead["sets"].items():
-        ratio = statistics.median(overheads(entry))
-        rows.append((f"CPU time of `batch` over engine and codecs, files of {label}", "≤ 1.15", f"{ratio:.2f}",
-                     ratio <= 1.15))
-    resident = r.overhead["hour"]["max_rss_bytes"]
-    rows.append(("memory of a process of `batch`, an hour of audio, bytes", "< 16,777,216", number(resident),
-                 resident < 1 << 24))
-    rows.append(("stack of `se_process`, bytes", "≤ 24,576", number(stack), stack <= 24_576))
-    rows.append(("output hashes over all variants and architectures", "1", len(hashes), len(hashes) == 1))
-    return rows
 
 
 def section_targets(r):
@@ -330,19 +212,6 @@ def bare_products(r, product_kernels):
                             "products alone / streaming"), rows)]
 
 
-def streams_at_most(r):
-    """How many streams one core and all cores hold, by the CPU time of the most engines measured."""
-    most = max(entry["engines"] for entry in r.scale)
-    return [int(entry["threads"] * FRAME_US / entry["cpu_us"]["median"])
-            for entry in sorted(r.scale, key=lambda entry: entry["threads"]) if entry["engines"] == most]
-
-
-def growth(by_threads):
-    """How many times as much all cores do as one, from the entries of one number of engines."""
-    cores = max(by_threads)
-    return cores * by_threads[1]["cpu_us"]["median"] / by_threads[cores]["cpu_us"]["median"]
-
-
 def section_machines(r):
     """The last figures of every kind of machine, this one's brought up to date (bench/machines.json)."""
     path = Path(__file__).with_name("machines.json")
@@ -436,10 +305,6 @@ def section_scale(r, folder):
         wall, cpu = (min(run[key] for run in runs) for key in ("wall_s", "cpu_s"))
         rows.append((f"`--jobs {jobs}`", f"{wall:.2f}", f"{audio / wall:,.0f} ×", f"{cpu:.2f}"))
     return lines + table(("", "wall, s", "real time", "CPU, s"), rows)
-
-
-def overheads(entry):
-    return [run["tool_cpu_s"] / run["alone_cpu_s"] for run in entry["rounds"]]
 
 
 def section_batch(r):
