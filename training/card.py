@@ -62,7 +62,7 @@ def draft(scores: Path, name: str, checkpoint: Path) -> str:
     far = (scores / "far.md").read_text().partition("\nSTOI gained by")[0].strip()
     table = evaluate.targets_table(results["processors"], results["standard errors of the engine"])
     plots.learning(log, scores / "learning.png")
-    return TEXT.format(name=name, count=results["scenes per condition"], targets="\n".join(table),
+    return TEXT.format(name=name, count=results["scenes per condition"], targets="\n".join(table).rstrip(),
                        far=far, notes=notes.read_text())
 
 

@@ -126,22 +126,19 @@ def targets(results: dict, errors: dict) -> list[tuple[str, str, dict[str, str],
 def targets_table(results: dict, errors: dict) -> list[str]:
     rows = targets(results, errors)
     peers = list(rows[0][2])
-    return ["| " + " | ".join(["target", "measured", *peers, "reached"]) + " |",
-            "|---|---|" + "---|" * len(peers) + "---|",
-            *("| " + " | ".join([what, value, *theirs.values(), "yes" if ok else "**no**"]) + " |"
-              for what, value, theirs, ok in rows)]
+    return validation.markdown(["target", "measured", *peers, "reached"],
+                               [[what, value, *theirs.values(), "yes" if ok else "**no**"]
+                                for what, value, theirs, ok in rows])
 
 
 def as_markdown(results: dict, errors: dict, count: int) -> str:
     lines = targets_table(results, errors)
     for condition in CONDITIONS:
         keys = list(next(iter(results.values()))[condition.name])
-        lines += ["", f"{condition.name} ({count} scenes)", "",
-                  "| | " + " | ".join(keys) + " |", "|---|" + "---|" * len(keys)]
-        lines += [f"| {name} | " + " | ".join(f"{row[condition.name].get(k, float('nan')):.3g}"
-                                              for k in keys) + " |"
-                  for name, row in results.items()]
-    return "\n".join(lines) + "\n"
+        lines += [f"{condition.name} ({count} scenes)", "", *validation.markdown(["", *keys], [
+            [name, *(f"{row[condition.name].get(k, float('nan')):.3g}" for k in keys)]
+            for name, row in results.items()])]
+    return "\n".join(lines)
 
 
 def pictures(results: dict, processor, scenes: dict, folder: Path) -> None:

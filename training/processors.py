@@ -96,23 +96,31 @@ def with_settings(name: str, settings: dict, model: bytes | None, evened: bool =
                   use_ns=mode == "suppress", config=config)
 
 
-def network(name: str, net, quantised: bool = True) -> Processor:
-    """The engine's path with the network in PyTorch, with or without its rounding."""
-    rule = GainRule()
+def _by_band_values(name: str, band_values) -> Processor:
+    """The engine's path with `band_values(scene, spectra of microphone 1, front end, far end)` as the network."""
+    rule, lag = GainRule(), SHAPE.lookahead
 
     def run(scene, echo):
         front = library.front_end(*scene.microphones, scene.reference)
+        mixture = front.microphones[:-lag, 1]
+        far_end = torch.from_numpy(front.energy[lag:] > FAR_END_ENERGY)
+        values = band_values(scene, mixture, front, far_end)
+        gain = rule.applied(rule.raw(values), far_end).numpy()
+        return library.synthesise(np.concatenate([np.zeros((lag, SHAPE.bins)), mixture * gain]))
+
+    return Processor(name, run)
+
+
+def network(name: str, net, quantised: bool = True) -> Processor:
+    """The engine's path with the network in PyTorch, with or without its rounding."""
+    def band_values(scene, mixture, front, far_end):
         with torch.no_grad():
             net.set_quantised(quantised)
             values = net.whole_scene(torch.from_numpy(front.features))
             net.set_quantised(True)
-            far_end = torch.from_numpy(front.energy[SHAPE.lookahead:] > FAR_END_ENERGY)
-            gain = rule.applied(rule.raw(values), far_end).numpy()
-        spectra = np.concatenate([np.zeros((SHAPE.lookahead, SHAPE.bins)),
-                                  front.microphones[:len(gain), 1] * gain])
-        return library.synthesise(spectra)
+        return values
 
-    return Processor(name, run)
+    return _by_band_values(name, band_values)
 
 
 def ideal() -> Processor:
@@ -121,20 +129,14 @@ def ideal() -> Processor:
     rule = GainRule()
     members = (rule.expansion.T.numpy() > 0).astype(np.float32)  # (bins, bands)
 
-    def run(scene, echo):
-        front = library.front_end(*scene.microphones, scene.reference)
-        lag = SHAPE.lookahead
-        mixture = front.microphones[:-lag, 1]
+    def band_values(scene, mixture, front, far_end):
         target = np.pad(scene.target, (0, len(scene.reference) - len(scene.target)))
-        target = library.analyse(target)[:-lag]
+        target = library.analyse(target)[:len(mixture)]
         energy = (np.abs(mixture) ** 2) @ members
         wanted = ((mixture.conj() * target).real @ members) / (energy + 1e-20)
-        far_end = torch.from_numpy(front.energy[lag:] > FAR_END_ENERGY)
-        values = rule.values(torch.from_numpy(wanted.clip(0, 1)), far_end)
-        gain = rule.applied(rule.raw(values), far_end).numpy()
-        return library.synthesise(np.concatenate([np.zeros((lag, SHAPE.bins)), mixture * gain]))
+        return rule.values(torch.from_numpy(wanted.clip(0, 1)), far_end)
 
-    return Processor("ideal gains", run)
+    return _by_band_values("ideal gains", band_values)
 
 
 def written(tables: dict, folder: Path, name: str) -> bytes:

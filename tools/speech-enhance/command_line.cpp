@@ -43,6 +43,17 @@ void refuse_empty_texts(const CLI::App& app) {
   }
 }
 
+// The number that is the whole text; `kind` says what the text is not.
+template <class Number>
+Number parse_whole_text(const std::string& text, const std::string& option, const char* kind) {
+  Number value = 0;
+  const char* end = text.data() + text.size();
+  const auto [stop, error] = std::from_chars(text.data(), end, value);
+  if (error != std::errc() || stop != end)
+    usage_error(option + ": \"" + text + "\" is not " + kind);
+  return value;
+}
+
 std::string first_line(const std::string& text) {
   return text.substr(0, text.find('\n'));
 }
@@ -98,23 +109,11 @@ std::optional<int> parse_delay(const std::string& delay) {
 }
 
 double parse_number(const std::string& text, const std::string& option) {
-  double value = 0;
-  const char* end = text.data() + text.size();
-  const auto [stop, error] = std::from_chars(text.data(), end, value);
-  if (error != std::errc() || stop != end) {
-    usage_error(option + ": \"" + text + "\" is not a number");
-  }
-  return value;
+  return parse_whole_text<double>(text, option, "a number");
 }
 
 int parse_whole_number(const std::string& text, const std::string& option) {
-  int value = 0;
-  const char* end = text.data() + text.size();
-  const auto [stop, error] = std::from_chars(text.data(), end, value);
-  if (error != std::errc() || stop != end) {
-    usage_error(option + ": \"" + text + "\" is not a whole number");
-  }
-  return value;
+  return parse_whole_text<int>(text, option, "a whole number");
 }
 
 std::uint64_t parse_size(const std::string& text, const std::string& option) {
