@@ -92,31 +92,26 @@ namespace {
 
 struct Layout {
   DelayEstimator* state;
-  float* taps;
-  float* fade;
-  float* ref;
-  float* mic;
-  float* work;
-  zel_lcomplex* ref_spec;
-  zel_lcomplex* mic_spec;
-  zel_lcomplex* average;
   void* fft;
   void* fft_scratch;
+  DelayEstimator fields;  // the buffers' places
 };
 
 Layout lay_out(MemoryWalk& mem) {
   constexpr se::RecordSlot kSlot = {sizeof(DelayEstimator) + 7, sizeof(DelayEstimator), 8};
-  return {mem.record<DelayEstimator>(kSlot),
-          mem.buffer<float>(kTaps),
-          mem.buffer<float>(kFade),
-          mem.buffer<float>(kWindow + kHop),
-          mem.buffer<float>(kPart + kHop),
-          mem.buffer<float>(kWindow),
-          mem.buffer<zel_lcomplex>(kBins),
-          mem.buffer<zel_lcomplex>(kBins),
-          mem.buffer<zel_lcomplex>(kBins),
-          mem.nested(zel_fft_r2c_query_mem_api(kWindow)),
-          mem.nested(zel_fft_r2c_query_scratch_mem_api(kWindow))};
+  Layout at = {};
+  at.state = mem.record<DelayEstimator>(kSlot);
+  at.fields.taps = mem.buffer<float>(kTaps);
+  at.fields.fade = mem.buffer<float>(kFade);
+  at.fields.ref = mem.buffer<float>(kWindow + kHop);
+  at.fields.mic = mem.buffer<float>(kPart + kHop);
+  at.fields.work = mem.buffer<float>(kWindow);
+  at.fields.ref_spec = mem.buffer<zel_lcomplex>(kBins);
+  at.fields.mic_spec = mem.buffer<zel_lcomplex>(kBins);
+  at.fields.average = mem.buffer<zel_lcomplex>(kBins);
+  at.fft = mem.nested(zel_fft_r2c_query_mem_api(kWindow));
+  at.fft_scratch = mem.nested(zel_fft_r2c_query_scratch_mem_api(kWindow));
+  return at;
 }
 
 // A Hann-windowed sinc, 6 dB down at 1900 Hz.
@@ -232,24 +227,15 @@ void find_peak(DelayEstimator& e) {
 }  // namespace
 
 size_t delay_estimator_query_mem(void) {
-  MemoryWalk mem;
-  lay_out(mem);
-  return mem.size();
+  return measured(lay_out);
 }
 
 DelayEstimator* delay_estimator_init(void* mem) {
   MemoryWalk walk(mem);
   const Layout at = lay_out(walk);
   DelayEstimator* const e = at.state;
+  *e = at.fields;
   e->fft = zel_fft_init_r2c(kWindow, at.fft, at.fft_scratch);
-  e->taps = at.taps;
-  e->fade = at.fade;
-  e->ref = at.ref;
-  e->mic = at.mic;
-  e->work = at.work;
-  e->ref_spec = at.ref_spec;
-  e->mic_spec = at.mic_spec;
-  e->average = at.average;
   design_low_pass(e->taps);
   for (int i = 0; i < kFade; ++i) {
     e->fade[i] = static_cast<float>(0.5 - 0.5 * std::cos(kPi * (i + 0.5) / kFade));

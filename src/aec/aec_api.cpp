@@ -27,26 +27,21 @@ constexpr float kMaxDrift = 0.00097f;
 struct StaticLayout {
   aec_state* state;
   void* subtraction[2];
-  float* ref_energy;
-  float* power_history_low;
-  float* power_history_mid;
-  float* power_history_high;
-  zel_lcomplex* ref_history_low;
-  zel_lcomplex* ref_history_mid;
-  zel_lcomplex* ref_history_high;
+  aec_state fields;  // the buffers' places
 };
 
 StaticLayout lay_out_static(se::MemoryWalk& mem) {
-  const size_t subtraction_bytes = echo_subtraction_query_mem();
-  return {mem.record<aec_state>(se::kAecSlot),
-          {mem.nested(subtraction_bytes), mem.nested(subtraction_bytes)},
-          mem.buffer<float>(se::kEchoBins),
-          mem.buffer<float>(se::kLowBand.row_entries()),
-          mem.buffer<float>(se::kMidBand.row_entries()),
-          mem.buffer<float>(se::kHighBand.row_entries()),
-          mem.buffer<zel_lcomplex>(se::kLowBand.row_entries()),
-          mem.buffer<zel_lcomplex>(se::kMidBand.row_entries()),
-          mem.buffer<zel_lcomplex>(se::kHighBand.row_entries())};
+  StaticLayout at = {};
+  at.state = mem.record<aec_state>(se::kAecSlot);
+  for (void*& subtraction : at.subtraction) subtraction = mem.nested(echo_subtraction_query_mem());
+  at.fields.ref_energy = mem.buffer<float>(se::kEchoBins);
+  at.fields.power_history_low = mem.buffer<float>(se::kLowBand.row_entries());
+  at.fields.power_history_mid = mem.buffer<float>(se::kMidBand.row_entries());
+  at.fields.power_history_high = mem.buffer<float>(se::kHighBand.row_entries());
+  at.fields.ref_history_low = mem.buffer<zel_lcomplex>(se::kLowBand.row_entries());
+  at.fields.ref_history_mid = mem.buffer<zel_lcomplex>(se::kMidBand.row_entries());
+  at.fields.ref_history_high = mem.buffer<zel_lcomplex>(se::kHighBand.row_entries());
+  return at;
 }
 
 struct ScratchLayout {
@@ -99,15 +94,11 @@ void advance_band(const se::EchoBandShape& band, const zel_lcomplex* ref_spectru
 }  // namespace
 
 size_t aec_query_mem() {
-  se::MemoryWalk mem;
-  lay_out_static(mem);
-  return mem.size();
+  return se::measured(lay_out_static);
 }
 
 size_t aec_query_scratch() {
-  se::MemoryWalk scratch;
-  lay_out_scratch(scratch);
-  return scratch.size();
+  return se::measured(lay_out_scratch);
 }
 
 aec_state* aec_init(void* mem, void* scratch) {
@@ -115,18 +106,14 @@ aec_state* aec_init(void* mem, void* scratch) {
   se::MemoryWalk scratch_walk(scratch);
   const StaticLayout layout = lay_out_static(mem_walk);
   const ScratchLayout temporary = lay_out_scratch(scratch_walk);
-  *layout.state = {
-      {echo_subtraction_init(layout.subtraction[0]), echo_subtraction_init(layout.subtraction[1])},
-      layout.ref_history_low,
-      layout.ref_history_mid,
-      layout.ref_history_high,
-      layout.power_history_low,
-      layout.power_history_mid,
-      layout.power_history_high,
-      layout.ref_energy,
-      temporary.ref_power,
-      temporary.adapt_flags};
-  return layout.state;
+  aec_state* const state = layout.state;
+  *state = layout.fields;
+  for (int mic = 0; mic < 2; ++mic) {
+    state->subtraction[mic] = echo_subtraction_init(layout.subtraction[mic]);
+  }
+  state->ref_power = temporary.ref_power;
+  state->adapt_flags = temporary.adapt_flags;
+  return state;
 }
 
 void aec_process(aec_state* state, zel_lcomplex* const* mic_spectra, float* const* mic_powers,

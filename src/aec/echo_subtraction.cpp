@@ -44,9 +44,7 @@ Layout lay_out(se::MemoryWalk& mem) {
 }  // namespace
 
 size_t echo_subtraction_query_mem() {
-  se::MemoryWalk mem;
-  lay_out(mem);
-  return mem.size();
+  return se::measured(lay_out);
 }
 
 echo_subtraction_state* echo_subtraction_init(void* mem) {

@@ -9,6 +9,9 @@
 //   Layout lay_out(MemoryWalk& mem) {
 //     return {mem.record<LimiterStruct>(kLimiterSlot), mem.buffer<float>(3 * 16)};
 //   }
+//   size_t limiter_query_mem() { return measured(lay_out); }
+//
+// A module of many buffers lets the walk fill in a record, `fields`, with which its init begins.
 //
 // Braced initialisers evaluate in order, so the order of the fields is the order in memory. The
 // address handed in may have any alignment: every slot is consumed whole, slack included, whether
@@ -80,5 +83,13 @@ class MemoryWalk {
   std::uintptr_t base_ = 0;
   std::size_t used_ = 0;
 };
+
+// The bytes of the walk that `lay_out` describes.
+template <class LayOut, class... Sizes>
+std::size_t measured(LayOut lay_out, Sizes... sizes) {
+  MemoryWalk mem;
+  lay_out(mem, sizes...);
+  return mem.size();
+}
 
 }  // namespace se

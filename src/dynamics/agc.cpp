@@ -108,9 +108,7 @@ bool updates(AgcState& s, bool active) {
 }  // namespace
 
 size_t agc_query_mem() {
-  se::MemoryWalk mem;
-  lay_out(mem);
-  return mem.size();
+  return se::measured(lay_out);
 }
 
 AgcState* agc_init(void* mem, float window_energy_db) {

@@ -23,9 +23,7 @@ Layout lay_out(se::MemoryWalk& mem) {
 }  // namespace
 
 size_t agc_core_query_mem() {
-  se::MemoryWalk mem;
-  lay_out(mem);
-  return mem.size();
+  return se::measured(lay_out);
 }
 
 size_t agc_core_query_scratch() {

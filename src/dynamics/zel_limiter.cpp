@@ -77,9 +77,7 @@ void limiter_process_float_one_frame(LimiterStruct& state, float* block, float m
 }  // namespace
 
 size_t limiter_query_mem() {
-  se::MemoryWalk mem;
-  lay_out(mem);
-  return mem.size();
+  return se::measured(lay_out);
 }
 
 LimiterStruct* limiter_init(void* mem) {

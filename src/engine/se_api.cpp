@@ -27,21 +27,14 @@ constexpr std::int32_t kAecDelay = 320;   // samples, nominal
 // Where everything lies in the static block, and what the groups of the report take of it.
 struct Layout {
   SEInstance* instance;
-  zel_lcomplex* mic_spec[2];
-  float* mic_pow[2];
-  float* window;
+  SEInstance fields;  // the buffers' places
   void* stft_mic[2];
   void* stft_out;
   void* aec;
   void* stft_ref;
-  zel_lcomplex* ref_spec;
   void* nn;
   void* noise_est;
-  float* noise_spec;
   void* noise_sup;
-  zel_lcomplex* ns_spec;
-  zel_lcomplex* spec_history;
-  float* nn_gain;
   void* agc;
   void* limiter;
 
@@ -52,8 +45,8 @@ Layout lay_out(MemoryWalk mem) {
   const std::size_t analysis_bytes = zel_stft_query_mem(kFrameLen, kAnalysis);
   Layout at{};
   at.instance = mem.record<SEInstance>(se::kInstanceSlot);
-  for (zel_lcomplex*& spectrum : at.mic_spec) spectrum = mem.buffer<zel_lcomplex>(kNumBins);
-  for (float*& power : at.mic_pow) power = mem.buffer<float>(kNumBins);
+  for (zel_lcomplex*& spectrum : at.fields.mic_spec) spectrum = mem.buffer<zel_lcomplex>(kNumBins);
+  for (float*& power : at.fields.mic_pow) power = mem.buffer<float>(kNumBins);
 
   std::size_t group = mem.size();
   const auto close_group = [&mem, &group] {
@@ -61,23 +54,23 @@ Layout lay_out(MemoryWalk mem) {
     group = mem.size();
     return bytes;
   };
-  at.window = mem.buffer<float>(kFrameLen);
+  at.fields.window = mem.buffer<float>(kFrameLen);
   for (void*& stft : at.stft_mic) stft = mem.nested(analysis_bytes);
   at.stft_out = mem.nested(zel_stft_query_mem(kFrameLen, kSynthesis));
   at.stft_bytes = close_group();
 
   at.aec = mem.nested(aec_query_mem());
   at.stft_ref = mem.nested(analysis_bytes);
-  at.ref_spec = mem.buffer<zel_lcomplex>(kNumBins);
+  at.fields.ref_spec = mem.buffer<zel_lcomplex>(kNumBins);
   at.aec_bytes = close_group();
 
   at.nn = mem.nested(static_cast<std::size_t>(nn_query_mem_api()));
   at.noise_est = mem.nested(noise_estimate_query_mem(kFrameMs, kNumBins));
-  at.noise_spec = mem.buffer<float>(kNumBins);
+  at.fields.noise_spec = mem.buffer<float>(kNumBins);
   at.noise_sup = mem.nested(noise_suppress_query_mem(kNumBins));
-  at.ns_spec = mem.buffer<zel_lcomplex>(kNumBins);
-  at.spec_history = mem.buffer<zel_lcomplex>(se::kHistoryLen * kNumBins);
-  at.nn_gain = mem.buffer<float>(kNumBins);
+  at.fields.ns_spec = mem.buffer<zel_lcomplex>(kNumBins);
+  at.fields.spec_history = mem.buffer<zel_lcomplex>(se::kHistoryLen * kNumBins);
+  at.fields.nn_gain = mem.buffer<float>(kNumBins);
   at.nn_bytes = close_group();
 
   at.agc = mem.nested(agc_core_query_mem());
@@ -114,11 +107,6 @@ float running_energy(const float* window) {
 }
 
 void initialise(SEInstance* s, const Layout& at, void* scratch, const DenoiseModel* model) {
-  for (int c = 0; c < 2; ++c) {
-    s->mic_spec[c] = at.mic_spec[c];
-    s->mic_pow[c] = at.mic_pow[c];
-  }
-  s->window = at.window;
   zel_stft_generate_win(kFrameLen, s->window);
   const float lane_energy = se::kernels().spectral->sum_of_squares(s->window, kFrameLen);
 
@@ -129,14 +117,9 @@ void initialise(SEInstance* s, const Layout& at, void* scratch, const DenoiseMod
   s->stft_out = zel_stft_init(at.stft_out, scratch, s->window, kFrameLen, SE_BLOCK_LEN, kSynthesis);
   s->aec = aec_init(at.aec, scratch);
   s->stft_ref = zel_stft_init(at.stft_ref, scratch, s->window, kFrameLen, SE_BLOCK_LEN, kAnalysis);
-  s->ref_spec = at.ref_spec;
   s->nn = se::nn::init_denoiser(at.nn, scratch, model);
   s->noise_est = noise_estimate_init(at.noise_est, scratch, kFrameMs, kNumBins, lane_energy);
-  s->noise_spec = at.noise_spec;
   s->noise_sup = noise_suppress_init(at.noise_sup, scratch, kFrameMs, kNumBins, kMaxAttenuationDb);
-  s->ns_spec = at.ns_spec;
-  s->spec_history = at.spec_history;
-  s->nn_gain = at.nn_gain;
 
   s->win_energy = running_energy(s->window);
   s->win_energy_db = s->win_energy > 0.0f ? 10.0f * std::log10(s->win_energy) : kNoEnergyDb;
@@ -147,6 +130,7 @@ void initialise(SEInstance* s, const Layout& at, void* scratch, const DenoiseMod
 // An instance in two zero-filled blocks.
 SEInstance* place(void* static_mem, void* scratch_mem, const DenoiseModel* model) {
   const Layout at = lay_out(MemoryWalk(static_mem));
+  *at.instance = at.fields;
   at.instance->static_mem = static_mem;
   at.instance->scratch_mem = scratch_mem;
   initialise(at.instance, at, scratch_mem, model);

@@ -55,17 +55,15 @@ using namespace se;
 using namespace se::nn;
 
 int conv2d_query_mem(int past_frames, int in_channels, int in_width, int freq_pad) {
-  MemoryWalk mem;
-  lay_out_static(mem, past_frames + 1, in_channels * (in_width + 2 * freq_pad));
-  return static_cast<int>(mem.size());
+  return static_cast<int>(
+      measured(lay_out_static, past_frames + 1, in_channels * (in_width + 2 * freq_pad)));
 }
 
 int conv2d_query_scratch(int in_channels, int kernel_time, int kernel_freq, int in_width,
                          int groups) {
-  MemoryWalk scratch;
-  lay_out_scratch(scratch, kernel_row(in_channels, kernel_time, kernel_freq, groups), in_channels,
-                  in_width);
-  return static_cast<int>(scratch.size());
+  return static_cast<int>(measured(lay_out_scratch,
+                                   kernel_row(in_channels, kernel_time, kernel_freq, groups),
+                                   in_channels, in_width));
 }
 
 Conv2D* conv2d_init(void* mem, void* scratch, const Conv2DLayer* layer, int past_frames,

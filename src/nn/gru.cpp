@@ -90,15 +90,11 @@ using namespace se;
 using namespace se::nn;
 
 int gru_query_mem(int hidden) {
-  MemoryWalk mem;
-  lay_out_static(mem, hidden);
-  return static_cast<int>(mem.size());
+  return static_cast<int>(measured(lay_out_static, hidden));
 }
 
 int gru_query_scratch(int hidden, int input) {
-  MemoryWalk scratch;
-  lay_out_scratch(scratch, hidden, input);
-  return static_cast<int>(scratch.size());
+  return static_cast<int>(measured(lay_out_scratch, hidden, input));
 }
 
 Gru* gru_init(void* mem, void* scratch, const GRULayer* layer, int hidden, int input) {

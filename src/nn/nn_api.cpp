@@ -189,16 +189,12 @@ using namespace se;
 using namespace se::nn;
 
 int nn_query_mem_api() {
-  MemoryWalk mem;
-  lay_out_static(mem);
-  return static_cast<int>(mem.size());
+  return static_cast<int>(measured(lay_out_static));
 }
 
 // Layers and driver use the scratch block one after another.
 int nn_query_scratch_api() {
-  MemoryWalk own;
-  lay_out_scratch(own);
-  int bytes = static_cast<int>(own.size());
+  int bytes = static_cast<int>(measured(lay_out_scratch));
   const auto at_least = [&bytes](int need) { bytes = need > bytes ? need : bytes; };
   for (const ConvShape& shape : kConv) {
     at_least(conv2d_query_scratch(shape.in_channels, kKernelTime, shape.kernel_freq, shape.in_width,

@@ -38,22 +38,20 @@ int32_t valid_num_bins(int32_t num_bins) {
 
 struct Layout {
   NoiseEstimator* state;
-  float* power_history;
-  float* smooth_noise;
-  float* min_power;
-  float* candidate_min;
-  float* min_age;
+  NoiseEstimator fields;  // the buffers' places
 };
 
 Layout lay_out_static(se::MemoryWalk& mem, int32_t frame_ms, int32_t num_bins) {
   const auto bins = static_cast<size_t>(valid_num_bins(num_bins));
   const auto span = static_cast<size_t>(kShortSpanMs / valid_frame_ms(frame_ms));
-  return {mem.record<NoiseEstimator>(se::kNoiseEstimatorSlot),
-          mem.buffer<float>(span * bins),
-          mem.buffer<float>(bins),
-          mem.buffer<float>(bins),
-          mem.buffer<float>(bins),
-          mem.buffer<float>(bins)};
+  Layout at = {};
+  at.state = mem.record<NoiseEstimator>(se::kNoiseEstimatorSlot);
+  at.fields.power_history = mem.buffer<float>(span * bins);
+  at.fields.smooth_noise = mem.buffer<float>(bins);
+  at.fields.min_power = mem.buffer<float>(bins);
+  at.fields.candidate_min = mem.buffer<float>(bins);
+  at.fields.min_age = mem.buffer<float>(bins);
+  return at;
 }
 
 float* lay_out_scratch(se::MemoryWalk& scratch, int32_t num_bins) {
@@ -108,15 +106,11 @@ void follow(NoiseEstimator& s, const float* power) {
 }  // namespace
 
 size_t noise_estimate_query_mem(int32_t frame_ms, int32_t num_bins) {
-  se::MemoryWalk mem;
-  lay_out_static(mem, frame_ms, num_bins);
-  return mem.size();
+  return se::measured(lay_out_static, frame_ms, num_bins);
 }
 
 size_t noise_estimate_query_scratch(int32_t num_bins) {
-  se::MemoryWalk scratch;
-  lay_out_scratch(scratch, num_bins);
-  return scratch.size();
+  return se::measured(lay_out_scratch, num_bins);
 }
 
 NoiseEstimator* noise_estimate_init(void* mem, void* scratch, int32_t frame_ms, int32_t num_bins,
@@ -125,6 +119,7 @@ NoiseEstimator* noise_estimate_init(void* mem, void* scratch, int32_t frame_ms, 
   se::MemoryWalk scratch_walk(scratch);
   const Layout layout = lay_out_static(mem_walk, frame_ms, num_bins);
   NoiseEstimator& s = *layout.state;
+  s = layout.fields;
   s.frame_ms = valid_frame_ms(frame_ms);
   s.num_bins = valid_num_bins(num_bins);
   s.frames_per_sec = 1000 / s.frame_ms;
@@ -132,15 +127,8 @@ NoiseEstimator* noise_estimate_init(void* mem, void* scratch, int32_t frame_ms, 
   s.noise_floor = window_energy * kFloor;
   s.avg_power = lay_out_scratch(scratch_walk, num_bins);
   s.history_len = kShortSpanMs / s.frame_ms;
-  s.power_history = layout.power_history;
-  s.history_pos = 0;
-  s.min_power = layout.min_power;
-  s.candidate_min = layout.candidate_min;
-  s.min_age = layout.min_age;
-  s.smooth_noise = layout.smooth_noise;
   s.window_frames = s.frames_per_sec * kWindowSeconds;
   s.overestimate = kOverestimate;
-  s.frame_count = 0;
   std::fill_n(s.min_power, s.num_bins, kNoMinimum);
   std::fill_n(s.candidate_min, s.num_bins, kNoMinimum);
   return layout.state;

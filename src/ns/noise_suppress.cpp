@@ -72,15 +72,11 @@ void smooth_and_apply(const NoiseSuppressor& s, const zel_lcomplex* in, zel_lcom
 }  // namespace
 
 size_t noise_suppress_query_mem(int32_t num_bins) {
-  se::MemoryWalk mem;
-  lay_out_static(mem, num_bins);
-  return mem.size();
+  return se::measured(lay_out_static, num_bins);
 }
 
 size_t noise_suppress_query_scratch(int32_t num_bins) {
-  se::MemoryWalk scratch;
-  lay_out_scratch(scratch, num_bins);
-  return scratch.size();
+  return se::measured(lay_out_scratch, num_bins);
 }
 
 NoiseSuppressor* noise_suppress_init(void* mem, void* scratch, int32_t frame_ms, int32_t num_bins,

@@ -152,9 +152,7 @@ void ne10_fft_generate_twiddles_float32_x(zel_lcomplex* twiddles, const int32_t*
 }
 
 size_t zel_fft_c2c_float32_query_mem(int nfft) {
-  MemoryWalk mem;
-  lay_out(mem, nfft);
-  return mem.size();
+  return measured(lay_out, nfft);
 }
 
 size_t zel_fft_c2c_float32_query_scratch_mem(int nfft) {

@@ -121,9 +121,7 @@ void fill_general_tables(real_plan* plan) {
 // ---- Powers of two --------------------------------------------------------------------------
 
 size_t zel_fft_r2c_float32_query_mem(int N) {
-  MemoryWalk mem;
-  lay_out_pow2(mem, N);
-  return mem.size();
+  return measured(lay_out_pow2, N);
 }
 
 size_t zel_fft_r2c_float32_query_scratch_mem(int N) {
@@ -176,15 +174,11 @@ void zel_ifft_c2r_float32(float* signal_out, const zel_lcomplex* spectrum_in, r2
 // ---- Other lengths --------------------------------------------------------------------------
 
 size_t zel_fft_real_float32_query_mem(int N) {
-  MemoryWalk mem;
-  lay_out_general(mem, N);
-  return mem.size();
+  return measured(lay_out_general, N);
 }
 
 size_t zel_fft_real_float32_query_scratch_mem(int N) {
-  MemoryWalk scratch;
-  lay_out_general_scratch(scratch, N);
-  return scratch.size();
+  return measured(lay_out_general_scratch, N);
 }
 
 real_plan* zel_fft_real_float32_init(int N, void* mem, void* scratch) {
@@ -238,9 +232,7 @@ void zel_fft_destroy_real_float32(real_plan*) {}
 // ---- The handle over both -------------------------------------------------------------------
 
 size_t zel_fft_r2c_u_float32_query_mem(int N) {
-  MemoryWalk mem;
-  lay_out_handle(mem, N);
-  return mem.size();
+  return measured(lay_out_handle, N);
 }
 
 size_t zel_fft_r2c_u_float32_query_scratch_mem(int N) {

@@ -84,15 +84,11 @@ void zel_stft_generate_win(int n, float* out) {
 }
 
 size_t zel_stft_query_mem(int N, int is_synthesis) {
-  MemoryWalk mem;
-  lay_out(mem, N, is_synthesis != 0);
-  return mem.size();
+  return measured(lay_out, N, is_synthesis != 0);
 }
 
 size_t zel_stft_query_scratch(int N) {
-  MemoryWalk scratch;
-  lay_out_scratch(scratch, N);
-  return scratch.size();
+  return measured(lay_out_scratch, N);
 }
 
 stft_state* zel_stft_init(void* mem, void* scratch, const float* window, int N, int hop,
