@@ -22,6 +22,7 @@
 #include <cstring>
 
 #include "common/module_memory.h"
+#include "meters.h"
 #include "speechenhance/speechenhance.h"
 #include "speechenhance/zel_fft.h"
 
@@ -140,18 +141,12 @@ void decimate(Decimator& d, const float* taps, const float* in, float* out) {
   }
 }
 
-float mean_square(const float* x, int count) {
-  float sum = 0.0f;
-  for (int i = 0; i < count; ++i) sum += x[i] * x[i];
-  return sum / static_cast<float>(count);
-}
-
 // Makes the last samples of both signals the ones that the estimate is made of. False if the
 // reference is too quiet to learn from.
 bool begin(DelayEstimator& e) {
   std::memmove(e.ref, e.ref + kHop, kWindow * sizeof *e.ref);
   std::memmove(e.mic, e.mic + kHop, kPart * sizeof *e.mic);
-  return mean_square(e.ref, kWindow) > kSilence;
+  return se::stream::mean_square(e.ref, kWindow) > kSilence;
 }
 
 // Lets both ends rise from and fall to zero. Both windows end at the same time: without that,

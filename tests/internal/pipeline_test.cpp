@@ -8,6 +8,7 @@
 
 #include "bit_hash.h"
 #include "engine/gain_rule.h"
+#include "engine/owned_engine.h"
 #include "engine/se_instance.h"
 #include "kernels/kernels.h"
 #include "nn/denoiser.h"
@@ -140,24 +141,27 @@ class Reference {
   int far_end_frames_ = 0, gated_ = 0;
 };
 
-TEST(Pipeline, EqualsTheModulesPutTogetherByHand) {
+NnProcessConfig everything_on() {
   NnProcessConfig config = {};
   config.residual_db = 14;
   config.ns_residual_db = 26;
   config.limiter_enable = 1;
-  config.limiter_max_gain = 0.7f;
-  config.limiter_level_db = 3.0f;
+  config.limiter_max_gain = 0.9f;
+  config.limiter_level_db = 6.0f;
   config.low_shelf = {1, 400.0f, 12.0f};
   config.high_shelf = {1, 6000.0f, 5.0f};
-  config.peak[0] = {1000, 4.0f, 2};
+  for (int i = 0; i < 10; ++i) config.peak[i] = {700 * (i + 1), i % 2 ? 3.0f : -3.0f, 4};
+  return config;
+}
 
+TEST(Pipeline, EqualsTheModulesPutTogetherByHand) {
+  const NnProcessConfig config = everything_on();
   const RandomModel model(7);
   for (const bool nn_only : {true, false}) {
     for (const bool use_ns : {true, false}) {
-      testing::internal::CaptureStdout();
-      SEInstance* engine = se::create_instance(model.get());
-      set_nn_process_config(engine, config);
-      testing::internal::GetCapturedStdout();
+      const se::OwnedEngine owned(se::create_instance(model.get()));
+      SEInstance* const engine = owned.get();
+      se::configure(engine, config);
       Reference reference(model.get(), config, engine->dry_mix, engine->ns_dry_mix);
       TestSignal signal(11);
       for (int frame = 0; frame < 150; ++frame) {
@@ -172,7 +176,6 @@ TEST(Pipeline, EqualsTheModulesPutTogetherByHand) {
       EXPECT_GT(reference.far_end_frames(), 20);
       EXPECT_LT(reference.far_end_frames(), 130);
       EXPECT_GT(reference.gated(), 100);
-      se_destroy(engine);
     }
   }
 }
@@ -197,21 +200,9 @@ TEST(GainRule, SquaresAndGatesWhileTheFarEndIsActive) {
 // optimisation level; print it anew with --gtest_filter=*Golden* when the arithmetic changes on
 // purpose.
 std::uint64_t hash_of_ten_seconds() {
-  NnProcessConfig config = {};
-  config.residual_db = 14;
-  config.ns_residual_db = 26;
-  config.limiter_enable = 1;
-  config.limiter_max_gain = 0.9f;
-  config.limiter_level_db = 6.0f;
-  config.low_shelf = {1, 400.0f, 12.0f};
-  config.high_shelf = {1, 6000.0f, 5.0f};
-  for (int i = 0; i < 10; ++i) config.peak[i] = {700 * (i + 1), i % 2 ? 3.0f : -3.0f, 4};
-
   const RandomModel model(3);
-  testing::internal::CaptureStdout();
-  SEInstance* engine = se::create_instance(model.get());
-  set_nn_process_config(engine, config);
-  testing::internal::GetCapturedStdout();
+  const se::OwnedEngine engine(se::create_instance(model.get()));
+  se::configure(engine.get(), everything_on());
   TestSignal signal(5);
   BitHash hash;
   float loudest = 0.0f;
@@ -221,11 +212,10 @@ std::uint64_t hash_of_ten_seconds() {
     signal.next(mic, ref);
     // Every way through the pipeline, in stretches of 250 ms.
     const int mode = frame / 25 % 4;
-    se_process(engine, mic, ref, out.data(), mode == 0, mode == 2 || mode == 3);
+    se_process(engine.get(), mic, ref, out.data(), mode == 0, mode == 2 || mode == 3);
     hash.add(out);
     for (const float y : out) loudest = std::max(loudest, std::fabs(y));
   }
-  se_destroy(engine);
   EXPECT_GT(loudest, 0.1f);
   return hash.value();
 }
