@@ -12,11 +12,7 @@
 #include <sys/types.h>
 
 struct WavFile {
-  int32_t is_float;
-  int32_t sample_rate;
-  int32_t channels;
-  int32_t bits_per_sample;
-  int32_t valid_bits;
+  WavFormat format;
   int32_t mode;  // kRead or kWrite
   FILE* file;
   uint32_t data_offset;  // position of the first byte of data
@@ -90,16 +86,8 @@ bool is_supported(const WavFormat& format) {
          within(format.valid_bits, 8, format.bits_per_sample);
 }
 
-void set_format(WavFile* wav, const WavFormat& format) {
-  wav->is_float = format.is_float;
-  wav->sample_rate = format.sample_rate;
-  wav->channels = format.channels;
-  wav->bits_per_sample = format.bits_per_sample;
-  wav->valid_bits = format.valid_bits;
-}
-
-uint32_t block_align(const WavFile* wav) {
-  return static_cast<uint32_t>(wav->channels * (wav->bits_per_sample / 8));
+uint32_t block_align(const WavFormat& format) {
+  return static_cast<uint32_t>(format.channels * (format.bits_per_sample / 8));
 }
 
 // --- Reading ---------------------------------------------------------------------------------
@@ -137,7 +125,7 @@ bool read_format(WavFile* wav, uint32_t size) {
     format.is_float = tag == kTagPcm ? 0 : 1;
   }
   if (!is_supported(format)) return false;
-  set_format(wav, format);
+  wav->format = format;
   return true;
 }
 
@@ -175,39 +163,39 @@ bool read_header(WavFile* wav) {
 // --- Writing ---------------------------------------------------------------------------------
 
 // Puts the header, with both sizes 0, into `header`; returns its length.
-uint32_t make_header(const WavFile* wav, uint8_t header[kLargestHeader]) {
+uint32_t make_header(const WavFormat& format, uint8_t header[kLargestHeader]) {
   memset(header, 0, kLargestHeader);
   put_u32(header, ID_RIFF);
   put_u32(header + 8, ID_WAVE);
   put_u32(header + kRiffHeader, ID_FMT);
 
-  const bool extensible = wav->valid_bits != wav->bits_per_sample;
+  const bool extensible = format.valid_bits != format.bits_per_sample;
   const uint32_t format_size = extensible ? kExtensibleFormat : kPlainFormat;
   put_u32(header + kRiffHeader + 4, format_size);
 
-  uint8_t* format = header + kRiffHeader + kChunkHeader;
-  const uint32_t plain_tag = wav->is_float != 0 ? kTagFloat : kTagPcm;
-  const auto sample_rate = static_cast<uint32_t>(wav->sample_rate);
-  put_u16(format + kTagAt, extensible ? uint32_t{kTagExtensible} : plain_tag);
-  put_u16(format + kChannelsAt, static_cast<uint32_t>(wav->channels));
-  put_u32(format + kSampleRateAt, sample_rate);
-  put_u32(format + kByteRateAt, sample_rate * block_align(wav));
-  put_u16(format + kBlockAlignAt, block_align(wav));
-  put_u16(format + kBitsAt, static_cast<uint32_t>(wav->bits_per_sample));
+  uint8_t* chunk = header + kRiffHeader + kChunkHeader;
+  const uint32_t plain_tag = format.is_float != 0 ? kTagFloat : kTagPcm;
+  const auto sample_rate = static_cast<uint32_t>(format.sample_rate);
+  put_u16(chunk + kTagAt, extensible ? uint32_t{kTagExtensible} : plain_tag);
+  put_u16(chunk + kChannelsAt, static_cast<uint32_t>(format.channels));
+  put_u32(chunk + kSampleRateAt, sample_rate);
+  put_u32(chunk + kByteRateAt, sample_rate * block_align(format));
+  put_u16(chunk + kBlockAlignAt, block_align(format));
+  put_u16(chunk + kBitsAt, static_cast<uint32_t>(format.bits_per_sample));
   if (extensible) {
-    put_u16(format + kExtensionSizeAt, kExtensionSize);
-    put_u16(format + kValidBitsAt, static_cast<uint32_t>(wav->valid_bits));
-    put_u32(format + kChannelMaskAt, 0);
-    put_u32(format + kSubFormatAt, plain_tag);
-    memcpy(format + kSubFormatAt + 4, kSubFormatTail, sizeof kSubFormatTail);
+    put_u16(chunk + kExtensionSizeAt, kExtensionSize);
+    put_u16(chunk + kValidBitsAt, static_cast<uint32_t>(format.valid_bits));
+    put_u32(chunk + kChannelMaskAt, 0);
+    put_u32(chunk + kSubFormatAt, plain_tag);
+    memcpy(chunk + kSubFormatAt + 4, kSubFormatTail, sizeof kSubFormatTail);
   }
-  put_u32(format + format_size, ID_DATA);
+  put_u32(chunk + format_size, ID_DATA);
   return kRiffHeader + kChunkHeader + format_size + kChunkHeader;
 }
 
 void write_header(WavFile* wav) {
   uint8_t header[kLargestHeader];
-  wav->data_offset = make_header(wav, header);
+  wav->data_offset = make_header(wav->format, header);
   fwrite(header, wav->data_offset, 1, wav->file);
 }
 
@@ -244,7 +232,7 @@ WavFile* wav_io_open(const char* path, uint32_t mode, WavFormat* format) {
     return nullptr;
   }
   if (mode == kWrite) {
-    set_format(wav, *format);
+    wav->format = *format;
     write_header(wav);
     return wav;
   }
@@ -253,10 +241,7 @@ WavFile* wav_io_open(const char* path, uint32_t mode, WavFormat* format) {
     free(wav);
     return nullptr;
   }
-  if (format != nullptr) {
-    *format = {wav->is_float, wav->sample_rate, wav->channels, wav->bits_per_sample,
-               wav->valid_bits};
-  }
+  if (format != nullptr) *format = wav->format;
   return wav;
 }
 
@@ -274,7 +259,7 @@ int64_t wav_io_write(WavFile* wav, uint32_t num_bytes, const void* buffer) {
   // The RIFF size counts everything behind its own field and has to fit 32 bits.
   const uint32_t room = UINT32_MAX - (wav->data_offset - kChunkHeader) - wav->data_size;
   if (room < num_bytes) {
-    const uint32_t part_of_frame = (wav->data_size + room) % block_align(wav);
+    const uint32_t part_of_frame = (wav->data_size + room) % block_align(wav->format);
     num_bytes = room > part_of_frame ? room - part_of_frame : 0;
   }
   if (num_bytes == 0 || !seek_to_end_of_data(wav)) return 0;
