@@ -8,6 +8,9 @@
 #include "kernels/kernels.h"
 #include "kernels/variants.h"
 
+#if SE_KERNELS_AVXVNNI
+#include <cpuid.h>
+#endif
 #if SE_KERNELS_DOTPROD
 #include <sys/auxv.h>
 #endif
@@ -50,6 +53,22 @@ void fill_avx2(Rooms& rooms) {
   use_avx2(rooms.nn);
   use_avx2(rooms.noise);
   use_avx2(rooms.sample);
+}
+#endif
+
+#if SE_KERNELS_AVXVNNI
+// Asked of the CPU itself: not every compiler's built-in knows the name.
+bool runs_avxvnni() {
+  constexpr unsigned kAvxVnni = 1u << 4;  // EAX of leaf 7, subleaf 1
+  unsigned most_subleaves, eax, ebx, ecx, edx;
+  return runs_avx2() && __get_cpuid_count(7, 0, &most_subleaves, &ebx, &ecx, &edx) != 0 &&
+         most_subleaves >= 1 && __get_cpuid_count(7, 1, &eax, &ebx, &ecx, &edx) != 0 &&
+         (eax & kAvxVnni) != 0;
+}
+
+void fill_avxvnni(Rooms& rooms) {
+  fill_avx2(rooms);
+  use_avxvnni(rooms.nn);
 }
 #endif
 
@@ -110,6 +129,9 @@ bool runs_wasm128() {
 constexpr Variant kVariants[] = {
 #if SE_KERNELS_AVX512
     {"avx512", runs_avx512, fill_avx512},
+#endif
+#if SE_KERNELS_AVXVNNI
+    {"avxvnni", runs_avxvnni, fill_avxvnni},
 #endif
 #if SE_KERNELS_AVX2
     {"avx2", runs_avx2, fill_avx2},

@@ -175,6 +175,7 @@ void gru_blend(const float* update, const float* candidate, const std::int16_t* 
 void use_avx2(NnKernels& k) {
   use_avx2_products(k);
   use_avx2_packed(k);
+  use_avx2_convolutions(k);
   k.pool = pool;
   k.expand = expand;
   k.compress = compress;

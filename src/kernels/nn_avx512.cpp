@@ -1,14 +1,14 @@
 // Denoiser kernels for AVX-512 with VNNI: the products of packed weights and tanh; everything else
 // stays with AVX2.
 //
-// A 16-bit activation is two bytes. Each is multiplied with the 8-bit weights and four products are
-// added to a lane by one instruction (vpdpbusd, exact and without saturation), so that 64 weights
-// take two of them and need not be widened. Convolutions use a weight at many positions: theirs
-// widen once and meet pairs of whole activations (vpdpwssd), sixteen positions side by side.
+// Matrix products split activations into bytes (split_products.h). Convolutions use a weight at
+// many positions: theirs widen once and meet pairs of whole activations (vpdpwssd), sixteen
+// positions side by side.
 #include <cstring>
 
 #include "kernels/avx2.h"
 #include "kernels/packing.h"
+#include "kernels/split_products.h"
 #include "kernels/tanh.h"
 #include "kernels/unrolled.h"
 #include "kernels/variants.h"
@@ -22,7 +22,7 @@ constexpr int kLanes = 16;
 
 // Sixteen 32-bit sums. As a type of its own, since GCC copies sums that pass from one view of a
 // vector to another.
-using Sums = int __attribute__((vector_size(64)));
+using Sums = unsigned __attribute__((vector_size(64)));
 
 __m512i as_integers(Sums s) {
   return reinterpret_cast<__m512i>(s);
@@ -30,40 +30,9 @@ __m512i as_integers(Sums s) {
 
 // ---- Matrix products ----------------------------------------------------------------------------
 
-// The accumulators of a panel's blocks of sixteen rows fill the registers: two of each for
-// thirteen.
-constexpr int kGroup = 4;
-constexpr PackOrder kProductOrder = {13 * kLanes, kLanes, kGroup};
-constexpr int kPanelBlocks = kProductOrder.panel / kLanes;
-constexpr int kBlockBytes = kLanes * kGroup;
-
 __mmask32 first_lanes(int count) {
   return _cvtu32_mask32(count >= 32 ? 0xffffffffu : 0xffffffffu >> (32 - count));
 }
-
-// Activations as two unsigned bytes each. Where some are negative, `offset` stands for 0 in all
-// high bytes; where none is, groups of zeros can be left out.
-struct SplitVector {
-  alignas(64) std::uint8_t low[kMostPackedCols], high[kMostPackedCols];
-  int offset;
-
-  SplitVector(const std::int16_t* q, int n) {
-    __mmask32 negative = 0;
-    for (int i = 0; i < n; i += 32) {
-      const __m512i x = _mm512_maskz_loadu_epi16(first_lanes(n - i), q + i);
-      negative = _kor_mask32(negative, _mm512_movepi16_mask(x));
-      _mm256_store_si256(reinterpret_cast<__m256i*>(low + i), _mm512_cvtepi16_epi8(x));
-      _mm256_store_si256(reinterpret_cast<__m256i*>(high + i),
-                         _mm512_cvtepi16_epi8(_mm512_srli_epi16(x, 8)));
-    }
-    offset = negative != 0 ? 128 : 0;
-    if (offset == 0) return;
-    for (int i = 0; i < n; i += 32) {
-      auto* const highs = reinterpret_cast<__m256i*>(high + i);
-      _mm256_store_si256(highs, _mm256_xor_si256(_mm256_load_si256(highs), _mm256_set1_epi8(-128)));
-    }
-  }
-};
 
 __m512i broadcast32(const void* from) {
   std::int32_t bits;
@@ -71,57 +40,36 @@ __m512i broadcast32(const void* from) {
   return _mm512_set1_epi32(bits);
 }
 
-// The sums of kBlocks * 16 rows.
-template <int kBlocks>
-__attribute__((noinline)) void panel_product(const std::int8_t* weights,
-                                             const std::int32_t* row_sums, const SplitVector& q,
-                                             const NonZeroFours& fours, std::int32_t* sums) {
-  Sums low[kBlocks], high[kBlocks];
-  unrolled<kBlocks>([&](int b) SE_INLINE {
-    low[b] = Sums{};
-    high[b] = reinterpret_cast<Sums>(_mm512_loadu_si512(row_sums + b * kLanes)) * -q.offset;
-  });
-  for (int i = 0; i < fours.count; ++i) {
-    const int group = fours.at[i];
-    const std::int8_t* const w = weights + group * (kBlocks * kBlockBytes);
-    const __m512i x_low = broadcast32(q.low + group * kGroup);
-    const __m512i x_high = broadcast32(q.high + group * kGroup);
-    unrolled<kBlocks>([&](int b) SE_INLINE {
-      const __m512i block = _mm512_load_si512(w + b * kBlockBytes);
-      low[b] = reinterpret_cast<Sums>(_mm512_dpbusd_epi32(as_integers(low[b]), x_low, block));
-      high[b] = reinterpret_cast<Sums>(_mm512_dpbusd_epi32(as_integers(high[b]), x_high, block));
-    });
-  }
-  unrolled<kBlocks>([&](int b) SE_INLINE {
-    _mm512_storeu_si512(
-        sums + b * kLanes,
-        _mm512_add_epi32(as_integers(low[b]), _mm512_slli_epi32(as_integers(high[b]), 8)));
-  });
-}
+struct Vector512 {
+  using Sums = se::Sums;
+  static constexpr int kLanes = se::kLanes;
+  static constexpr int kPanelBlocks = 13;
 
-// The function for a panel of so many blocks.
-template <int kBlocks = kPanelBlocks>
-void any_panel_product(int blocks, const std::int8_t* w, const std::int32_t* row_sums,
-                       const SplitVector& q, const NonZeroFours& fours, std::int32_t* sums) {
-  if constexpr (kBlocks > 0) {
-    if (blocks == kBlocks) return panel_product<kBlocks>(w, row_sums, q, fours, sums);
-    any_panel_product<kBlocks - 1>(blocks, w, row_sums, q, fours, sums);
+  static Sums load(const std::int32_t* from) {
+    return reinterpret_cast<Sums>(_mm512_loadu_si512(from));
   }
-}
+  static void store(std::int32_t* to, Sums v) { _mm512_storeu_si512(to, as_integers(v)); }
+  static __m512i broadcast32(const std::uint8_t* from) { return se::broadcast32(from); }
+  static __m512i load_weights(const std::int8_t* w) { return _mm512_load_si512(w); }
+  static void add_products(Sums& sums, __m512i x, __m512i weights) {
+    sums = reinterpret_cast<Sums>(_mm512_dpbusd_epi32(as_integers(sums), x, weights));
+  }
 
-void packed_product(const PackedMatrix& m, const Matrix& /*plain*/, const std::int16_t* q,
-                    std::int32_t* sums) {
-  const SplitVector split(q, m.cols);
-  const int cols = round_up(m.cols, kGroup);
-  const NonZeroFours fours(q, m.cols, split.offset == 0);
-  const std::int8_t* w = m.weights;
-  for (int block = 0; block * kLanes < m.rows; block += kPanelBlocks) {
-    const int left = round_up(m.rows, kLanes) / kLanes - block;
-    const int blocks = left < kPanelBlocks ? left : kPanelBlocks;
-    any_panel_product(blocks, w, m.row_sums + block * kLanes, split, fours, sums + block * kLanes);
-    w += blocks * kBlockBytes * (cols / kGroup);
+  // Returns whether any of the activations is negative.
+  static bool split(const std::int16_t* q, int n, SplitVector& to) {
+    __mmask32 negative = 0;
+    for (int i = 0; i < n; i += 32) {
+      const __m512i x = _mm512_maskz_loadu_epi16(first_lanes(n - i), q + i);
+      negative = _kor_mask32(negative, _mm512_movepi16_mask(x));
+      _mm256_store_si256(reinterpret_cast<__m256i*>(to.low + i), _mm512_cvtepi16_epi8(x));
+      _mm256_store_si256(reinterpret_cast<__m256i*>(to.high + i),
+                         _mm512_cvtepi16_epi8(_mm512_srli_epi16(x, 8)));
+    }
+    return negative != 0;
   }
-}
+};
+
+using Products = SplitProducts<Vector512>;
 
 // ---- Convolutions -------------------------------------------------------------------------------
 
@@ -253,9 +201,9 @@ void sigmoid(float* x, int n) {
 
 void use_avx512(NnKernels& k) {
   g_base = k;
-  k.product_order = kProductOrder;
+  k.product_order = Products::kOrder;
   k.short_sums = {};
-  k.packed_product = packed_product;
+  k.packed_product = Products::packed_product;
   k.convolve_order = kConvolveOrder;
   k.packed_convolve = packed_convolve;
   k.paired_convolve = nullptr;

@@ -10,38 +10,13 @@
 #include <cstring>
 #include <type_traits>
 
-#include "kernels/avx2.h"
+#include "kernels/integers_256.h"
 #include "kernels/packing.h"
 #include "kernels/unrolled.h"
 #include "kernels/variants.h"
 
 namespace se {
 namespace {
-
-constexpr int kLanes = 8;
-
-__m256i widen16(const std::int8_t* w) {
-  return _mm256_cvtepi8_epi16(_mm_loadu_si128(reinterpret_cast<const __m128i*>(w)));
-}
-
-// Eight 32-bit sums. As a type of its own, since GCC copies sums that pass from one view of a
-// vector to another.
-using Sums = unsigned __attribute__((vector_size(32)));
-
-__m256i as_integers(Sums s) {
-  return reinterpret_cast<__m256i>(s);
-}
-
-void store_sums(std::int32_t* to, __m256i v) {
-  _mm256_storeu_si256(reinterpret_cast<__m256i*>(to), v);
-}
-
-template <class T>
-__m256i broadcast32(const T* from) {
-  std::int32_t bits;
-  std::memcpy(&bits, from, sizeof bits);
-  return _mm256_set1_epi32(bits);
-}
 
 __m256i broadcast64(const std::int16_t* from) {
   std::int64_t bits;
@@ -77,8 +52,6 @@ __m256i widened(__m256i sums, const Unit& unit) {
   __asm__("vpmaddwd %1, %0, %0" : "+x"(sums) : "m"(unit));
   return sums;
 }
-
-// ---- Matrix products ----------------------------------------------------------------------------
 
 constexpr int kLowBits = 6;
 constexpr int kSmallest = -2048;   // that splits
@@ -199,8 +172,8 @@ __attribute__((noinline)) void wide_blocks(const std::int8_t* weights, int panel
     const __m256i x = broadcast64(q + group * kGroup);
     unrolled<kBlocks>([&](int b) SE_INLINE {
       const std::int8_t* const block = w + b * kBlockBytes;
-      add(low[b], _mm256_madd_epi16(widen16(block), x));
-      add(high[b], _mm256_madd_epi16(widen16(block + 16), x));
+      add_product(low[b], widen16(block), x);
+      add_product(high[b], widen16(block + 16), x);
     });
   }
   unrolled<kBlocks>([&](int b) SE_INLINE {
@@ -247,85 +220,12 @@ void packed_product(const PackedMatrix& m, const Matrix& /*plain*/, const std::i
   }
 }
 
-// ---- Convolutions -------------------------------------------------------------------------------
-
-constexpr PackOrder kConvolveOrder = {kLanes, kLanes, 2};
-
-// The outputs of kBlocks * 8 rows from `first` on at kPositions positions from `position` on. kStep
-// is the step between positions where it is known, so that loads reach them from one address; 0
-// otherwise.
-template <int kBlocks, int kPositions, int kStep>
-void convolve_tile(const PackedMatrix& m, const ConvInput& in, const OutputScale& out, int first,
-                   int position, float* y) {
-  const int window = round_up(in.window, 2);
-  const std::ptrdiff_t step = kStep > 0 ? kStep : in.step,
-                       block_bytes = std::ptrdiff_t{kLanes} * in.frame_count * window;
-  const std::int8_t* w = m.weights + first / kLanes * block_bytes;
-  Sums sum[kBlocks][kPositions];
-  unrolled<kBlocks>(
-      [&](int b) SE_INLINE { unrolled<kPositions>([&](int p) SE_INLINE { sum[b][p] = Sums{}; }); });
-  for (int t = 0; t < in.frame_count; ++t) {
-    const std::int16_t* x = in.frames[t] + position * step;
-#pragma GCC unroll 4
-    for (int i = 0; i < window; i += 2, x += 2, w += 2 * kLanes) {
-      forget(x);
-      __m256i weights[kBlocks];
-      unrolled<kBlocks>([&](int b) SE_INLINE { weights[b] = widen16(w + b * block_bytes); });
-      unrolled<kPositions>([&](int p) SE_INLINE {
-        const __m256i two = broadcast32(x + p * step);
-        unrolled<kBlocks>([&](int b)
-                              SE_INLINE { add(sum[b][p], _mm256_madd_epi16(weights[b], two)); });
-      });
-    }
-  }
-  unrolled<kBlocks>([&](int b) SE_INLINE {
-    const int row = first + b * kLanes;
-    const __m256 scale = _mm256_mul_ps(_mm256_loadu_ps(out.scale + row), fill(out.unit));
-    const __m256 bias = _mm256_loadu_ps(out.bias + row);
-    unrolled<kPositions>([&](int p) SE_INLINE {
-      const __m256 v =
-          _mm256_add_ps(_mm256_mul_ps(_mm256_cvtepi32_ps(as_integers(sum[b][p])), scale), bias);
-      _mm256_storeu_ps(y + (position + p) * m.rows + row, v);
-    });
-  });
-}
-
-template <int kStep>
-void convolve_tiles(const PackedMatrix& m, const ConvInput& in, const OutputScale& out, float* y) {
-  int row = 0;
-  for (; row + 2 * kLanes <= m.rows; row += 2 * kLanes) {
-    for (int p = 0; p < in.positions; p += 4) convolve_tile<2, 4, kStep>(m, in, out, row, p, y);
-  }
-  if (row < m.rows) {
-    for (int p = 0; p < in.positions; p += 8) convolve_tile<1, 8, kStep>(m, in, out, row, p, y);
-  }
-}
-
-NnKernels g_plain;  // takes what the packed kernels leave
-
-void packed_convolve(const PackedMatrix& packed, const Matrix& m, const ConvInput& in,
-                     const OutputScale& out, float* y) {
-  constexpr int kLongWindow = 96;  // from here on sums across lanes cost less than broadcasts
-  const bool readable = (in.positions - 1) * in.step + round_up(in.window, 2) <= in.frame_len;
-  if (m.rows % kLanes != 0 || in.positions % 8 != 0 || in.window >= kLongWindow || !readable) {
-    return g_plain.convolve(m, in, out, y);
-  }
-  // The steps of the denoiser's layers, and then any other.
-  if (in.step == 6) return convolve_tiles<6>(packed, in, out, y);
-  if (in.step == 16) return convolve_tiles<16>(packed, in, out, y);
-  if (in.step == 32) return convolve_tiles<32>(packed, in, out, y);
-  convolve_tiles<0>(packed, in, out, y);
-}
-
 }  // namespace
 
 void use_avx2_packed(NnKernels& k) {
-  g_plain = k;
   k.product_order = kProductOrder;
   k.short_sums = kShortSums;
   k.packed_product = packed_product;
-  k.convolve_order = kConvolveOrder;
-  k.packed_convolve = packed_convolve;
 }
 
 }  // namespace se

@@ -18,6 +18,9 @@ void use_avx2(NoiseKernels& k);
 void use_avx2(SampleKernels& k);
 void use_avx2_products(NnKernels& k);  // parts of that room,
 void use_avx2_packed(NnKernels& k);    // which it calls itself
+void use_avx2_convolutions(NnKernels& k);
+
+void use_avxvnni(NnKernels& k);
 
 void use_avx512(NnKernels& k);
 
