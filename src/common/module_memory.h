@@ -84,6 +84,11 @@ class MemoryWalk {
   std::size_t used_ = 0;
 };
 
+// The number of values that a length stands for in a query: a negative one counts as 0.
+inline std::size_t count_of(int n) {
+  return n > 0 ? static_cast<std::size_t>(n) : 0;
+}
+
 // The bytes of the walk that `lay_out` describes.
 template <class LayOut, class... Sizes>
 std::size_t measured(LayOut lay_out, Sizes... sizes) {

@@ -1,5 +1,6 @@
 // The life of an engine instance and the small queries of its interface. The pipeline itself is in
 // se_process.cpp.
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -84,11 +85,7 @@ Layout lay_out(MemoryWalk mem) {
 struct ScratchNeed {
   std::size_t stft, aec, nn, agc;
 
-  std::size_t largest() const {
-    const std::size_t signal = stft > aec ? stft : aec;
-    const std::size_t rest = nn > agc ? nn : agc;
-    return signal > rest ? signal : rest;
-  }
+  std::size_t largest() const { return std::max({stft, aec, nn, agc}); }
 };
 
 ScratchNeed scratch_need() {

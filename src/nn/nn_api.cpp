@@ -9,6 +9,8 @@
 //
 // Each convolution layer produces nothing on its first call and ends the frame there, so the layers
 // fill one after another: the first gains come with the sixth frame and lag five frames.
+#include <algorithm>
+
 #include "kernels/kernels.h"
 #include "nn/denoiser.h"
 #include "nn/features.h"
@@ -19,9 +21,9 @@
 namespace se::nn {
 namespace {
 
-// Quiet frames, judged by the mean gain of bins 0..127 (taken over half of 257).
+// Quiet frames, judged by the mean gain of bins 0..127 (taken over half of all).
 constexpr int kQuietBins = 128;
-constexpr float kQuietMeanFactor = 2.0f / 257.0f;
+constexpr float kQuietMeanFactor = 2.0f / kBins;
 constexpr double kQuietMean = 0.02;  // below: the frame is quiet
 constexpr double kLowMean = 0.05;    // below: the frame may be attenuated
 constexpr int kQuietFrames = 900;    // of the last 1000; more: a long noise-only stretch
@@ -195,12 +197,13 @@ int nn_query_mem_api() {
 // Layers and driver use the scratch block one after another.
 int nn_query_scratch_api() {
   int bytes = static_cast<int>(measured(lay_out_scratch));
-  const auto at_least = [&bytes](int need) { bytes = need > bytes ? need : bytes; };
   for (const ConvShape& shape : kConv) {
-    at_least(conv2d_query_scratch(shape.in_channels, kKernelTime, shape.kernel_freq, shape.in_width,
-                                  kGroups));
+    bytes = std::max(bytes, conv2d_query_scratch(shape.in_channels, kKernelTime, shape.kernel_freq,
+                                                 shape.in_width, kGroups));
   }
-  for (const int input : kGruInput) at_least(gru_query_scratch(kGruHidden, input));
+  for (const int input : kGruInput) {
+    bytes = std::max(bytes, gru_query_scratch(kGruHidden, input));
+  }
   return bytes;
 }
 

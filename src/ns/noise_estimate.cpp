@@ -32,17 +32,13 @@ int32_t valid_frame_ms(int32_t frame_ms) {
   return frame_ms < 1 ? 1 : frame_ms > kShortSpanMs ? kShortSpanMs : frame_ms;
 }
 
-int32_t valid_num_bins(int32_t num_bins) {
-  return num_bins < 0 ? 0 : num_bins;
-}
-
 struct Layout {
   NoiseEstimator* state;
   NoiseEstimator fields;  // the buffers' places
 };
 
 Layout lay_out_static(se::MemoryWalk& mem, int32_t frame_ms, int32_t num_bins) {
-  const auto bins = static_cast<size_t>(valid_num_bins(num_bins));
+  const auto bins = se::count_of(num_bins);
   const auto span = static_cast<size_t>(kShortSpanMs / valid_frame_ms(frame_ms));
   Layout at = {};
   at.state = mem.record<NoiseEstimator>(se::kNoiseEstimatorSlot);
@@ -55,7 +51,7 @@ Layout lay_out_static(se::MemoryWalk& mem, int32_t frame_ms, int32_t num_bins) {
 }
 
 float* lay_out_scratch(se::MemoryWalk& scratch, int32_t num_bins) {
-  return scratch.buffer<float>(static_cast<size_t>(valid_num_bins(num_bins)));
+  return scratch.buffer<float>(se::count_of(num_bins));
 }
 
 size_t spectrum_bytes(const NoiseEstimator& s) {
@@ -121,7 +117,7 @@ NoiseEstimator* noise_estimate_init(void* mem, void* scratch, int32_t frame_ms, 
   NoiseEstimator& s = *layout.state;
   s = layout.fields;
   s.frame_ms = valid_frame_ms(frame_ms);
-  s.num_bins = valid_num_bins(num_bins);
+  s.num_bins = std::max(num_bins, 0);
   s.frames_per_sec = 1000 / s.frame_ms;
   s.silence_level = window_energy * kSilence;
   s.noise_floor = window_energy * kFloor;

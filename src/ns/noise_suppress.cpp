@@ -7,6 +7,7 @@
 // rather than their amplitude estimator's, and smoothed over three neighbouring bins.
 //
 // Cost: three divisions and about twenty operations per bin.
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 
@@ -19,10 +20,6 @@ namespace {
 constexpr float kAlphaMin = 0.98f;   // per 10 ms
 constexpr float kAlphaMax = 0.988f;  // per 10 ms
 
-int32_t valid_num_bins(int32_t num_bins) {
-  return num_bins < 0 ? 0 : num_bins;
-}
-
 struct StaticLayout {
   NoiseSuppressor* state;
   float* prev_speech;
@@ -30,7 +27,7 @@ struct StaticLayout {
 
 StaticLayout lay_out_static(se::MemoryWalk& mem, int32_t num_bins) {
   return {mem.record<NoiseSuppressor>(se::kNoiseSuppressorSlot),
-          mem.buffer<float>(static_cast<size_t>(valid_num_bins(num_bins)))};
+          mem.buffer<float>(se::count_of(num_bins))};
 }
 
 struct ScratchLayout {
@@ -40,7 +37,7 @@ struct ScratchLayout {
 };
 
 ScratchLayout lay_out_scratch(se::MemoryWalk& scratch, int32_t num_bins) {
-  const auto bins = static_cast<size_t>(valid_num_bins(num_bins));
+  const auto bins = se::count_of(num_bins);
   return {scratch.buffer<float>(bins), scratch.buffer<float>(bins), scratch.buffer<float>(bins)};
 }
 
@@ -87,7 +84,7 @@ NoiseSuppressor* noise_suppress_init(void* mem, void* scratch, int32_t frame_ms,
   const ScratchLayout temporary = lay_out_scratch(scratch_walk, num_bins);
   NoiseSuppressor& s = *layout.state;
   s.frame_ms = frame_ms < 1 ? 1 : frame_ms;
-  s.num_bins = valid_num_bins(num_bins);
+  s.num_bins = std::max(num_bins, 0);
   const float spans_of_10_ms = static_cast<float>(s.frame_ms) * 0.1f;
   s.alpha_min = std::pow(kAlphaMin, spans_of_10_ms);
   s.alpha_max = std::pow(kAlphaMax, spans_of_10_ms);

@@ -47,9 +47,4 @@ inline constexpr RecordSlot kR2cPlanSlot = {23, 20};
 inline constexpr RecordSlot kRealPlanSlot = {23, 20};
 inline constexpr RecordSlot kR2cHandleSlot = {15, 12};
 
-// The number of values that a length stands for in a query: a negative one counts as 0.
-inline std::size_t count_of(int n) {
-  return n > 0 ? static_cast<std::size_t>(n) : 0;
-}
-
 }  // namespace se
