@@ -29,7 +29,7 @@ inline constexpr SettingRange<float> kPeakGainRange = {-60.0f, 40.0f};  // dB
 inline constexpr int kEqualiserHzPerBin = 31;
 inline constexpr SettingRange<float> kLowShelfHz = {9 * kEqualiserHzPerBin, 8000.0f};
 inline constexpr SettingRange<float> kHighShelfHz = {0.0f, 249 * kEqualiserHzPerBin - 1};
-inline constexpr SettingRange<int> kPeakHz = {kEqualiserHzPerBin, kNumBins * kEqualiserHzPerBin - 1};
+inline constexpr SettingRange<int> kPeakHz = {kEqualiserHzPerBin, kNumBins* kEqualiserHzPerBin - 1};
 
 // A peak is a bin wide or wider.
 constexpr int sharpest_peak(int center_hz) {

@@ -20,22 +20,17 @@ import sys
 
 import numpy as np
 
-ROOT = pathlib.Path(__file__).resolve().parents[2]
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[2]))
+from training.bands import BINS, band_start  # noqa: E402
+
 HZ_PER_BIN = 31  # as the equaliser counts
-BINS = 257
 BANDS = 10
 GAINS_DB = np.arange(-6, 9.01, 0.1)
 
 
-def band_starts():
-    text = (ROOT / "src/nn/band_start.def").read_text()
-    numbers = re.sub(r"//.*", "", text)
-    return [int(n) for n in re.findall(r"\d+", numbers)]
-
-
 def wanted_db():
     """Per bin, what is missing to full level; bin 256 belongs to no band and wants nothing."""
-    starts = band_starts()
+    starts = band_start()
     wanted = np.zeros(BINS)
     for start, end in zip(starts, starts[1:]):
         wanted[start:end] = 20 * np.log10(max(1, (end - start) / 3))
