@@ -20,7 +20,7 @@ import sys
 
 import numpy as np
 
-sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[2]))
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1]))
 from training.bands import BINS, band_start  # noqa: E402
 
 HZ_PER_BIN = 31  # as the equaliser counts
