@@ -11,7 +11,7 @@
 #if SE_KERNELS_AVXVNNI
 #include <cpuid.h>
 #endif
-#if SE_KERNELS_DOTPROD
+#if SE_KERNELS_DOTPROD || SE_KERNELS_I8MM
 #include <sys/auxv.h>
 #endif
 
@@ -113,6 +113,18 @@ void fill_dotprod(Rooms& rooms) {
 }
 #endif
 
+#if SE_KERNELS_I8MM
+bool runs_i8mm() {
+  constexpr unsigned long kByteMatrices = 1ul << 13;  // HWCAP2_I8MM of Linux on AArch64
+  return (getauxval(AT_HWCAP2) & kByteMatrices) != 0;
+}
+
+void fill_i8mm(Rooms& rooms) {
+  fill_neon(rooms);
+  use_i8mm(rooms.nn);
+}
+#endif
+
 #if SE_KERNELS_WASM128
 void fill_wasm128(Rooms& rooms) {
   use_wasm128(rooms.spectral);
@@ -135,6 +147,9 @@ constexpr Variant kVariants[] = {
 #endif
 #if SE_KERNELS_AVX2
     {"avx2", runs_avx2, fill_avx2},
+#endif
+#if SE_KERNELS_I8MM
+    {"i8mm", runs_i8mm, fill_i8mm},
 #endif
 #if SE_KERNELS_DOTPROD
     {"dotprod", runs_dotprod, fill_dotprod},

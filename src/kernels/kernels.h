@@ -4,9 +4,9 @@
 // nothing. The scalar variant is the definition: every other variant gives the same bits. Which
 // variant runs is decided once, when the library is loaded: the best one that the CPU and the
 // operating system can run, or the one that the environment variable SPEECHENHANCE_KERNELS names
-// ("scalar", "avx2", "avxvnni", "avx512", "neon", "dotprod", "wasm128"; a name that is unknown or
-// cannot run here is ignored). Modules call `kernels()` per use and never ask about the CPU
-// themselves.
+// ("scalar", "avx2", "avxvnni", "avx512", "neon", "dotprod", "i8mm", "wasm128"; a name that is
+// unknown or cannot run here is ignored). Modules call `kernels()` per use and never ask about the
+// CPU themselves.
 #pragma once
 
 #include "kernels/echo_kernels.h"

@@ -36,5 +36,28 @@ void product_rows(const Matrix& m, const Vector& q, std::int32_t* sums) {
   }
 }
 
+#if defined(__aarch64__)
+
+// For products of bytes an activation is split in two, x = 128 * high + low with low from 0 to 127;
+// the products of both parts are summed apart and put together at the end. What is outside
+// -16384..16383 has no such parts, which the denoiser's activations (at most 6 in Q11) never are.
+constexpr int kLowBits = 7;
+
+// The parts of `n` values, a multiple of 8, eight by eight with `stride` bytes from one eight to
+// the next. False where a value has none.
+inline bool split_parts(const std::int16_t* q, int n, std::int8_t* high, std::int8_t* low,
+                        int stride) {
+  int16x8_t outside = vdupq_n_s16(0);
+  for (; n > 0; n -= 8, q += 8, high += stride, low += stride) {
+    const int16x8_t x = vld1q_s16(q);
+    outside = vorrq_s16(outside, veorq_s16(x, vshlq_n_s16(x, 1)));  // do the top two bits differ?
+    vst1_s8(high, vshrn_n_s16(x, kLowBits));
+    vst1_s8(low, vmovn_s16(vandq_s16(x, vdupq_n_s16((1 << kLowBits) - 1))));
+  }
+  return vminvq_s16(outside) >= 0;
+}
+
+#endif
+
 }  // namespace
 }  // namespace se::neon

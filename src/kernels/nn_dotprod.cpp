@@ -2,11 +2,8 @@
 // weights; everything else stays with NEON.
 //
 // The instruction adds four products of bytes to each 32-bit lane, here of four columns to the lane
-// of their row. An activation is therefore split in two, x = 128 * high + low with low from 0 to
-// 127, and the products of both parts are summed apart and put together at the end: two
-// multiply-adds per sixteen weights instead of four behind two widenings. What is outside
-// -16384..16383 has no such parts, which the denoiser's activations (at most 6 in Q11) never are;
-// such calls go to NEON.
+// of their row, for each of the parts of the activations (nn_arm.h): two multiply-adds per sixteen
+// weights instead of four behind two widenings. Activations without such parts go to NEON.
 #include "kernels/nn_arm.h"
 #include "kernels/packing.h"
 #include "kernels/variants.h"
@@ -21,18 +18,9 @@ NnKernels g_base;  // takes what this variant leaves
 constexpr int kGroup = 4;     // columns of one multiply-add
 constexpr int kLanes = 4;     // rows of one
 constexpr int kColumns = 16;  // of activations in a vector
-constexpr int kLowBits = 7;
 
-// The parts of `n` values, a multiple of 8. False where a value has none.
 bool split(const std::int16_t* q, int n, std::int8_t* high, std::int8_t* low) {
-  int16x8_t outside = vdupq_n_s16(0);
-  for (; n > 0; n -= 8, q += 8, high += 8, low += 8) {
-    const int16x8_t x = vld1q_s16(q);
-    outside = vorrq_s16(outside, veorq_s16(x, vshlq_n_s16(x, 1)));  // do the top two bits differ?
-    vst1_s8(high, vshrn_n_s16(x, kLowBits));
-    vst1_s8(low, vmovn_s16(vandq_s16(x, vdupq_n_s16((1 << kLowBits) - 1))));
-  }
-  return vminvq_s16(outside) >= 0;
+  return split_parts(q, n, high, low, 8);
 }
 
 // Sums of four rows in their parts.

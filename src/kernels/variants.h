@@ -33,6 +33,8 @@ void use_neon(SampleKernels& k);
 
 void use_dotprod(NnKernels& k);
 
+void use_i8mm(NnKernels& k);
+
 void use_wasm128(SpectralKernels& k);
 void use_wasm128(NnKernels& k);
 
