@@ -95,7 +95,7 @@ TEST_P(Rates, LatencyIsWhatTheStreamSays) {
         mic[static_cast<std::size_t>(click + i)] = static_cast<float>(0.25 * (1 + std::cos(x)));
       }
       const std::vector<float> out = run(stream.get(), {mic}, {}, 441);
-      EXPECT_NEAR(centre_of(out), click + latency, rate / 90000)
+      EXPECT_NEAR(centre_of(out), click + latency, rate / 100000)
           << rate << " Hz, amount " << amount;
     }
   }
