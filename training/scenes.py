@@ -106,7 +106,7 @@ def draw_plan(rng: np.random.Generator, ease: float = 0.0) -> Plan:
         bandwidth = rng.choice([3400.0, 3900.0, rng.uniform(3000, 7500)])
     return Plan(talks, str(noise), far_end, float(snr), float(echo), float(level),
                 clip=rng.random() < 0.04, dead_microphone=rng.random() < 0.03,
-                digital_silence=rng.random() < 0.05, path_change=rng.random() < 0.2,
+                digital_silence=rng.random() < 0.12, path_change=rng.random() < 0.2,
                 begins=float(begins), bandwidth=float(bandwidth), effort=str(effort), overlap=overlap)
 
 
@@ -210,7 +210,7 @@ class Mixer:
         scale = np.float32(10 ** (plan.level / 20) / anchor)
         microphones = (talker + noise + echo) * scale
         target = target * scale
-        self._finish(microphones, target, plan, room)
+        self._finish(microphones, reference, target, plan, room)
         return Scene(microphones.astype(np.float32), reference.astype(np.float32),
                      target.astype(np.float32), plan, facts)
 
@@ -293,7 +293,7 @@ class Mixer:
             echoes = [echoes[0] * (1 - ramp) + echoes[1] * ramp]
         return reference, echoes[0]
 
-    def _finish(self, microphones, target, plan, room):
+    def _finish(self, microphones, reference, target, plan, room):
         """What the hardware adds, in place."""
         rng = self.rng
         n = microphones.shape[1]
@@ -307,6 +307,9 @@ class Mixer:
             microphones += own[:1] if room.spacing == 0 else own
         if plan.digital_silence:
             a, b = np.sort(rng.integers(0, n, 2))
+            if rng.random() < 0.6:  # hosts open a stream before anything is on the line
+                a = 0
+                reference[:b] = 0
             microphones[:, a:b] = 0
             target[a:b] = 0
         if room.spacing == 0:

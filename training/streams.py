@@ -57,7 +57,7 @@ class Streams:
     """`batch` endless streams. Once the pool is full, about `reuse` of the scenes are ones seen
     before, at a new level and with another microphone response."""
 
-    KEEP_STATE = 0.3  # of the scene changes happen in a running engine
+    KEEP_STATE = 0.5  # of the scene changes happen in a running engine
 
     def __init__(self, mixer: scenes.Mixer, batch: int, window: int, reuse: float = 0.5,
                  pool: int = 700, draw_plan=scenes.draw_plan, curriculum: tuple[float, float] = (0, 0)):
