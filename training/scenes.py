@@ -66,6 +66,12 @@ class Scene:
     plan: Plan
     facts: dict = dataclasses.field(default_factory=dict)  # who, where, which noise, how far away
 
+    def after_silence(self, samples: int) -> "Scene":
+        """The same scene in a stream that opened with digital silence."""
+        later = lambda signal: np.pad(signal, [(0, 0)] * (signal.ndim - 1) + [(samples, 0)])
+        return dataclasses.replace(self, microphones=later(self.microphones), reference=later(self.reference),
+                                   target=later(self.target))
+
 
 def draw_plan(rng: np.random.Generator, ease: float = 0.0) -> Plan:
     """`ease` from 0 to 1 takes noise and echo down, for a run that begins with easy scenes."""

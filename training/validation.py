@@ -41,7 +41,8 @@ MEASURES = (("stoi", "STOI", 3, True), ("estoi", "ESTOI", 3, True), ("si-sdr hp"
 
 @dataclasses.dataclass(frozen=True)
 class Case:
-    """A scene to be: `kind` is "noisy", "clean", "room", "noise", "echo" or "double talk"."""
+    """A scene to be: `kind` is "noisy", "clean", "room", "noise", "echo", "late echo" (in a stream that opened
+    with silence) or "double talk"."""
 
     kind: str
     group: str
@@ -51,6 +52,11 @@ class Case:
     @property
     def seed(self) -> list[int]:
         return [30, self.number, zlib.crc32(repr((self.kind, self.group, self.plan)).encode())]
+
+    @property
+    def silence(self) -> int:
+        """Samples of digital silence before anything is on the line."""
+        return 3 * SHAPE.sample_rate if self.kind == "late echo" else 0
 
 
 def cases(quick: bool, times: int = 1) -> list[Case]:
@@ -64,8 +70,9 @@ def cases(quick: bool, times: int = 1) -> list[Case]:
              for i in range(times * (1 if quick else 3)) for g in groups]
     clean = [Case(kind, "", plan(noise="none", dry=kind == "clean"), i)
              for kind in ("clean", "room") for i in range(times * (6 if quick else 18))]
-    echo = [Case("echo", "", plan(talks=False, noise="none", far_end=True, echo=0.0, mild_loudspeaker=False,
-                                  path_change=i % 4 == 3), i) for i in range(times * (6 if quick else 16))]
+    echo = [Case(kind, "", plan(talks=False, noise="none", far_end=True, echo=0.0, mild_loudspeaker=False,
+                                path_change=i % 4 == 3), i)
+            for kind in ("echo", "late echo") for i in range(times * (6 if quick else 16))]
     double = [Case("double talk", "", plan(far_end=True, echo=float(e), mild_loudspeaker=False,
                                            path_change=i % 4 == 3), i)
               for i in range(times * (2 if quick else 16)) for e in (-10, 0, 10)]
@@ -75,7 +82,7 @@ def cases(quick: bool, times: int = 1) -> list[Case]:
 def score(case: Case, scene: Scene, output: np.ndarray, speech_gains: np.ndarray) -> dict[str, float]:
     rate, end = SHAPE.sample_rate, len(output) - TAIL
     if not case.plan.talks:
-        late = slice(int(LATE * rate), end)
+        late = slice(case.silence + int(LATE * rate), end)
         return {"drop": metrics.level_drop(output[late], scene.microphones[1][late]),
                 "whole drop": metrics.level_drop(output[:end], scene.microphones[1][:end])}
     inside = slice(int(FIRST_SECOND * rate), end)
@@ -105,7 +112,8 @@ class Scenes:
     def __iter__(self):
         for case in self.cases:
             self.mixer.reseed(case.seed)
-            yield case, self.mixer.scene(SECONDS * SHAPE.sample_rate, case.plan)
+            scene = self.mixer.scene(SECONDS * SHAPE.sample_rate, case.plan)
+            yield case, scene.after_silence(case.silence)
 
 
 class Rows:
@@ -230,6 +238,7 @@ OTHERS = (("clean", "stoi", "clean STOI", 4, True), ("clean", "segsnr hp", "clea
           ("room", "stoi", "room STOI", 4, True), ("noise", "drop", "noise down, late", 1, True),
           ("echo", "drop", "echo down, late", 1, True),
           ("echo", "whole drop", "echo down, whole", 1, True),
+          ("late echo", "drop", "late echo down", 1, True),
           ("double talk", "stoi", "double talk STOI", 3, True),
           ("double talk", "kept", "its voice kept", 1, True),
           ("double talk", "lost", "its words lost %", 1, False))

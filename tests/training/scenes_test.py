@@ -151,6 +151,8 @@ class ValidationTest(WithData):
                for snr in (0.0, 10.0) for i in range(3)]
         few += [validation.Case("noise", "typing", conditions.plan(talks=False, group="typing"), i)
                 for i in range(2)]
+        few.append(validation.Case("late echo", "", conditions.plan(talks=False, noise="none", far_end=True,
+                                                                    echo=0.0), 0))
         line = {"half": ("half", processors.Processor("half", lambda s, echo: s.microphones[1] / 2)),
                 "unprocessed": ("unprocessed", processors.unprocessed())}
         with unittest.mock.patch.object(validation, "cases", lambda quick, times: few):
@@ -170,8 +172,8 @@ class ValidationTest(WithData):
         self.assertIn("worse", validation.judged(*kept, 1, True))
         same = validation.difference(far["half"], far["unprocessed"], "stoi")
         self.assertIn("no difference", validation.judged(*same, 3, True))
-        self.assertAlmostEqual(validation.mean(validation.pick(far["half"], kind="noise"), "drop")[0], 6.02,
-                               places=2)
+        for kind in ("noise", "late echo"):
+            self.assertAlmostEqual(validation.mean(validation.pick(far["half"], kind=kind), "drop")[0], 6.02, places=2)
         self.assertEqual(validation.worst(rows, "half", 2)[0]["side"], "far")
         reached = "\n".join(validation.targets(rows, "half", "unprocessed"))
         self.assertIn("| STOI at 0 dB: +0.040 over unprocessed | -0.040 | **no** |", reached)
