@@ -13,6 +13,7 @@ from pathlib import Path
 
 import plots
 from results import FRAME_US, Results, Spread, growth, overheads, streams_at_most
+from sizes import short_name
 from targets import LABELS, STREAMING_TARGETS, number, quotient, targets
 
 MARKS = {True: "met", False: "**missed**", None: "not measured"}
@@ -113,8 +114,7 @@ def section_stages(r, folder):
     neon = r.counts.get("armv7", {}).get("neon")
     if neon:
         lines += ["", "The functions that take most on ARMv7 with NEON, everything on:", ""]
-        rows = [(f"`{name.replace('(anonymous namespace)::', '').split('(')[0].split()[-1]}`", number(count))
-                for name, count in list(neon["functions"]["full"].items())[:10]]
+        rows = [(f"`{short_name(name)}`", number(count)) for name, count in list(neon["functions"]["full"].items())[:10]]
         lines += table(("", "instructions"), rows)
     return lines
 

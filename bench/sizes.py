@@ -93,4 +93,5 @@ def main():
     Path(sys.argv[1]).write_text(json.dumps(result, indent=1) + "\n")
 
 
-main()
+if __name__ == "__main__":
+    main()
