@@ -1,4 +1,4 @@
-#include "block_engine.h"
+#include "stream/block_engine.h"
 
 #include <algorithm>
 #include <cstring>

@@ -3,9 +3,9 @@
 
 #include "engine/owned_engine.h"
 #include "engine/se_instance.h"
-#include "process_wide.h"
-#include "reference_alignment.h"
-#include "settings.h"
+#include "stream/process_wide.h"
+#include "stream/reference_alignment.h"
+#include "stream/settings.h"
 
 namespace se::stream {
 

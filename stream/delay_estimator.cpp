@@ -22,9 +22,9 @@
 #include <cstring>
 
 #include "common/module_memory.h"
-#include "meters.h"
 #include "speechenhance/speechenhance.h"
 #include "speechenhance/zel_fft.h"
+#include "stream/meters.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "latency.h"
+#include "stream/latency.h"
 
 #include <algorithm>
 #include <numeric>

@@ -4,7 +4,7 @@
 
 #include <cstdint>
 
-#include "rate_converter.h"
+#include "stream/rate_converter.h"
 
 namespace se::stream {
 

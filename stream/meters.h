@@ -4,7 +4,7 @@
 #include <algorithm>
 #include <cmath>
 
-#include "published.h"
+#include "stream/published.h"
 
 namespace se::stream {
 

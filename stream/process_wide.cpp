@@ -1,4 +1,4 @@
-#include "process_wide.h"
+#include "stream/process_wide.h"
 
 #include "nn/quiet_history.h"
 

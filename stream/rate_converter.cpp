@@ -1,4 +1,4 @@
-#include "rate_converter.h"
+#include "stream/rate_converter.h"
 
 #include <speex/speex_resampler.h>
 

@@ -1,4 +1,4 @@
-#include "reference_alignment.h"
+#include "stream/reference_alignment.h"
 
 #include <algorithm>
 #include <new>

@@ -1,4 +1,4 @@
-#include "settings.h"
+#include "stream/settings.h"
 
 #include <cstring>
 

@@ -1,7 +1,7 @@
 // The C interface: arguments are checked here, the work is done in stream_instance.cpp.
 #include <new>
 
-#include "stream_instance.h"
+#include "stream/stream_instance.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "stream_instance.h"
+#include "stream/stream_instance.h"
 
 #include <algorithm>
 #include <cmath>

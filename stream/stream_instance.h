@@ -10,12 +10,12 @@
 #include <cstdint>
 #include <memory>
 
-#include "block_engine.h"
-#include "latency.h"
-#include "meters.h"
-#include "published.h"
-#include "rate_converter.h"
-#include "sample_queue.h"
+#include "stream/block_engine.h"
+#include "stream/latency.h"
+#include "stream/meters.h"
+#include "stream/published.h"
+#include "stream/rate_converter.h"
+#include "stream/sample_queue.h"
 
 struct SEStream {
  public:

@@ -7,7 +7,7 @@
 
 #include "growing_queue.h"
 #include "inputs.h"
-#include "reference_alignment.h"
+#include "stream/reference_alignment.h"
 
 namespace se_tool {
 

@@ -1,5 +1,5 @@
 // How far ahead of its echo the canceller gets the reference.
-#include "reference_alignment.h"
+#include "stream/reference_alignment.h"
 
 #include <gtest/gtest.h>
 
