@@ -3,28 +3,11 @@
 
 #include <cstdint>
 #include <functional>
-#include <optional>
-#include <string>
 
-#include "audio_input.h"
-#include "audio_output.h"
-#include "settings.h"
 #include "statistics.h"
+#include "task.h"
 
 namespace se_tool {
-
-struct Task {
-  std::string mic;
-  std::string ref;              // empty: silence
-  std::optional<int> delay_ms;  // of the echo behind ref, -500 to 500; none: find and follow it
-  std::string output;
-  std::string plot;  // empty: none
-  SoundFormat format = SoundFormat::kWav16;
-  Segment segment;                            // of the recording and of the reference
-  std::uint64_t max_input = kMostInputBytes;  // of what is no regular file
-  bool to_disk = true;                        // do not return before the disk has it
-  Settings settings;
-};
 
 // Called now and then with the samples done and the samples in all.
 using ProgressFunction = std::function<void(std::uint64_t done, std::uint64_t total)>;

@@ -6,8 +6,8 @@
 #include <optional>
 
 #include "audio_input.h"
-#include "enhance.h"
 #include "speechenhance/speechenhance.h"
+#include "task.h"
 
 namespace se_tool {
 

@@ -4,8 +4,8 @@
 #include <string>
 #include <vector>
 
-#include "enhance.h"
 #include "options.h"
+#include "task.h"
 
 namespace se_tool {
 
