@@ -133,17 +133,22 @@ inline void pack_pairs(const Matrix& m, int frames, int channels, std::int16_t* 
 // the denoiser's convolutions do, has many that are, and their weights need not be read.
 struct NonZeroFours {
   int count = 0;
+  bool all;                               // of them, from 0 on: `at` is not filled in
   std::uint16_t at[kMostPackedCols / 4];  // groups, ascending
 
   // Of `n` activations. A last group that is not whole counts, and all do where zeros are not to be
   // looked for.
-  NonZeroFours(const std::int16_t* q, int n, bool look = true) {
+  NonZeroFours(const std::int16_t* q, int n, bool look = true) : all(!look) {
+    if (all) {
+      count = (n + 3) / 4;
+      return;
+    }
     const int whole = n / 4;
     for (int i = 0; i < whole; ++i, q += 4) {
       std::uint32_t two[2];
       std::memcpy(two, q, sizeof two);
       at[count] = static_cast<std::uint16_t>(i);
-      count += (two[0] | two[1]) != 0 || !look ? 1 : 0;
+      count += (two[0] | two[1]) != 0 ? 1 : 0;
     }
     if (4 * whole < n) at[count++] = static_cast<std::uint16_t>(whole);
   }

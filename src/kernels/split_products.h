@@ -57,8 +57,7 @@ struct SplitProducts {
       low[b] = Sums{};
       high[b] = Vector::load(row_sums + b * kLanes) * static_cast<unsigned>(-q.offset);
     });
-    for (int i = 0; i < fours.count; ++i) {
-      const int group = fours.at[i];
+    const auto add_group = [&](int group) SE_INLINE {
       const std::int8_t* const w = weights + group * (kBlocks * kBlockBytes);
       const auto x_low = Vector::broadcast32(q.low + group * kGroup);
       const auto x_high = Vector::broadcast32(q.high + group * kGroup);
@@ -67,6 +66,14 @@ struct SplitProducts {
         Vector::add_products(low[b], x_low, block);
         Vector::add_products(high[b], x_high, block);
       });
+    };
+    // Two groups at a time; what has no list of groups is a tenth faster without one.
+    if (fours.all) {
+#pragma GCC unroll 2
+      for (int group = 0; group < fours.count; ++group) add_group(group);
+    } else {
+#pragma GCC unroll 2
+      for (int i = 0; i < fours.count; ++i) add_group(fours.at[i]);
     }
     unrolled<kBlocks>([&](int b)
                           SE_INLINE { Vector::store(sums + b * kLanes, low[b] + (high[b] << 8)); });
