@@ -36,6 +36,18 @@ void product_rows(const Matrix& m, const Vector& q, std::int32_t* sums) {
   }
 }
 
+// The outputs of four rows from `row` on, of which a position has `rows`: total(p) are their sums
+// at the p-th position.
+template <int kPositions, class Total>
+SE_INLINE inline void store_outputs(const OutputScale& out, int row, int rows, float* y,
+                                    Total total) {
+  const float32x4_t scale = vmulq_n_f32(vld1q_f32(out.scale + row), out.unit);
+  const float32x4_t bias = vld1q_f32(out.bias + row);
+  unrolled<kPositions>([&](int p) SE_INLINE {
+    vst1q_f32(y + p * rows + row, vmlaq_f32(bias, vcvtq_f32_s32(total(p)), scale));
+  });
+}
+
 #if defined(__aarch64__)
 
 // For products of bytes an activation is split in two, x = 128 * high + low with low from 0 to 127;

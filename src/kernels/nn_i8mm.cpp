@@ -159,14 +159,10 @@ __attribute__((noinline)) void convolve_tile(const PackedMatrix& m, const ConvIn
       });
     }
   }
+  y += position * m.rows;
   unrolled<2>([&](int b) SE_INLINE {
-    const int row = first + b * kBlock;
-    const float32x4_t scale = vmulq_n_f32(vld1q_f32(out.scale + row), out.unit);
-    const float32x4_t bias = vld1q_f32(out.bias + row);
-    unrolled<kPositions>([&](int p) SE_INLINE {
-      const float32x4_t total = vcvtq_f32_s32(sum[p][b].total());
-      vst1q_f32(y + (position + p) * m.rows + row, vmlaq_f32(bias, total, scale));
-    });
+    store_outputs<kPositions>(out, first + b * kBlock, m.rows, y,
+                              [&](int p) SE_INLINE { return sum[p][b].total(); });
   });
 }
 

@@ -240,16 +240,10 @@ __attribute__((noinline)) void convolve_tile(const PackedMatrix& m, const ConvIn
                                SE_INLINE { add_column<0>(sum[p], column, vld1_dup_s16(q[p]++)); });
     }
   }
-  const float32x4_t scale_low = vmulq_n_f32(vld1q_f32(out.scale + first), out.unit);
-  const float32x4_t scale_high = vmulq_n_f32(vld1q_f32(out.scale + first + 4), out.unit);
-  const float32x4_t bias_low = vld1q_f32(out.bias + first);
-  const float32x4_t bias_high = vld1q_f32(out.bias + first + 4);
-  y += position * m.rows + first;
-  unrolled<kPositions>([&](int p) SE_INLINE {
-    vst1q_f32(y, vmlaq_f32(bias_low, vcvtq_f32_s32(sum[p].low), scale_low));
-    vst1q_f32(y + 4, vmlaq_f32(bias_high, vcvtq_f32_s32(sum[p].high), scale_high));
-    y += m.rows;
-  });
+  y += position * m.rows;
+  store_outputs<kPositions>(out, first, m.rows, y, [&](int p) SE_INLINE { return sum[p].low; });
+  store_outputs<kPositions>(out, first + 4, m.rows, y,
+                            [&](int p) SE_INLINE { return sum[p].high; });
 }
 
 NnKernels g_plain;  // takes what the packed kernels leave
