@@ -14,6 +14,7 @@ from training import accelerate
 from training.library import SHAPE
 from training.loss import Loss
 from training.network import Denoiser
+from training.optimiser import Optimiser
 from training.train import keep_memory
 
 BATCH, WINDOW = 16, 128  # what training.train takes by default
@@ -32,7 +33,7 @@ class Step:
         self.target = self.mixture * share
         self.far_end = torch.rand(BATCH, WINDOW) < 0.3
         self.fresh = torch.arange(BATCH) % 5 == 0
-        self.optimiser = torch.optim.Adam(self.network.parameters(), lr=1e-4)
+        self.optimiser = Optimiser(self.network)
 
     def run(self) -> list[float]:
         """Seconds that the CPU worked for each part: others may share it."""
@@ -44,11 +45,10 @@ class Step:
         loss, _ = self.loss(cut, self.mixture, self.target, self.cosine, self.far_end)
         loss.backward()
         tick()
-        self.optimiser.zero_grad()
         values.backward(cut.grad)
         tick()
         torch.nn.utils.clip_grad_norm_(self.network.parameters(), 1.0)
-        self.optimiser.step()
+        self.optimiser.step(1e-4)
         self.network.constrain()
         tick()
         return [b - a for a, b in zip(times, times[1:])]

@@ -75,7 +75,7 @@ class Scene:
 
 def draw_plan(rng: np.random.Generator, ease: float = 0.0) -> Plan:
     """`ease` from 0 to 1 takes noise and echo down, for a run that begins with easy scenes."""
-    far_end = rng.random() < 0.5
+    far_end = rng.random() < 0.4
     echo = -np.inf
     if far_end:
         kind = rng.choice(["far", "double", "unheard"], p=[0.28, 0.64, 0.08])
@@ -85,11 +85,11 @@ def draw_plan(rng: np.random.Generator, ease: float = 0.0) -> Plan:
         noise = rng.choice(["none", "real", "synthetic"], p=[0.4, 0.4, 0.2])
         snr = rng.uniform(5, 45)
     else:
-        kind = rng.choice(["noisy", "nearly clean", "noise", "clean"], p=[0.47, 0.24, 0.24, 0.05])
+        kind = rng.choice(["noisy", "nearly clean", "noise", "clean"], p=[0.6, 0.16, 0.19, 0.05])
         talks = kind != "noise"
         noise = rng.choice(list(NOISES), p=[p[0 if talks else 1] for p in NOISES.values()])
         snr = rng.uniform(25, 50) if kind == "nearly clean" else rng.uniform(-8, 30)
-        if kind == "noisy" and rng.random() < 0.4:
+        if kind == "noisy" and rng.random() < 0.6:
             snr = rng.uniform(-8, 10)
         if kind == "noisy" and noise in ("behind", "television"):
             snr = rng.uniform(2, 25)  # as loud as the talker, nothing tells which is which

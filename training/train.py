@@ -26,11 +26,11 @@ from training.errors import TrainingError, reported_briefly
 from training.library import SHAPE
 from training.loss import SEGMENT, Loss, Weights
 from training.network import Denoiser
+from training.optimiser import Optimiser
 from training.scenes import Mixer
 from training.streams import Renderers, Streams
 
 GRADIENT_LIMIT = 1.0
-NORMALISATION_RATE = 3.0  # learning rate of the normalisation scales over the others'
 WARM_UP_STEPS = 50
 
 
@@ -157,12 +157,9 @@ class Trainer:
         self.average = {k: v.to(self.device) for k, v in average.items()}
         self.loss = Loss(Weights(**{f.name: getattr(arguments, f.name)
                                     for f in dataclasses.fields(Weights)}), self.device)
-        scales = [p for n, p in self.network.named_parameters() if "gamma" in n or "beta" in n]
-        rest = [p for n, p in self.network.named_parameters() if "gamma" not in n and "beta" not in n]
-        self.optimiser = torch.optim.Adam([{"params": rest, "factor": 1.0},
-                                           {"params": scales, "factor": NORMALISATION_RATE}], lr=0.0,
-                                          betas=(0.9, 0.98))
         self.parameters = list(self.network.parameters())
+        self.optimiser = Optimiser(self.network)
+        self.rate = 0.0
         seed = arguments.seed if arguments.seed is not None else self.counters["steps"]
         make_streams = functools.partial(open_streams, arguments, [seed, rank], arguments.reuse,
                                          self.hours())
@@ -206,13 +203,10 @@ class Trainer:
         if not torch.isfinite(loss):
             raise TrainingError(f"the loss became {loss.item()} after {self.steps} steps; "
                                 f"{self.arguments.checkpoint} holds the last good state")
-        rate = learning_rate(self.arguments, self.progress(), self.steps)
-        for group in self.optimiser.param_groups:
-            group["lr"] = rate * group["factor"]
-        self.optimiser.zero_grad()
         loss.backward()
         torch.nn.utils.clip_grad_norm_(self.parameters, GRADIENT_LIMIT)
-        self.optimiser.step()
+        self.rate = learning_rate(self.arguments, self.progress(), self.steps)
+        self.optimiser.step(self.rate)
         self.network.constrain()
         self.steps += 1
         for name, value in {"loss": loss, **parts}.items():
@@ -241,7 +235,7 @@ class Trainer:
                 f"{arguments.checkpoint.stem}-{hours:05.0f}h"))
         count = self.steps - self.reported_steps
         line = {"time": time.strftime("%H:%M:%S"), **totals,
-                "hours_of_audio": round(hours, 2), "rate": self.optimiser.param_groups[0]["lr"],
+                "hours_of_audio": round(hours, 2), "rate": self.rate,
                 "frames_per_second_and_process": round(count * frames / (now - self.reported)),
                 **{k: round(v / count, 5) for k, v in self.sums.items()},
                 "weights": dataclasses.asdict(self.loss.weights)}

@@ -10,6 +10,7 @@ import torch
 
 from training import audio, checkpoint, network
 from training.errors import TrainingError
+from training.optimiser import GATE_RATE, Muon, Optimiser, orthogonalise
 
 
 class TrainTest(WithData):
@@ -41,6 +42,26 @@ class TrainTest(WithData):
         self.assertEqual(third.returncode, 1)
         self.assertIn("the loss became nan", third.stderr)
         self.assertEqual(path.read_bytes(), good)
+
+    def test_every_direction_of_a_gate_moves_alike(self):
+        torch.manual_seed(4)
+        for rows, columns in ((40, 24), (24, 40)):
+            u, v = (torch.linalg.qr(torch.randn(3, n, 24)).Q for n in (rows, columns))
+            weak = torch.logspace(0, -2, 24).diag()
+            values = torch.linalg.svdvals(orthogonalise(u @ weak @ v.mT))
+            self.assertLess((values - 1).abs().max(), 0.2)
+        moved = network.Denoiser()
+        before = {name: p.detach().clone() for name, p in moved.named_parameters()}
+        optimiser = Optimiser(moved)
+        for p in moved.parameters():
+            p.grad = torch.randn_like(p) * 1e-3
+        optimiser.step(1e-3)
+        for name, p in moved.named_parameters():
+            self.assertIsNone(p.grad)
+            mean = (p.detach() - before[name]).square().mean().sqrt().item()
+            kind, wanted = (("gate", Muon.SHARE * GATE_RATE * 1e-3) if "weight_" in name else
+                            ("scale", 3e-3) if "gamma" in name or "beta" in name else ("rest", 1e-3))
+            self.assertAlmostEqual(mean / wanted, 1, delta=0.15, msg=f"{name}, a {kind}")
 
     def test_unusable_input_is_named(self):
         with self.assertRaisesRegex(TrainingError, "run training.prepare"):
